@@ -1,0 +1,30 @@
+// Feeds arbitrary bytes to the request dispatcher, first unlocked and then
+// locked. A reply, no reply or the fatal path are the only allowed endings.
+#include <cstddef>
+#include <cstdint>
+
+#include "agent/dispatch.h"
+#include "agent/handlers.h"
+#include "log/log.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static bool quiet = (log_init("fuzz", 0, 1), true);
+    (void)quiet;
+    if (size > 0x50000)
+        return 0;
+    for (bool locked : {false, true}) {
+        agent_set_locked(locked);
+        RequestContext ctx;
+        ctx.connection = 1;
+        buffer_append(&ctx.input, data, static_cast<uint32_t>(size));
+        try {
+            dispatch_request(&ctx);
+        } catch (const FatalError &) {
+            continue;
+        }
+        if (buffer_len(&ctx.output) > 131072)
+            __builtin_trap();
+    }
+    return 0;
+}

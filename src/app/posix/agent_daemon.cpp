@@ -1,0 +1,217 @@
+#include "app/posix/agent_daemon.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "app/message_processor.h"
+#include "app/posix/agent_server.h"
+#include "app/posix/folders.h"
+#include "app/posix/single_instance.h"
+#include "log/agent_log.h"
+#include "log/log.h"
+
+namespace {
+
+int stop_pipe[2] = {-1, -1};
+
+void request_stop()
+{
+    char byte = 1;
+    ssize_t ignored = write(stop_pipe[1], &byte, 1);
+    (void)ignored;
+}
+
+void on_stop_signal(int) { request_stop(); }
+
+void install_signal_handlers()
+{
+    signal(SIGPIPE, SIG_IGN);
+    struct sigaction action = {};
+    action.sa_handler = on_stop_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
+}
+
+// The process holds private keys: no core files, no ptrace by other
+// processes of the user.
+void disable_core_dumps()
+{
+    struct rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+#ifdef PR_SET_DUMPABLE
+    prctl(PR_SET_DUMPABLE, 0);
+#endif
+}
+
+char shell_style(char requested)
+{
+    if (requested)
+        return requested;
+    const char *shell = getenv("SHELL");
+    size_t n = shell ? strlen(shell) : 0;
+    return n >= 3 && strcmp(shell + n - 3, "csh") == 0 ? 'c' : 's';
+}
+
+void print_shell_lines(char style, const std::string &socket, pid_t pid)
+{
+    if (shell_style(style) == 'c')
+        printf("setenv SSH_AUTH_SOCK %s;\nsetenv SSH_AGENT_PID %d;\n", socket.c_str(), static_cast<int>(pid));
+    else
+        printf("SSH_AUTH_SOCK=%s; export SSH_AUTH_SOCK;\nSSH_AGENT_PID=%d; export SSH_AGENT_PID;\n", socket.c_str(),
+               static_cast<int>(pid));
+    printf("echo Agent pid %d;\n", static_cast<int>(pid));
+    fflush(stdout);
+}
+
+struct Runtime {
+    AgentFolders folders;
+    InstanceLock lock;
+    int listen_fd = -1;
+};
+
+Runtime runtime;
+
+// Also registered as a fatal clean-up, so that a fatal error leaves no
+// socket or lock file behind.
+void remove_runtime_files(void *)
+{
+    if (runtime.listen_fd >= 0) {
+        close(runtime.listen_fd);
+        runtime.listen_fd = -1;
+        unlink(runtime.folders.agent_socket.c_str());
+    }
+    instance_lock_release(&runtime.lock);
+}
+
+void detach_from_terminal()
+{
+    setsid();
+    int null_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null_fd >= 0) {
+        dup2(null_fd, STDIN_FILENO);
+        dup2(null_fd, STDOUT_FILENO);
+        dup2(null_fd, STDERR_FILENO);
+        if (null_fd > STDERR_FILENO)
+            close(null_fd);
+    }
+    if (chdir("/") != 0) {
+        // Staying in the start folder is harmless.
+    }
+}
+
+void main_loop()
+{
+    struct pollfd fds[2] = {{runtime.listen_fd, POLLIN, 0}, {stop_pipe[0], POLLIN, 0}};
+    for (;;) {
+        if (poll(fds, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            agent_log("poll failed: %s", strerror(errno));
+            return;
+        }
+        if (fds[1].revents)
+            return;
+        if (fds[0].revents & POLLIN)
+            agent_server_accept(runtime.listen_fd);
+    }
+}
+
+}  // namespace
+
+int run_agent(const AgentOptions &options)
+{
+    runtime.folders = agent_folders(options.socket_path, options.data_dir, options.log_dir);
+    for (const std::string *folder : {&runtime.folders.runtime, &runtime.folders.data, &runtime.folders.log}) {
+        std::string problem = ensure_private_folder(*folder);
+        if (!problem.empty()) {
+            fprintf(stderr, "tkeyagent: %s\n", problem.c_str());
+            return 1;
+        }
+    }
+    agent_log_install(runtime.folders.log, options.debug);
+    disable_core_dumps();
+
+    std::string message;
+    if (!instance_lock_acquire(&runtime.lock, runtime.folders.lock_file, &message)) {
+        if (!message.empty()) {
+            fprintf(stderr, "tkeyagent: %s\n", message.c_str());
+            return 1;
+        }
+        agent_log("Key Agent already running. Exit.");
+        print_shell_lines(options.shell_style, runtime.folders.agent_socket,
+                          instance_lock_holder(runtime.folders.lock_file));
+        return 0;
+    }
+    runtime.listen_fd = agent_server_listen(runtime.folders.agent_socket, &message);
+    if (runtime.listen_fd < 0) {
+        fprintf(stderr, "tkeyagent: %s\n", message.c_str());
+        instance_lock_release(&runtime.lock);
+        return 1;
+    }
+    if (pipe2(stop_pipe, O_CLOEXEC) != 0) {
+        fprintf(stderr, "tkeyagent: cannot create a pipe: %s\n", strerror(errno));
+        remove_runtime_files(nullptr);
+        return 1;
+    }
+
+    if (!options.foreground) {
+        fflush(stdout);
+        pid_t child = fork();
+        if (child < 0) {
+            fprintf(stderr, "tkeyagent: cannot fork: %s\n", strerror(errno));
+            remove_runtime_files(nullptr);
+            return 1;
+        }
+        if (child > 0) {
+            print_shell_lines(options.shell_style, runtime.folders.agent_socket, child);
+            _exit(0);
+        }
+        instance_lock_write_pid(&runtime.lock, getpid());
+        detach_from_terminal();
+    } else {
+        print_shell_lines(options.shell_style, runtime.folders.agent_socket, getpid());
+    }
+
+    install_signal_handlers();
+    fatal_add_cleanup(remove_runtime_files, nullptr);
+    set_fatal_shutdown_handler(request_stop);
+    if (options.owner)
+        agent_log("Started for owner window %lld", options.owner);
+
+    message_processor_start();
+    agent_log("Key Agent started ===========");
+
+    main_loop();
+
+    agent_log("Key Agent stopped ===========");
+    close(runtime.listen_fd);
+    runtime.listen_fd = -1;
+    unlink(runtime.folders.agent_socket.c_str());
+    agent_server_close_connections();
+    message_processor_stop();
+    fatal_remove_cleanup(remove_runtime_files, nullptr);
+    remove_runtime_files(nullptr);
+    return 0;
+}
+
+int stop_running_agent(const AgentOptions &options)
+{
+    AgentFolders folders = agent_folders(options.socket_path, options.data_dir, options.log_dir);
+    pid_t pid = instance_lock_holder(folders.lock_file);
+    if (pid <= 0 || kill(pid, SIGTERM) != 0) {
+        fprintf(stderr, "tkeyagent: no agent is running for %s\n", folders.agent_socket.c_str());
+        return 2;
+    }
+    printf("unset SSH_AUTH_SOCK;\nunset SSH_AGENT_PID;\necho Agent pid %d killed;\n", static_cast<int>(pid));
+    return 0;
+}

@@ -1,0 +1,21 @@
+// Command line of tkeyagent.
+#pragma once
+
+#include <string>
+
+struct AgentOptions {
+    bool foreground = false;  // -D or -d
+    bool debug = false;       // -d: log lines to standard error as well
+    bool kill = false;        // -k
+    char shell_style = 0;     // 's' Bourne, 'c' C shell, 0 from $SHELL
+    std::string socket_path;  // -a
+    std::string data_dir;
+    std::string log_dir;
+    long long owner = 0;
+};
+
+// Parses argv; on a usage error returns false with `message` set. Sets
+// `help` when --help was asked for.
+bool parse_agent_options(int argc, char **argv, AgentOptions *options, bool *help, std::string *message);
+
+extern const char *const AGENT_USAGE;

@@ -1,0 +1,247 @@
+#include "log/agent_log.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <strings.h>
+
+#include "log/log.h"
+#include "platform/platform.h"
+
+std::string format_with_zero_arguments(const char *text)
+{
+    std::string out;
+    for (const char *p = text; *p;) {
+        if (*p != '%') {
+            out += *p++;
+            continue;
+        }
+        const char *start = p++;
+        if (*p == '%') {
+            out += '%';
+            ++p;
+            continue;
+        }
+        std::string spec = "%";
+        while (*p && strchr("-+ #0'", *p))
+            spec += *p++;
+        while (*p && (isdigit(static_cast<unsigned char>(*p)) || *p == '*' || *p == '.')) {
+            if (*p != '*')
+                spec += *p;
+            ++p;
+        }
+        while (*p && strchr("hlLqjzt", *p))
+            ++p;
+        char conversion = *p;
+        if (conversion == '\0') {
+            out.append(start);
+            break;
+        }
+        ++p;
+        char piece[256] = {};
+        if (strchr("diouxXc", conversion)) {
+            if (conversion == 'c')
+                continue;
+            snprintf(piece, sizeof piece, (spec + conversion).c_str(), 0);
+        } else if (strchr("eEfFgGaA", conversion)) {
+            snprintf(piece, sizeof piece, (spec + conversion).c_str(), 0.0);
+        } else if (conversion == 's') {
+            snprintf(piece, sizeof piece, (spec + 's').c_str(), "(null)");
+        } else if (conversion == 'p') {
+            snprintf(piece, sizeof piece, "(nil)");
+        } else if (conversion == 'n') {
+            continue;
+        } else {
+            out.append(start, p);
+            continue;
+        }
+        out += piece;
+    }
+    return out;
+}
+
+void agent_log(const char *fmt, ...)
+{
+    char format[LOG_MESSAGE_MAX];
+    snprintf(format, sizeof format, "keyagent: %s", fmt);
+    char message[LOG_MESSAGE_MAX];
+    va_list args;
+    va_start(args, fmt);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    vsnprintf(message, sizeof message, format, args);
+#pragma GCC diagnostic pop
+    va_end(args);
+    logit("%s", format_with_zero_arguments(message).c_str());
+}
+
+const char *log_file_name_for_component(int component)
+{
+    switch (component) {
+    case 1: return "kvlSSLlog.txt";
+    case 2:
+    case 3: return "kvlSSHlog.txt";
+    case 4: return "tAgentLog.txt";
+    case 5: return "kvlUIlog.txt";
+    default: return "kvlLog.txt";
+    }
+}
+
+namespace {
+
+const char *component_key(int component)
+{
+    switch (component) {
+    case 1: return "ssl";
+    case 2:
+    case 3: return "ssh";
+    case 4: return "agent";
+    default: return nullptr;
+    }
+}
+
+const char *component_name(int component)
+{
+    switch (component) {
+    case 1: return "SSL";
+    case 2:
+    case 3: return "SSH";
+    case 4: return "Agent";
+    case 5: return "UI";
+    default: return "KVL";
+    }
+}
+
+std::string join_path(const std::string &folder, const char *name)
+{
+    if (folder.empty())
+        return name;
+    return folder.back() == platform_path_separator() ? folder + name : folder + platform_path_separator() + name;
+}
+
+}  // namespace
+
+void log_file_configure(LogFileState *state, int component, const std::string &folder)
+{
+    state->component = component;
+    state->forced = false;
+    state->append = false;
+    std::string configured_path;
+
+    std::ifstream control(join_path(folder, "kvllog.ini"), std::ios::binary);
+    std::string line;
+    while (control && std::getline(control, line)) {
+        if (line.size() > 1023)
+            line.resize(1023);
+        if (line.size() < 2 || line[0] == '#' || line[0] == '\r' || line[0] == '\n')
+            continue;
+        size_t split = line.find_first_of("=\r\n");
+        std::string key = line.substr(0, split);
+        std::string value;
+        if (split != std::string::npos && line[split] == '=') {
+            value = line.substr(split + 1);
+            value = value.substr(0, value.find_first_of("\r\n"));
+        }
+        if (strcasecmp(key.c_str(), "append") == 0) {
+            state->append = strcasecmp(value.c_str(), "no") != 0;
+        } else if (const char *own = component_key(component); own && strcasecmp(key.c_str(), own) == 0) {
+            state->forced = true;
+            if (!value.empty())
+                configured_path = value;
+        }
+    }
+    state->enabled = state->forced;
+    state->path = configured_path.empty() ? join_path(folder, log_file_name_for_component(component))
+                                          : configured_path;
+}
+
+void log_file_set_enabled(LogFileState *state, bool enable, const char *program)
+{
+    char line[LOG_MESSAGE_MAX];
+    if (state->forced) {
+        snprintf(line, sizeof line, "%s Log Setting %s ignored. Log Enabled by KVLLOG.INI.",
+                 component_name(state->component), enable ? "Enable" : "Disable");
+        log_file_write(state, nullptr, line);
+        return;
+    }
+    if (enable == state->enabled)
+        return;
+    LocalTime t = platform_local_time();
+    if (enable) {
+        if (!state->append)
+            platform_remove_file(state->path);
+        state->enabled = true;
+        if (state->component == LOG_COMPONENT_AGENT)
+            snprintf(line, sizeof line, "Agent Log Setting Enabled (%s version %u.%u.%u) %02u/%02u/%04u", program,
+                     AGENT_VERSION_MAJOR, AGENT_VERSION_MINOR, AGENT_VERSION_BUILD, t.month, t.day, t.year);
+        else
+            snprintf(line, sizeof line, "%s Started (%s version %u.%u.%u) %02u/%02u/%04u",
+                     component_name(state->component), program, AGENT_VERSION_MAJOR, AGENT_VERSION_MINOR,
+                     AGENT_VERSION_BUILD, t.month, t.day, t.year);
+        log_file_write(state, nullptr, line);
+    } else {
+        log_file_write(state, nullptr, "Agent Log Setting Disabled. Stop logging.");
+        state->enabled = false;
+    }
+}
+
+void log_file_write(LogFileState *state, const char *prefix, const char *text)
+{
+    if (!state->enabled || text == nullptr || *text == '\0')
+        return;
+    std::string line;
+    if (prefix == nullptr) {
+        LocalTime t = platform_local_time();
+        char stamp[32];
+        snprintf(stamp, sizeof stamp, "(%02u:%02u:%02u:%03u) ", t.hour, t.minute, t.second, t.millisecond);
+        line = stamp;
+        if (state->component == 2 || state->component == 3)
+            line += "[tssh] ";
+    } else if (*prefix) {
+        line = std::string(prefix) + " ";
+    }
+    line += text;
+    if (line.back() != '\n')
+        line += '\n';
+    platform_append_locked(state->path, line);
+}
+
+namespace {
+
+struct AgentLogSink {
+    std::mutex lock;
+    bool copy_to_stderr = false;
+};
+
+AgentLogSink &agent_log_sink()
+{
+    static AgentLogSink sink;
+    return sink;
+}
+
+void agent_log_callback(int, const char *line, void *)
+{
+    AgentLogSink &sink = agent_log_sink();
+    std::lock_guard<std::mutex> guard(sink.lock);
+    log_file_write(&agent_log_file(), nullptr, line);
+    if (sink.copy_to_stderr)
+        fprintf(stderr, "%s\n", line);
+}
+
+}  // namespace
+
+LogFileState &agent_log_file()
+{
+    static LogFileState state;
+    return state;
+}
+
+void agent_log_install(const std::string &log_folder, bool copy_to_stderr)
+{
+    log_file_configure(&agent_log_file(), LOG_COMPONENT_AGENT, log_folder);
+    agent_log_sink().copy_to_stderr = copy_to_stderr;
+    log_init("key agent", SYSLOG_LEVEL_DEBUG3, 1, agent_log_callback, nullptr);
+}

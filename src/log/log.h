@@ -1,0 +1,56 @@
+// Leveled logger shared by every subsystem, and the fatal path.
+#pragma once
+
+#include <cstdarg>
+#include <stdexcept>
+
+enum LogLevel {
+    SYSLOG_LEVEL_FATAL = 1,
+    SYSLOG_LEVEL_ERROR = 2,
+    SYSLOG_LEVEL_INFO = 3,
+    SYSLOG_LEVEL_VERBOSE = 4,
+    SYSLOG_LEVEL_DEBUG1 = 5,
+    SYSLOG_LEVEL_DEBUG2 = 6,
+    SYSLOG_LEVEL_DEBUG3 = 7,
+};
+
+// Bodies are formatted into a buffer of this size; longer ones are cut.
+constexpr int LOG_MESSAGE_MAX = 2048;
+
+// Receives every finished line that passes the threshold.
+using LogCallback = void (*)(int level, const char *line, void *context);
+
+// The program's own non-continuable exception, raised by fatal() once the
+// registered clean-ups have run. Code 0x60000000 mirrors the Windows build.
+class FatalError : public std::runtime_error {
+public:
+    static constexpr unsigned code = 0x60000000u;
+    explicit FatalError(const char *message) : std::runtime_error(message) {}
+};
+
+void log_init(const char *name, int level, int facility, LogCallback callback = nullptr, void *context = nullptr);
+void log_set_callback(LogCallback callback, void *context);
+int log_level();
+const char *log_name();
+
+void do_log(int level, const char *fmt, va_list args) __attribute__((format(printf, 2, 0)));
+// Logs an already formatted text as it stands.
+void do_log_text(int level, const char *text);
+
+[[noreturn]] void fatal(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void logit(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void verbose(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void debug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void debug2(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void debug3(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Name lookups for configuration text ("INFO", "DEBUG2", "LOCAL3" ...);
+// -1 when the name is unknown.
+int log_level_number(const char *name);
+int log_facility_number(const char *name);
+
+using CleanupFunction = void (*)(void *);
+void fatal_add_cleanup(CleanupFunction function, void *argument);
+void fatal_remove_cleanup(CleanupFunction function, void *argument);
+[[noreturn]] void fatal_cleanup();

@@ -1,0 +1,48 @@
+// The few operating-system services the portable core needs. One
+// implementation per platform lives beside this header; nothing else in the
+// core includes a platform header.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct LocalTime {
+    unsigned year, month, day, hour, minute, second, millisecond;
+};
+
+LocalTime platform_local_time();
+
+// Appends `data` to the file at `path` (created 0600 if missing) while holding
+// an exclusive cross-process lock on it, so that writers of several processes
+// never interleave. Returns false when the file cannot be opened or written.
+bool platform_append_locked(const std::string &path, const std::string &data);
+
+std::string platform_user_name();
+std::string platform_host_name();
+
+// Overwrites the file's contents with zeros, flushes them to disk and removes
+// the file. Returns false when the file could not be removed (a missing file
+// counts as destroyed).
+bool platform_destroy_file(const std::string &path);
+
+// Restricts a finished file to its owner and flushes it and its folder to disk.
+bool platform_complete_file(const std::string &path);
+
+// Renames `from` over `to` atomically and flushes the folder.
+bool platform_replace_file(const std::string &from, const std::string &to);
+
+bool platform_remove_file(const std::string &path);
+bool platform_file_exists(const std::string &path);
+
+// Folder of the running executable, with a trailing separator.
+std::string platform_executable_dir();
+
+// Dynamic libraries.
+void *platform_load_library(const std::string &path);
+void *platform_library_symbol(void *library, const char *name);
+std::string platform_library_error();
+
+// Milliseconds since an arbitrary fixed point; used for connection identifiers.
+uint64_t platform_tick_count();
+
+char platform_path_separator();

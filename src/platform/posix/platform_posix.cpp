@@ -1,0 +1,181 @@
+#include "platform/platform.h"
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+bool write_all(int fd, const char *data, size_t size)
+{
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string parent_folder(const std::string &path)
+{
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool sync_folder(const std::string &folder)
+{
+    int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool ok = fsync(fd) == 0;
+    close(fd);
+    return ok;
+}
+
+}  // namespace
+
+LocalTime platform_local_time()
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    struct tm tm;
+    localtime_r(&tv.tv_sec, &tm);
+    return {static_cast<unsigned>(tm.tm_year + 1900), static_cast<unsigned>(tm.tm_mon + 1),
+            static_cast<unsigned>(tm.tm_mday), static_cast<unsigned>(tm.tm_hour),
+            static_cast<unsigned>(tm.tm_min), static_cast<unsigned>(tm.tm_sec),
+            static_cast<unsigned>(tv.tv_usec / 1000)};
+}
+
+bool platform_append_locked(const std::string &path, const std::string &data)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return false;
+    // flock, unlike a named semaphore, is released by the kernel when a
+    // writer dies while holding it.
+    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    bool ok = write_all(fd, data.data(), data.size());
+    flock(fd, LOCK_UN);
+    close(fd);
+    return ok;
+}
+
+std::string platform_user_name()
+{
+    struct passwd pw, *result = nullptr;
+    std::vector<char> scratch(16384);
+    if (getpwuid_r(getuid(), &pw, scratch.data(), scratch.size(), &result) == 0 && result && pw.pw_name)
+        return pw.pw_name;
+    return std::to_string(getuid());
+}
+
+std::string platform_host_name()
+{
+    char name[HOST_NAME_MAX + 1] = {};
+    if (gethostname(name, sizeof name - 1) != 0)
+        return "localhost";
+    return name;
+}
+
+bool platform_destroy_file(const std::string &path)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return errno == ENOENT;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        std::vector<char> zeros(65536, 0);
+        off_t left = st.st_size;
+        while (left > 0) {
+            size_t chunk = left > static_cast<off_t>(zeros.size()) ? zeros.size() : static_cast<size_t>(left);
+            if (!write_all(fd, zeros.data(), chunk))
+                break;
+            left -= static_cast<off_t>(chunk);
+        }
+        fsync(fd);
+    }
+    close(fd);
+    bool removed = unlink(path.c_str()) == 0 || errno == ENOENT;
+    sync_folder(parent_folder(path));
+    return removed;
+}
+
+bool platform_complete_file(const std::string &path)
+{
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool ok = fchmod(fd, 0600) == 0;
+    ok = fsync(fd) == 0 && ok;
+    close(fd);
+    return sync_folder(parent_folder(path)) && ok;
+}
+
+bool platform_replace_file(const std::string &from, const std::string &to)
+{
+    if (rename(from.c_str(), to.c_str()) != 0)
+        return false;
+    return sync_folder(parent_folder(to));
+}
+
+bool platform_remove_file(const std::string &path)
+{
+    return unlink(path.c_str()) == 0 || errno == ENOENT;
+}
+
+bool platform_file_exists(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+std::string platform_executable_dir()
+{
+    char path[PATH_MAX + 1] = {};
+    ssize_t n = readlink("/proc/self/exe", path, PATH_MAX);
+    if (n <= 0)
+        return "./";
+    std::string full(path, static_cast<size_t>(n));
+    return full.substr(0, full.find_last_of('/') + 1);
+}
+
+void *platform_load_library(const std::string &path)
+{
+    return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+}
+
+void *platform_library_symbol(void *library, const char *name)
+{
+    return library ? dlsym(library, name) : nullptr;
+}
+
+std::string platform_library_error()
+{
+    const char *text = dlerror();
+    return text ? text : "";
+}
+
+uint64_t platform_tick_count()
+{
+    using namespace std::chrono;
+    return static_cast<uint64_t>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
+char platform_path_separator() { return '/'; }

@@ -1,0 +1,88 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include "support/agent_process.h"
+
+TEST(AgentSocket, FramingOverTheRealSocket)
+{
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+
+    struct stat st;
+    ASSERT_EQ(stat(agent.socket_path().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_EQ(stat((agent.root() / "run").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+    AgentClient client(agent.socket_path());
+    ASSERT_TRUE(client.connected());
+    // Two requests in one write are both answered on this transport.
+    Bytes two = frame(hex_bytes("d5"));
+    Bytes zero_length = hex_bytes("00000000");
+    Bytes ping = frame(hex_bytes("d5"));
+    two.insert(two.end(), zero_length.begin(), zero_length.end());
+    two.insert(two.end(), ping.begin(), ping.end());
+    client.send_bytes(two);
+    EXPECT_EQ(client.read_reply(), hex_bytes("00000001 66"));
+    EXPECT_EQ(client.read_reply(), hex_bytes("00000001 66"));
+
+    // An oversized request is refused without an answer; its body is read
+    // and thrown away, and the next request is served.
+    Bytes oversized = hex_bytes("00040001");
+    oversized.resize(4 + 0x40001, 0x0b);
+    client.send_bytes(oversized);
+    EXPECT_EQ(client.request(frame(hex_bytes("d5"))), hex_bytes("00000001 66"));
+
+    // A request split across writes is joined.
+    client.send_bytes(hex_bytes("00"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    client.send_bytes(hex_bytes("000001 d5"));
+    EXPECT_EQ(client.read_reply(), hex_bytes("00000001 66"));
+
+    EXPECT_EQ(agent.stop(), 0);
+    std::string log = agent.log_text();
+    EXPECT_NE(log.find("keyagent: Client request too large. Ignored"), std::string::npos);
+    EXPECT_NE(log.find("keyagent: Key Agent stopped ==========="), std::string::npos);
+    EXPECT_NE(log.find("keyagent: Process message thread stopped."), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(agent.socket_path()));
+    EXPECT_FALSE(std::filesystem::exists(agent.root() / "run" / "agent.lock"));
+}
+
+TEST(AgentSocket, SingleInstanceAndPrivateFolders)
+{
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start());
+    // A second start prints the running agent's lines and exits 0.
+    std::vector<std::string> args = agent.base_args();
+    args.push_back("-s");
+    std::string out = (agent.root() / "second.txt").string();
+    pid_t second = AgentProcess::spawn(args, out, out);
+    EXPECT_EQ(AgentProcess::wait_exit(second), 0);
+    std::string printed = AgentProcess::read_file(out);
+    EXPECT_NE(printed.find("SSH_AUTH_SOCK=" + agent.socket_path() + "; export SSH_AUTH_SOCK;"), std::string::npos);
+    EXPECT_NE(printed.find("SSH_AGENT_PID=" + std::to_string(agent.pid())), std::string::npos);
+    EXPECT_NE(printed.find("Key Agent already running. Exit."), std::string::npos);
+    EXPECT_EQ(agent.stop(SIGINT), 0);
+
+    // A data folder open to others is refused with exit status 1.
+    std::filesystem::create_directories(agent.data_dir());
+    chmod(agent.data_dir().c_str(), 0755);
+    std::string err = (agent.root() / "refused.txt").string();
+    pid_t refused = AgentProcess::spawn(agent.base_args(), err, err);
+    EXPECT_EQ(AgentProcess::wait_exit(refused), 1);
+    EXPECT_NE(AgentProcess::read_file(err).find("has mode 755"), std::string::npos);
+}
+
+TEST(AgentSocket, OpenSshClientTalksToTheAgent)
+{
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start());
+    std::string out = (agent.root() / "ssh-add.txt").string();
+    pid_t ssh_add = AgentProcess::spawn({"/usr/bin/ssh-add", "-l"}, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
+    int status = AgentProcess::wait_exit(ssh_add);
+    // The agent answers (the list request is served even while locked), so
+    // ssh-add does not report a connection failure (status 2).
+    EXPECT_NE(status, 2) << AgentProcess::read_file(out);
+    EXPECT_NE(agent.log_text().find("Processing client request SSH2_AGENTC_REQUEST_IDENTITIES (11)"), std::string::npos);
+}

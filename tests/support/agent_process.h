@@ -1,0 +1,194 @@
+// Starts the real tkeyagent in a private folder and talks to it over its
+// socket.
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "support/bytes.h"
+
+class AgentProcess {
+public:
+    explicit AgentProcess(std::vector<std::string> extra_args = {}, const std::string &name = "agent")
+    {
+        root_ = std::filesystem::temp_directory_path() /
+                ("tarnwell-" + name + "-" + std::to_string(getpid()) + "-" + std::to_string(counter()++));
+        std::filesystem::remove_all(root_);
+        std::filesystem::create_directories(root_);
+        std::filesystem::permissions(root_, std::filesystem::perms::owner_all);
+        extra_args_ = std::move(extra_args);
+    }
+    ~AgentProcess()
+    {
+        stop();
+        std::filesystem::remove_all(root_);
+    }
+
+    std::filesystem::path root() const { return root_; }
+    std::string socket_path() const { return (root_ / "run" / "agent.sock").string(); }
+    std::string data_dir() const { return (root_ / "data").string(); }
+    std::string log_dir() const { return (root_ / "log").string(); }
+    std::string stderr_path() const { return (root_ / "stderr.txt").string(); }
+    std::string stdout_path() const { return (root_ / "stdout.txt").string(); }
+    pid_t pid() const { return pid_; }
+
+    std::vector<std::string> base_args() const
+    {
+        return {TKEYAGENT_PATH, "-d", "-a", socket_path(), "--data-dir", data_dir(), "--log-dir", log_dir()};
+    }
+
+    // Starts the agent and waits for its socket; false if it did not come up.
+    bool start()
+    {
+        std::vector<std::string> args = base_args();
+        args.insert(args.end(), extra_args_.begin(), extra_args_.end());
+        pid_ = spawn(args, stdout_path(), stderr_path());
+        for (int i = 0; i < 200; ++i) {
+            if (std::filesystem::exists(socket_path()))
+                return true;
+            int status;
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+
+    // SIGTERM and wait; returns the exit status.
+    int stop(int signal_number = SIGTERM)
+    {
+        if (pid_ > 0) {
+            kill(pid_, signal_number);
+            exit_status_ = wait_exit(pid_);
+            pid_ = -1;
+        }
+        return exit_status_;
+    }
+
+    static int wait_exit(pid_t pid)
+    {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    static pid_t spawn(const std::vector<std::string> &args, const std::string &out, const std::string &err,
+                       const std::vector<std::string> &env = {})
+    {
+        pid_t pid = fork();
+        if (pid == 0) {
+            FILE *o = freopen(out.c_str(), "a", stdout);
+            FILE *e = freopen(err.c_str(), "a", stderr);
+            (void)o;
+            (void)e;
+            for (const auto &assignment : env)
+                putenv(const_cast<char *>(assignment.c_str()));
+            std::vector<char *> argv;
+            for (const auto &a : args)
+                argv.push_back(const_cast<char *>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        return pid;
+    }
+
+    std::string log_text() const { return read_file(stderr_path()); }
+
+    static std::string read_file(const std::string &path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+private:
+    static int &counter()
+    {
+        static int n = 0;
+        return n;
+    }
+    std::filesystem::path root_;
+    std::vector<std::string> extra_args_;
+    pid_t pid_ = -1;
+    int exit_status_ = -1;
+};
+
+// One client connection to an agent socket.
+class AgentClient {
+public:
+    explicit AgentClient(const std::string &path)
+    {
+        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        struct sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+        connected_ = connect(fd_, reinterpret_cast<struct sockaddr *>(&address), sizeof address) == 0;
+        struct timeval limit = {10, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    }
+    ~AgentClient() { close(fd_); }
+    bool connected() const { return connected_; }
+
+    void send_bytes(const Bytes &bytes) { (void)!::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+    // Reads one framed reply; empty when none arrives within `timeout_ms`.
+    Bytes read_reply(int timeout_ms = 10000)
+    {
+        struct timeval limit = {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        Bytes header(4);
+        if (!read_exact(header.data(), 4))
+            return {};
+        uint32_t n = static_cast<uint32_t>(header[0]) << 24 | header[1] << 16 | header[2] << 8 | header[3];
+        Bytes reply = header;
+        reply.resize(4 + n);
+        if (!read_exact(reply.data() + 4, n))
+            return {};
+        return reply;
+    }
+
+    Bytes request(const Bytes &framed)
+    {
+        send_bytes(framed);
+        return read_reply();
+    }
+
+    // True when the agent closed the connection.
+    bool closed_by_peer(int timeout_ms = 5000)
+    {
+        struct timeval limit = {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        uint8_t byte;
+        return ::recv(fd_, &byte, 1, 0) == 0;
+    }
+
+private:
+    bool read_exact(uint8_t *data, size_t size)
+    {
+        while (size > 0) {
+            ssize_t n = ::recv(fd_, data, size, 0);
+            if (n <= 0)
+                return false;
+            data += n;
+            size -= static_cast<size_t>(n);
+        }
+        return true;
+    }
+    int fd_ = -1;
+    bool connected_ = false;
+};
