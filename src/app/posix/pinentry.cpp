@@ -7,11 +7,13 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "log/agent_log.h"
+#include "platform/posix/fd_io.h"
 
 namespace {
 
@@ -41,26 +43,21 @@ public:
 
     bool start()
     {
-        int to_child[2], from_child[2];
-        if (pipe2(to_child, O_CLOEXEC) != 0)
+        // A socket pair rather than pipes: writing to a pinentry that has
+        // already gone is then an error, not a SIGPIPE.
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
             return false;
-        if (pipe2(from_child, O_CLOEXEC) != 0) {
-            close(to_child[0]);
-            close(to_child[1]);
-            return false;
-        }
         std::string program = pinentry_program();
         pid_ = fork();
         if (pid_ == 0) {
-            dup2(to_child[0], STDIN_FILENO);
-            dup2(from_child[1], STDOUT_FILENO);
+            dup2(ends[1], STDIN_FILENO);
+            dup2(ends[1], STDOUT_FILENO);
             execlp(program.c_str(), program.c_str(), static_cast<char *>(nullptr));
             _exit(127);
         }
-        close(to_child[0]);
-        close(from_child[1]);
-        to_ = to_child[1];
-        from_ = from_child[0];
+        close(ends[1]);
+        fd_ = ends[0];
         if (pid_ < 0)
             return false;
         std::string greeting;
@@ -71,7 +68,7 @@ public:
     bool command(const std::string &line, SecretString *data = nullptr)
     {
         std::string out = line + "\n";
-        if (!write_all(out))
+        if (!fd_write_all(fd_, out.data(), out.size()))
             return false;
         for (;;) {
             std::string reply;
@@ -86,7 +83,7 @@ public:
                 data->append(text);
                 wipe_memory(text.data(), text.size());
             } else if (reply.rfind("INQUIRE", 0) == 0) {
-                write_all("CAN\n");
+                fd_write_all(fd_, "CAN\n", 4);
             }
             wipe_memory(reply.data(), reply.size());
         }
@@ -94,14 +91,10 @@ public:
 
     void finish()
     {
-        if (to_ >= 0) {
-            write_all("BYE\n");
-            close(to_);
-            to_ = -1;
-        }
-        if (from_ >= 0) {
-            close(from_);
-            from_ = -1;
+        if (fd_ >= 0) {
+            fd_write_all(fd_, "BYE\n", 4);
+            close(fd_);
+            fd_ = -1;
         }
         if (pid_ > 0) {
             // Give it a moment to leave on its own after BYE, then end it.
@@ -119,22 +112,6 @@ public:
     }
 
 private:
-    bool write_all(const std::string &text)
-    {
-        const char *p = text.data();
-        size_t left = text.size();
-        while (left > 0) {
-            ssize_t n = write(to_, p, left);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                return false;
-            p += n;
-            left -= static_cast<size_t>(n);
-        }
-        return true;
-    }
-
     bool read_line(std::string *line)
     {
         line->clear();
@@ -150,14 +127,14 @@ private:
                                                                               std::chrono::steady_clock::now());
             if (left.count() <= 0)
                 return false;
-            struct pollfd fd = {from_, POLLIN, 0};
+            struct pollfd fd = {fd_, POLLIN, 0};
             int ready = poll(&fd, 1, static_cast<int>(left.count()));
             if (ready < 0 && errno == EINTR)
                 continue;
             if (ready <= 0)
                 return false;
             char chunk[1024];
-            ssize_t n = read(from_, chunk, sizeof chunk);
+            ssize_t n = read(fd_, chunk, sizeof chunk);
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
@@ -169,7 +146,7 @@ private:
 
     std::chrono::steady_clock::time_point deadline_;
     pid_t pid_ = -1;
-    int to_ = -1, from_ = -1;
+    int fd_ = -1;
     SecretString pending_;
 };
 
