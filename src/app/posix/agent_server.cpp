@@ -17,6 +17,7 @@
 #include "agent/handlers.h"
 #include "agent/protocol.h"
 #include "app/message_processor.h"
+#include "app/posix/peer_check.h"
 #include "log/agent_log.h"
 #include "platform/posix/fd_io.h"
 
@@ -93,52 +94,7 @@ void serve_connection(int fd, uint64_t handle)
     state.ended.notify_all();
 }
 
-bool peer_is_this_user(int fd)
-{
-    struct ucred cred;
-    socklen_t size = sizeof cred;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) {
-        agent_log("Refused a client: its credentials cannot be read (%s)", strerror(errno));
-        return false;
-    }
-    if (cred.uid != getuid()) {
-        agent_log("Refused a client of uid %u (pid %d): only uid %u may use this agent",
-                  static_cast<unsigned>(cred.uid), static_cast<int>(cred.pid), static_cast<unsigned>(getuid()));
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
-
-int agent_server_listen(const std::string &path, std::string *message)
-{
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        *message = "socket path too long: " + path;
-        return -1;
-    }
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
-
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        *message = std::string("cannot create socket: ") + strerror(errno);
-        return -1;
-    }
-    // The caller holds the instance lock, so a socket file left here belongs
-    // to an agent that is gone.
-    unlink(path.c_str());
-    mode_t old_mask = umask(0177);
-    int bound = bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address);
-    umask(old_mask);
-    if (bound != 0 || chmod(path.c_str(), 0600) != 0 || listen(fd, 128) != 0) {
-        *message = "cannot listen on " + path + ": " + strerror(errno);
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
 
 void agent_server_accept(int listen_fd)
 {
