@@ -8,6 +8,7 @@
 #include "crypto/fips_policy.h"
 #include "crypto/signature_types.h"
 #include "keys/key_fingerprint.h"
+#include "support/agent_process.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -163,4 +164,18 @@ TEST(SignatureTypes, SettingsAndTheirLogLines)
     set_x509dsa_sigtype(1);
     EXPECT_EQ(get_x509dsa_sigtype(), 1);
     set_x509dsa_sigtype(0);
+}
+
+TEST(CryptoModule, AgentFindsTheLibraryBesideItsExecutable)
+{
+    // tkeyagent has no run path to the build folder: only the lookup beside
+    // the executable can find the library.
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start());
+    agent.stop();
+    std::string log = agent.log_text();
+    EXPECT_NE(log.find("Using Crypto library version 3."), std::string::npos) << log;
+    EXPECT_NE(log.find("Crypto module initialization succeeded"), std::string::npos);
+    EXPECT_NE(log.find("Setting PKI to use non-FIPS"), std::string::npos);
+    EXPECT_NE(log.find("Crypto module cleanup called."), std::string::npos);
 }
