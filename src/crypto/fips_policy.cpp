@@ -1,9 +1,8 @@
 #include "crypto/fips_policy.h"
 
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
+
+#include "crypto/crypto_module.h"
 
 namespace {
 std::atomic<bool> fips_flag{false};
@@ -11,12 +10,8 @@ std::atomic<bool> fips_flag{false};
 
 bool crypto_fips_required()
 {
-    const char *env = getenv("TARNWELL_FIPS");
-    if (env && strcmp(env, "1") == 0)
-        return true;
-    std::ifstream kernel("/proc/sys/crypto/fips_enabled");
-    int value = 0;
-    return kernel >> value && value == 1;
+    const CryptoApi *api = crypto_module_get();
+    return api && api->fips_required();
 }
 
 void crypto_fips_flag_set(bool enabled) { fips_flag = enabled; }

@@ -2,12 +2,14 @@
 #pragma once
 
 // True when FIPS rules apply: the flag fixed by the crypto module's
-// initialisation, else whatever the platform's FIPS-required query says now.
+// initialisation, else whatever the module's FIPS-required query says now,
+// so that a demanded FIPS mode holds even before the initialisation.
 bool crypto_fips_enabled();
 
 // Fixed once, by the crypto module's initialisation.
 void crypto_fips_flag_set(bool enabled);
 
-// The platform demands FIPS mode: /proc/sys/crypto/fips_enabled reads 1, or
-// the environment variable TARNWELL_FIPS is 1.
+// The crypto module's FIPS-required query: on POSIX true when
+// /proc/sys/crypto/fips_enabled reads 1 or the environment variable
+// TARNWELL_FIPS is 1. False while the module cannot be loaded.
 bool crypto_fips_required();

@@ -38,6 +38,8 @@ bool platform_file_exists(const std::string &path);
 std::string platform_executable_dir();
 
 // Dynamic libraries.
+// File name of the crypto module library ("libtarnwell-pki.so").
+const char *platform_crypto_module_file();
 void *platform_load_library(const std::string &path);
 void *platform_library_symbol(void *library, const char *name);
 std::string platform_library_error();

@@ -143,6 +143,8 @@ std::string platform_executable_dir()
     return full.substr(0, full.find_last_of('/') + 1);
 }
 
+const char *platform_crypto_module_file() { return "libtarnwell-pki.so"; }
+
 void *platform_load_library(const std::string &path)
 {
     return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);

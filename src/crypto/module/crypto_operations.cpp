@@ -1,0 +1,78 @@
+// The crypto module's FIPS, property, random-generator and version operations
+// over OpenSSL 3.
+#include "crypto/module/crypto_operations.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/provider.h>
+#include <openssl/rand.h>
+
+namespace {
+
+bool kernel_fips_enabled()
+{
+    std::ifstream kernel("/proc/sys/crypto/fips_enabled");
+    int value = 0;
+    return kernel >> value && value == 1;
+}
+
+// The FIPS provider has to be present before the default property query may
+// ask for it: with "fips=yes" and no provider every later fetch would fail.
+// The default provider stays loaded next to it, because fingerprints fetch
+// MD5 with "fips=no".
+bool fips_provider_ready()
+{
+    if (OSSL_PROVIDER_available(nullptr, "fips"))
+        return true;
+    static OSSL_PROVIDER *default_provider = OSSL_PROVIDER_load(nullptr, "default");
+    static OSSL_PROVIDER *fips_provider = OSSL_PROVIDER_load(nullptr, "fips");
+    (void)default_provider;
+    ERR_clear_error();
+    return fips_provider != nullptr;
+}
+
+}  // namespace
+
+int module_fips_required()
+{
+    const char *env = getenv("TARNWELL_FIPS");
+    if (env && strcmp(env, "1") == 0)
+        return 1;
+    return kernel_fips_enabled() ? 1 : 0;
+}
+
+int module_fips_enforcement_level()
+{
+    if (EVP_default_properties_is_fips_enabled(nullptr))
+        return 2;
+    return module_fips_required() ? 1 : 0;
+}
+
+const char *module_fips_state_text()
+{
+    return EVP_default_properties_is_fips_enabled(nullptr) ? "enabled" : "disabled";
+}
+
+int module_set_fips_state(int enabled)
+{
+    if (enabled && !fips_provider_ready())
+        return 0;
+    return EVP_default_properties_enable_fips(nullptr, enabled ? 1 : 0);
+}
+
+int module_set_default_properties(const char *query) { return EVP_set_default_properties(nullptr, query); }
+
+// On this platform the system-wide demand is the kernel's FIPS switch; the
+// environment variable stands for the program's own settings.
+int module_fips_set_by_policy() { return kernel_fips_enabled() ? 1 : 0; }
+
+int module_prng_status() { return RAND_status(); }
+
+const char *module_version_text() { return OpenSSL_version(OPENSSL_VERSION_STRING); }
+
+const char *module_version_detail() { return OpenSSL_version(OPENSSL_PLATFORM); }

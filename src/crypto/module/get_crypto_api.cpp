@@ -1,0 +1,25 @@
+// The crypto module library's one export.
+#include "crypto/module/crypto_operations.h"
+
+extern "C" __attribute__((visibility("default"))) const CryptoApi *GetCryptoApi()
+{
+    static const CryptoApi api = {
+        module_fips_required,
+        module_fips_enforcement_level,
+        module_fips_state_text,
+        module_set_fips_state,
+        module_set_default_properties,
+        module_fips_set_by_policy,
+        module_prng_status,
+        module_version_text,
+        module_version_detail,
+        module_pki_new,
+        module_pki_delete,
+        module_pki_set_log_callback,
+        module_pki_set_fips,
+        module_pki_initialize,
+        module_pki_terminate,
+        module_pki_ca_chain,
+    };
+    return &api;
+}

@@ -1,0 +1,22 @@
+// Small accessors for OpenSSL key material, shared by the key, blob and
+// certificate code.
+#pragma once
+
+#include "crypto/ossl_ptr.h"
+#include "keys/secure_memory.h"
+
+// A key of `type_name` ("RSA", "DSA", "EC") from built parameters;
+// `selection` as for EVP_PKEY_fromdata. Null on failure.
+PkeyPtr pkey_from_params(const char *type_name, OSSL_PARAM_BLD *builder, int selection);
+
+// A new key holding only the public half (and the domain parameters).
+PkeyPtr pkey_public_copy(const EVP_PKEY *pkey);
+
+// One big-number parameter (OSSL_PKEY_PARAM_RSA_N ...); null if absent.
+BnPtr pkey_get_bn(const EVP_PKEY *pkey, const char *param);
+
+// The curve nid of an EC key; -1 for other keys or curves without a nid.
+int pkey_ec_curve_nid(const EVP_PKEY *pkey);
+
+// The encoded public point of an EC key, as the key holds it; empty if none.
+SecureBytes pkey_ec_public_octets(const EVP_PKEY *pkey);

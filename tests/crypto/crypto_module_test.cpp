@@ -1,0 +1,181 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "crypto/crypto_module.h"
+#include "crypto/fips_policy.h"
+#include "crypto/signature_types.h"
+#include "keys/key_fingerprint.h"
+#include "support/agent_process.h"
+#include "support/log_capture.h"
+
+namespace {
+
+// Switches FIPS mode on through the environment for one scope and restores
+// the process state after it.
+struct FipsEnvironment {
+    FipsEnvironment() { setenv("TARNWELL_FIPS", "1", 1); }
+    ~FipsEnvironment()
+    {
+        unsetenv("TARNWELL_FIPS");
+        crypto_fips_flag_set(false);
+    }
+};
+
+// A table that differs from the library's in what a test needs, put in
+// place for one scope.
+struct ReplacedApi {
+    CryptoApi api;
+    const CryptoApi *previous;
+    ReplacedApi() : api(*crypto_module_get()), previous(nullptr) {}
+    void install() { previous = crypto_module_replace_api(&api); }
+    ~ReplacedApi() { crypto_module_replace_api(nullptr); }
+};
+
+std::vector<std::string> property_calls;
+int record_properties(const char *query)
+{
+    property_calls.push_back(query);
+    return 1;
+}
+
+// Index of each text in order; -1 when missing or out of order.
+bool in_order(LogCapture &log, std::initializer_list<const char *> texts)
+{
+    int last = -1;
+    auto lines = log.lines();
+    for (const char *text : texts) {
+        int found = -1;
+        for (size_t i = static_cast<size_t>(last + 1); i < lines.size(); ++i)
+            if (lines[i].find(text) != std::string::npos) {
+                found = static_cast<int>(i);
+                break;
+            }
+        if (found < 0) {
+            ADD_FAILURE() << "missing or out of order: " << text;
+            return false;
+        }
+        last = found;
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(CryptoModule, LoadsTheLibraryAndItsTable)
+{
+    const CryptoApi *api = crypto_module_get();
+    ASSERT_NE(api, nullptr);
+    EXPECT_EQ(crypto_module_get(), api);
+    EXPECT_FALSE(std::string(api->version_text()).empty());
+    EXPECT_EQ(api->prng_status(), 1);
+    EXPECT_EQ(crypto_check_prng(), 0);
+}
+
+TEST(CryptoModule, InitialisationWithoutFips)
+{
+    LogCapture log;
+    unsetenv("TARNWELL_FIPS");
+    EXPECT_EQ(crypto_module_init(0), 0);
+    EXPECT_TRUE(in_order(log, {"Initialize and load the Crypto Module...", "Using Crypto library version ",
+                               "Global FIPS state is disabled", "Connection configured to run without FIPS",
+                               "Global FIPS state is disabled", "Crypto module initialization succeeded"}));
+    EXPECT_FALSE(log.contains("FIPS mode set via"));
+    EXPECT_FALSE(log.contains("FIPS mode is not supported on ARM64."));
+    EXPECT_FALSE(log.contains("Global FIPS state could not be set."));
+    EXPECT_FALSE(crypto_fips_enabled());
+    log.clear();
+    EXPECT_EQ(crypto_module_cleanup(), 0);
+    EXPECT_TRUE(log.contains("Crypto module cleanup called."));
+}
+
+TEST(CryptoModule, InitialisationUnderFipsRequirement)
+{
+    FipsEnvironment fips;
+    LogCapture log;
+    EXPECT_TRUE(crypto_fips_enabled());  // honoured before initialisation too
+    EXPECT_EQ(crypto_module_init(0), 0);
+    // No FIPS provider is installed here: the library refuses the global
+    // state, and the program's own rules still apply.
+    EXPECT_TRUE(in_order(log, {"Connection configured to run with FIPS", "Global FIPS state could not be set.",
+                               "FIPS mode set via settings (not group policy)", "Global FIPS state is",
+                               "Crypto module initialization succeeded", "FIPS mode is not supported on ARM64."}));
+    unsetenv("TARNWELL_FIPS");
+    EXPECT_TRUE(crypto_fips_enabled());  // the flag holds now
+
+    // What FIPS mode changes: MD5 certificate signatures are a fatal
+    // configuration error; MD5 fingerprints still work.
+    EXPECT_THROW(set_x509rsa_sigtype(0), FatalError);
+    EXPECT_TRUE(log.contains("FIPS config error: X509 must use sha1 based signiture."));
+    KeyPtr key = key_generate(KEY_ECDSA, 256);
+    EXPECT_EQ(key_fingerprint(key.get(), SSH_FP_MD5, SSH_FP_HEX).size(), 47u);
+}
+
+TEST(CryptoModule, UnseededRandomGeneratorIsLoggedNotFatal)
+{
+    ReplacedApi replaced;
+    replaced.api.prng_status = [] { return 0; };
+    replaced.install();
+    LogCapture log;
+    EXPECT_EQ(crypto_check_prng(), CRYPTO_PRNG_NOT_SEEDED);
+    log.clear();
+    EXPECT_EQ(crypto_module_init(0), CRYPTO_PRNG_NOT_SEEDED);
+    EXPECT_TRUE(in_order(log, {"PRNG is not sufficiently seeded.", "Crypto module initialization failed"}));
+}
+
+TEST(CryptoModule, PropertyGuardActsOnlyWhenFipsIsEnforced)
+{
+    ReplacedApi replaced;
+    replaced.api.set_default_properties = record_properties;
+    replaced.api.fips_enforcement_level = [] { return 2; };
+    replaced.install();
+    property_calls.clear();
+    {
+        FipsPropertyGuard guard;
+        EXPECT_EQ(property_calls, std::vector<std::string>{"?fips=yes"});
+    }
+    EXPECT_EQ(property_calls, (std::vector<std::string>{"?fips=yes", "fips=yes"}));
+
+    replaced.api.fips_enforcement_level = [] { return 1; };
+    property_calls.clear();
+    { FipsPropertyGuard guard; }
+    EXPECT_TRUE(property_calls.empty());
+}
+
+TEST(SignatureTypes, SettingsAndTheirLogLines)
+{
+    LogCapture log;
+    set_x509rsa_sigtype(2);
+    EXPECT_EQ(get_x509rsa_sigtype(), 2);
+    EXPECT_TRUE(log.contains("x509rsa sigtype=2"));
+    set_x509rsa_sigtype(7);
+    EXPECT_EQ(get_x509rsa_sigtype(), 3);
+    EXPECT_TRUE(log.contains("invalid x509rsa sigtype=7, switched to default=3"));
+    set_x509rsa_sigtype(0);  // allowed outside FIPS mode
+    EXPECT_EQ(get_x509rsa_sigtype(), 0);
+    set_x509rsa_sigtype(3);
+
+    log.clear();
+    set_x509dsa_sigtype(5);
+    EXPECT_EQ(get_x509dsa_sigtype(), 0);
+    EXPECT_TRUE(in_order(log, {"invalid x509dsa sigtype=5, switched to default=0", "x509dsa sigtype=0"}));
+    set_x509dsa_sigtype(1);
+    EXPECT_EQ(get_x509dsa_sigtype(), 1);
+    set_x509dsa_sigtype(0);
+}
+
+TEST(CryptoModule, AgentFindsTheLibraryBesideItsExecutable)
+{
+    // tkeyagent has no run path to the build folder: only the lookup beside
+    // the executable can find the library.
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start());
+    agent.stop();
+    std::string log = agent.log_text();
+    EXPECT_NE(log.find("Using Crypto library version 3."), std::string::npos) << log;
+    EXPECT_NE(log.find("Crypto module initialization succeeded"), std::string::npos);
+    EXPECT_NE(log.find("Setting PKI to use non-FIPS"), std::string::npos);
+    EXPECT_NE(log.find("Crypto module cleanup called."), std::string::npos);
+}

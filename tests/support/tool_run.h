@@ -1,0 +1,95 @@
+// Runs command-line tools (ssh-keygen, openssl) in a private temporary
+// folder, and decodes what they print.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <openssl/evp.h>
+
+#include "support/bytes.h"
+
+// A folder of mode 0700, removed with everything in it.
+class TempFolder {
+public:
+    TempFolder()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "tarnwell-test-XXXXXX").string();
+        path_ = mkdtemp(pattern.data()) ? pattern : std::string();
+    }
+    ~TempFolder()
+    {
+        if (!path_.empty())
+            std::filesystem::remove_all(path_);
+    }
+    TempFolder(const TempFolder &) = delete;
+    TempFolder &operator=(const TempFolder &) = delete;
+    std::string path(const std::string &name = "") const { return name.empty() ? path_ : path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+struct ToolResult {
+    int status = -1;
+    std::string output;  // standard output and standard error
+};
+
+inline ToolResult run_tool(const std::string &command)
+{
+    ToolResult result;
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe)
+        return result;
+    char chunk[4096];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0)
+        result.output.append(chunk, n);
+    result.status = pclose(pipe);
+    return result;
+}
+
+inline std::string read_text_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+inline Bytes base64_decode(const std::string &text)
+{
+    Bytes out(text.size());
+    int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(text.data()),
+                            static_cast<int>(text.size()));
+    if (n < 0)
+        return {};
+    size_t padding = 0;
+    for (size_t i = text.size(); i > 0 && text[i - 1] == '='; --i)
+        ++padding;
+    out.resize(static_cast<size_t>(n) - padding);
+    return out;
+}
+
+// The blob of a one-line public key file ("ssh-rsa AAAA... comment").
+inline Bytes public_line_blob(const std::string &path)
+{
+    std::istringstream line(read_text_file(path));
+    std::string name, data;
+    line >> name >> data;
+    return base64_decode(data);
+}
+
+// The word after `prefix` in `text` ("MD5:" in "2048 MD5:aa:bb... comment").
+inline std::string word_after(const std::string &text, const std::string &prefix)
+{
+    size_t at = text.find(prefix);
+    if (at == std::string::npos)
+        return {};
+    at += prefix.size();
+    return text.substr(at, text.find_first_of(" \n", at) - at);
+}
