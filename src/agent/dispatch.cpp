@@ -1,6 +1,7 @@
 #include "agent/dispatch.h"
 
 #include "agent/handlers.h"
+#include "agent/identity_table.h"
 #include "agent/protocol.h"
 #include "agent/reply.h"
 #include "log/agent_log.h"

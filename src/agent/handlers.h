@@ -28,6 +28,3 @@ void agent_set_locked(bool locked);
 
 // Drops the forwarding notice recorded for a connection that has ended.
 void forwarding_notice_connection_closed(uint64_t connection);
-
-// Removes identities whose lifetime has run out; run before every request.
-void remove_expired_identities();

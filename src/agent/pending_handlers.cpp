@@ -1,6 +1,7 @@
 // Handlers whose subsystems are not built yet. Each answers its family's
 // failure reply, so clients get a clear refusal rather than silence.
 #include "agent/handlers.h"
+#include "agent/key_store.h"
 #include "agent/reply.h"
 
 void handle_list_identities(RequestContext *ctx, int, int) { reply_failure(ctx); }
@@ -16,5 +17,7 @@ void handle_unregister_refresh(RequestContext *ctx) { reply_failure(ctx); }
 void handle_forwarding_notice(RequestContext *ctx, int) { reply_failure(ctx); }
 void handle_version_request(RequestContext *ctx) { reply_failure(ctx); }
 void handle_ping(RequestContext *ctx) { reply_failure(ctx); }
-void remove_expired_identities() {}
 void forwarding_notice_connection_closed(uint64_t) {}
+void save_key_store() {}
+void load_public_key_store() {}
+void load_private_key_store() {}

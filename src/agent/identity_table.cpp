@@ -1,0 +1,168 @@
+#include "agent/identity_table.h"
+
+#include <array>
+#include <ctime>
+#include <strings.h>
+
+#include "agent/key_store.h"
+#include "keys/key.h"
+#include "keys/key_fingerprint.h"
+#include "log/agent_log.h"
+#include "log/log.h"
+
+namespace {
+
+// Entry 0 is never used: tables are indexed by protocol version.
+std::array<IdentityTable, 3> &tables()
+{
+    static std::array<IdentityTable, 3> all;
+    return all;
+}
+
+// Removes every identity of both tables for which `doomed` holds, logging
+// `why`; returns how many went.
+template <class Predicate>
+int sweep(Predicate doomed, const char *why)
+{
+    int removed = 0;
+    for (int version = 1; version <= 2; ++version) {
+        IdentityTable *table = identity_table_for_version(version);
+        for (auto it = table->identities.begin(); it != table->identities.end();) {
+            Identity *identity = (it++)->get();  // successor taken before the record may go
+            if (!doomed(*identity))
+                continue;
+            agent_log("Removing key: %s - %s", identity->key ? identity->key->name.c_str() : "", why);
+            identity_remove(table, identity);
+            ++removed;
+        }
+    }
+    return removed;
+}
+
+// Compares `key` with the entry's key seen as its plain type.
+bool equal_as_plain_key(Key *entry, const Key *key)
+{
+    int saved = entry->type;
+    entry->type = plain_key_type(saved);
+    bool equal = key_equal(entry, key) != 0;
+    entry->type = saved;
+    return equal;
+}
+
+}  // namespace
+
+bool is_certificate_type(int type) { return type == KEY_X509_RSA || type == KEY_X509_DSA || type == KEY_X509_ECDSA; }
+
+int plain_key_type(int type)
+{
+    switch (type) {
+    case KEY_X509_RSA: return KEY_RSA;
+    case KEY_X509_DSA: return KEY_DSA;
+    case KEY_X509_ECDSA: return KEY_ECDSA;
+    default: return type;
+    }
+}
+
+IdentityTable *identity_table_for_version(int version)
+{
+    if (version != 1 && version != 2)
+        fatal("internal error, bad protocol version %d", version);
+    return &tables()[static_cast<size_t>(version)];
+}
+
+void identity_tables_init()
+{
+    for (IdentityTable &table : tables()) {
+        table.identities.clear();
+        table.nentries = table.ncerts = 0;
+    }
+}
+
+int identity_add(IdentityTable *table, std::unique_ptr<Identity> identity)
+{
+    if (table == nullptr || identity == nullptr)
+        return -1;
+    if (identity->key)
+        identity->key->sigalg = nullptr;
+    if (identity->key && is_certificate_type(identity->key->type))
+        ++table->ncerts;
+    table->identities.push_back(std::move(identity));
+    return ++table->nentries;
+}
+
+int identity_remove(IdentityTable *table, Identity *identity)
+{
+    if (table == nullptr || identity == nullptr)
+        return -1;
+    bool certificate = identity->key && is_certificate_type(identity->key->type);
+    table->identities.remove_if([&](const std::unique_ptr<Identity> &entry) { return entry.get() == identity; });
+    if (table->nentries > 0)
+        --table->nentries;
+    if (certificate)
+        --table->ncerts;
+    if (table->ncerts > table->nentries)
+        table->ncerts = table->nentries;
+    if (table->ncerts < 0)
+        table->ncerts = 0;
+    return table->nentries;
+}
+
+Identity *lookup_identity(const Key *key, int version)
+{
+    for (const auto &entry : identity_table_for_version(version)->identities)
+        if (entry->key && key && entry->key->type == key->type && key_equal(entry->key.get(), key))
+            return entry.get();
+    return nullptr;
+}
+
+Identity *lookup_identity_as_key(const Key *key, int version)
+{
+    for (const auto &entry : identity_table_for_version(version)->identities)
+        if (entry->key && key && equal_as_plain_key(entry->key.get(), key))
+            return entry.get();
+    return nullptr;
+}
+
+std::string make_identity_name(const Key *key)
+{
+    char base[128];
+    snprintf(base, sizeof base, "id_%s_%u", key_type(key), key_size(key));
+    for (unsigned attempt = 1;; ++attempt) {
+        std::string candidate = attempt == 1 ? base : std::string(base) + "_" + std::to_string(attempt);
+        bool taken = false;
+        for (int version = 1; version <= 2 && !taken; ++version)
+            for (const auto &entry : identity_table_for_version(version)->identities)
+                if (entry->key && strcasecmp(entry->key->name.c_str(), candidate.c_str()) == 0) {
+                    taken = true;
+                    break;
+                }
+        if (!taken)
+            return candidate;
+    }
+}
+
+std::unique_ptr<Identity> make_identity_record(KeyPtr key, std::optional<std::string> comment, int64_t death,
+                                               uint32_t confirm, uint32_t temporary)
+{
+    auto identity = std::make_unique<Identity>();
+    identity->key = std::move(key);
+    identity->comment = std::move(comment);
+    identity->death = death;
+    identity->confirm = confirm;
+    identity->temporary = temporary;
+    return identity;
+}
+
+void remove_expired_identities()
+{
+    const int64_t now = static_cast<int64_t>(time(nullptr));
+    int removed = sweep([now](const Identity &identity) { return identity.death != 0 && now >= identity.death; },
+                        "lifetime has expired");
+    if (removed > 0)
+        save_key_store();
+}
+
+void remove_temporary_identities()
+{
+    sweep([](const Identity &identity) { return identity.temporary != 0; }, "key only temporary");
+}
