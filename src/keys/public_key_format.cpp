@@ -1,0 +1,268 @@
+#include "keys/public_key_format.h"
+
+#include <cstring>
+#include <sstream>
+
+#include <openssl/evp.h>
+
+#include "keys/key_blob.h"
+#include "keys/key_fingerprint.h"
+#include "log/log.h"
+#include "pki/kvl.h"
+
+namespace {
+
+struct SourceMarker {
+    const char *text;
+    uint32_t source;
+};
+
+// Looked for in this order.
+constexpr SourceMarker markers[] = {
+    {"#CERT_SYSTEM", CERT_SOURCE_SYSTEM},
+    {"#CERT_TARNWELL", CERT_SOURCE_TARNWELL},
+    {"#CERT_PKCS11", CERT_SOURCE_PKCS11},
+};
+
+const char *marker_text(uint32_t source)
+{
+    for (const auto &m : markers)
+        if (m.source == source)
+            return m.text;
+    return nullptr;
+}
+
+std::string base64(const uint8_t *data, size_t len)
+{
+    std::string out(4 * ((len + 2) / 3) + 1, '\0');
+    int n = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(out.data()), data, static_cast<int>(len));
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return out;
+}
+
+// The certificate providers that resolve a reference are not part of this
+// agent: a reference whose certificate is not at hand finds nothing.
+KeyPtr certificate_by_reference(uint32_t, const uint8_t *, size_t) { return nullptr; }
+
+}  // namespace
+
+int key_get_type(const char **line, uint32_t *cert_source)
+{
+    if (line == nullptr || *line == nullptr)
+        return KEY_NULL;
+    const char *text = *line;
+    const char *blank = strchr(text, ' ');
+    if (blank == nullptr) {
+        debug3("key_get_type: missing whitespace");
+        return KEY_UNSPEC;
+    }
+    std::string name(text, blank);
+    uint32_t source = CERT_SOURCE_NONE;
+    for (const auto &m : markers) {
+        auto at = name.find(m.text);
+        if (at != std::string::npos) {
+            name.resize(at);
+            source = m.source;
+            break;
+        }
+    }
+    int type = key_type_from_name(name.c_str());
+    if (type == KEY_UNSPEC) {
+        debug3("key_get_type: missing keytype");
+        return KEY_UNSPEC;
+    }
+    if (blank[1] == '\0') {
+        debug3("key_get_type: short string");
+        return KEY_UNSPEC;
+    }
+    if (cert_source)
+        *cert_source = source;
+    *line = blank + 1;
+    return type;
+}
+
+int key_read(Key *key, const char **line)
+{
+    uint32_t source = CERT_SOURCE_NONE;
+    int type = key_get_type(line, &source);
+    if (type == KEY_UNSPEC) {
+        debug3("key_read: missing keytype");
+        return -1;
+    }
+    if (key->type == KEY_UNSPEC) {
+        key->type = type;
+    } else if (key->type != type) {
+        debug3("key_read: type mismatch");
+        return -2;
+    }
+    return key_read_by_type(key, type, source, line);
+}
+
+int key_read_by_type(Key *key, int type, uint32_t cert_source, const char **line)
+{
+    const char *text = *line;
+    SecureBytes decoded(2 * strlen(text) + 4);
+    int len = uudecode(text, decoded.data(), decoded.size());
+    if (len < 0) {
+        debug3("key_read_by_type: uudecode %s failed", text);
+        return -1;
+    }
+    KeyPtr found = cert_source != CERT_SOURCE_NONE
+                       ? certificate_by_reference(cert_source, decoded.data(), static_cast<size_t>(len))
+                       : key_from_blob(decoded.data(), static_cast<uint32_t>(len));
+    if (!found) {
+        debug3("key_read_by_type: key_from_blob %s failed", text);
+        return -1;
+    }
+    if (found->type != type) {
+        debug3("key_read_by_type: type mismatch: encoding error");
+        return -1;
+    }
+    key->pkey = std::move(found->pkey);
+    key->ecdsa_nid = found->ecdsa_nid;
+    key->cert = std::move(found->cert);
+    key->cert_source = cert_source != CERT_SOURCE_NONE ? cert_source : found->cert_source;
+    while (*text == ' ' || *text == '\t')
+        ++text;
+    while (*text && *text != ' ' && *text != '\t')
+        ++text;
+    *line = text;
+    return 1;
+}
+
+std::string key_line(const Key *key, bool with_comment)
+{
+    std::string line;
+    if (key == nullptr)
+        return line;
+    if (key->type == KEY_X509_RSA || key->type == KEY_X509_DSA || key->type == KEY_X509_ECDSA) {
+        const char *marker = marker_text(key->cert_source);
+        if (marker == nullptr || !key->cert)
+            return line;
+        KVL::Bytes hash = KVL::Cert(key->cert.get()).GetPubKeyHash();
+        line = std::string(key_ssh_name(key)) + marker + " " + base64(hash.data(), hash.size());
+    } else {
+        if (!key->pkey)
+            return line;
+        SecureBytes blob;
+        uint32_t len = key_to_blob(key, &blob, nullptr, key_blob_type_name(key));
+        if (len == 0 || blob.empty())
+            return line;
+        line = std::string(key_blob_type_name(key)) + " " + base64(blob.data(), len);
+    }
+    if (with_comment)
+        line += " " + user_at_host() + "\n";
+    return line;
+}
+
+int key_write(const Key *key, FILE *file, bool with_comment)
+{
+    std::string line = key_line(key, with_comment);
+    return !line.empty() && fputs(line.c_str(), file) >= 0 ? 1 : 0;
+}
+
+std::string key_secsh_block(const Key *key, const char *comment)
+{
+    SecureBytes blob;
+    uint32_t len = key ? key_to_blob(key, &blob, nullptr, key_blob_type_name(key)) : 0;
+    if (len == 0 || blob.empty())
+        return "";
+    char header[1024];
+    if (comment)
+        snprintf(header, sizeof header, "Comment: \"%u-bit %s, %s\"\n", key_size(key), key_type(key), comment);
+    else
+        snprintf(header, sizeof header, "Comment: \"%u-bit %s, exported by %s\"\n", key_size(key), key_type(key),
+                 user_at_host().c_str());
+    return std::string("---- BEGIN SSH2 PUBLIC KEY ----\n") + header + base64_lines(blob.data(), len) +
+           "---- END SSH2 PUBLIC KEY ----\n";
+}
+
+int key_write_secsh(const Key *key, FILE *file) { return key_write_secsh_comment(file, key, nullptr); }
+
+int key_write_secsh_comment(FILE *file, const Key *key, const char *comment)
+{
+    std::string block = key_secsh_block(key, comment);
+    return !block.empty() && fputs(block.c_str(), file) >= 0 ? 1 : 0;
+}
+
+KeyPtr key_read_secsh(const std::string &text, std::string *comment)
+{
+    std::istringstream lines(text);
+    std::string line, body;
+    bool inside = false, continued = false;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (line.rfind("---- BEGIN SSH2 PUBLIC KEY ----", 0) == 0) {
+            inside = true;
+            continue;
+        }
+        if (!inside)
+            continue;
+        // A last line of 69 characters carries the END marker behind it.
+        auto end = line.find("---- END SSH2 PUBLIC KEY ----");
+        if (end != std::string::npos) {
+            body += line.substr(0, end);
+            break;
+        }
+        if (continued) {
+            continued = !line.empty() && line.back() == '\\';
+            continue;
+        }
+        auto colon = line.find(':');
+        if (colon != std::string::npos) {
+            std::string name = line.substr(0, colon);
+            if (comment && (name == "Comment" || name == "comment")) {
+                std::string value = line.substr(colon + 1);
+                value.erase(0, value.find_first_not_of(' '));
+                if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
+                    value = value.substr(1, value.size() - 2);
+                *comment = value;
+            }
+            continued = !line.empty() && line.back() == '\\';
+            continue;
+        }
+        body += line;
+    }
+    if (body.empty())
+        return nullptr;
+    SecureBytes decoded(body.size() + 4);
+    int len = uudecode(body.c_str(), decoded.data(), decoded.size());
+    if (len <= 0)
+        return nullptr;
+    return key_from_blob(decoded.data(), static_cast<uint32_t>(len));
+}
+
+int uudecode(const char *text, uint8_t *out, size_t capacity)
+{
+    while (*text == ' ' || *text == '\t')
+        ++text;
+    size_t n = strcspn(text, " \t\r\n");
+    if (n == 0 || n % 4 != 0)
+        return -1;
+    size_t padding = text[n - 1] == '=' ? (text[n - 2] == '=' ? 2 : 1) : 0;
+    if (n / 4 * 3 > capacity)
+        return -1;
+    int decoded = EVP_DecodeBlock(out, reinterpret_cast<const unsigned char *>(text), static_cast<int>(n));
+    if (decoded < 0)
+        return -1;
+    return decoded - static_cast<int>(padding);
+}
+
+std::string base64_lines(const uint8_t *data, size_t len)
+{
+    std::string encoded = base64(data, len), out;
+    size_t i = 0;
+    for (; i < encoded.size(); ++i) {
+        out += encoded[i];
+        if (i % 70 == 69)
+            out += '\n';
+    }
+    // A total of 69 modulo 70 gets no line end of its own: kept as the block
+    // format has always been written.
+    if (i % 70 != 69)
+        out += '\n';
+    return out;
+}
+
+void dump_base64(FILE *file, const uint8_t *data, size_t len) { fputs(base64_lines(data, len).c_str(), file); }

@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "keys/key_blob.h"
+#include "keys/key_fingerprint.h"
+#include "keys/public_key_format.h"
+#include "support/log_capture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string read_text(const fs::path &path)
+{
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+struct TempFolder {
+    fs::path path = fs::temp_directory_path() / ("pubfmt-" + std::to_string(getpid()));
+    TempFolder() { fs::create_directories(path); }
+    ~TempFolder() { fs::remove_all(path); }
+};
+
+}  // namespace
+
+TEST(PublicKeyFormat, LineTypeParsing)
+{
+    LogCapture log;
+    const char *tab = "ssh-rsa\tAAAA";
+    EXPECT_EQ(key_get_type(&tab, nullptr), KEY_UNSPEC);
+    EXPECT_TRUE(log.contains("key_get_type: missing whitespace"));
+    const char *bare = "ssh-rsa ";
+    EXPECT_EQ(key_get_type(&bare, nullptr), KEY_UNSPEC);
+    EXPECT_TRUE(log.contains("key_get_type: short string"));
+    const char *unknown = "ssh-foo AAAA";
+    EXPECT_EQ(key_get_type(&unknown, nullptr), KEY_UNSPEC);
+    EXPECT_TRUE(log.contains("key_get_type: missing keytype"));
+
+    const char *reference = "ssh-rsa#CERT_SYSTEM q80= comment";
+    uint32_t source = 0;
+    EXPECT_EQ(key_get_type(&reference, &source), KEY_RSA);
+    EXPECT_EQ(source, CERT_SOURCE_SYSTEM);
+    EXPECT_STREQ(reference, "q80= comment");
+
+    // A reference whose certificate is not at hand reads as nothing.
+    KeyPtr key = key_new(KEY_UNSPEC);
+    const char *line = "x509v3-sign-rsa#CERT_PKCS11 q80=";
+    EXPECT_EQ(key_read(key.get(), &line), -1);
+    KeyPtr dsa = key_new(KEY_DSA);
+    const char *rsa_line = "ssh-rsa AAAA";
+    EXPECT_EQ(key_read(dsa.get(), &rsa_line), -2);
+}
+
+TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
+{
+    TempFolder dir;
+    for (const char *type : {"rsa", "ecdsa", "dsa"}) {
+        fs::path file = dir.path / type;
+        std::string command = std::string("ssh-keygen -q -N '' -C 'me@there' -t ") + type + " -f " + file.string();
+        ASSERT_EQ(system(command.c_str()), 0);
+        std::string pub = read_text(file.string() + ".pub");
+        std::string fields = pub.substr(0, pub.rfind(' '));
+
+        const char *cursor = pub.c_str();
+        KeyPtr key = key_new(KEY_UNSPEC);
+        ASSERT_EQ(key_read(key.get(), &cursor), 1) << type;
+        EXPECT_STREQ(cursor, " me@there\n");
+        EXPECT_EQ(key_line(key.get(), false), fields);
+        EXPECT_EQ(key_line(key.get(), true), fields + " " + user_at_host() + "\n");
+
+        // OpenSSH reads our block, and we read OpenSSH's.
+        std::string block = key_secsh_block(key.get(), nullptr);
+        std::ofstream(dir.path / "ours.secsh") << block;
+        std::string imported_path = (dir.path / "imported.pub").string();
+        ASSERT_EQ(system(("ssh-keygen -i -f " + (dir.path / "ours.secsh").string() + " > " + imported_path).c_str()), 0);
+        EXPECT_EQ(read_text(imported_path).substr(0, fields.size()), fields);
+
+        std::string theirs_path = (dir.path / "theirs.secsh").string();
+        ASSERT_EQ(system(("ssh-keygen -e -f " + file.string() + ".pub > " + theirs_path).c_str()), 0);
+        std::string comment;
+        KeyPtr back = key_read_secsh(read_text(theirs_path), &comment);
+        ASSERT_TRUE(back) << type;
+        EXPECT_TRUE(key_equal(back.get(), key.get()));
+        EXPECT_NE(comment.find("-bit"), std::string::npos) << comment;
+    }
+}
+
+TEST(PublicKeyFormat, BlockLinesOfSeventy)
+{
+    std::vector<uint8_t> blob(53, 0xA5);  // 72 base64 characters
+    std::string lines = base64_lines(blob.data(), blob.size());
+    EXPECT_EQ(lines.size(), 72u + 2u);
+    EXPECT_EQ(lines[70], '\n');
+    // 105 bytes give exactly 140 characters: two full lines and an empty one.
+    std::vector<uint8_t> even(105, 1);
+    std::string two = base64_lines(even.data(), even.size());
+    EXPECT_EQ(two.size(), 143u);
+    EXPECT_EQ(two.substr(141), "\n\n");
+
+    uint8_t out[8];
+    EXPECT_EQ(uudecode("  YWJj rest", out, sizeof out), 3);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 3), "abc");
+    EXPECT_LT(uudecode("YW*j", out, sizeof out), 0);
+    EXPECT_LT(uudecode("YWJjZGVmZ2hp", out, 4), 0);
+}
