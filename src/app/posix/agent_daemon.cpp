@@ -11,10 +11,16 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "agent/change_notice.h"
+#include "agent/data_folder.h"
+#include "agent/passphrase.h"
+#include "agent/settings.h"
+#include "agent/shell_hooks.h"
 #include "app/message_processor.h"
 #include "app/posix/agent_server.h"
 #include "app/posix/folders.h"
 #include "app/posix/single_instance.h"
+#include "app/posix/startup_passphrase.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 
@@ -138,7 +144,11 @@ int run_agent(const AgentOptions &options)
             return 1;
         }
     }
+    // The settings come first: every later step, logging included, sees them.
+    agent_data_folder_set(runtime.folders.data);
+    read_agent_settings();
     agent_log_install(runtime.folders.log, options.debug);
+    apply_create_log_setting();
     disable_core_dumps();
 
     std::string message;
@@ -151,6 +161,12 @@ int run_agent(const AgentOptions &options)
         print_shell_lines(options.shell_style, runtime.folders.agent_socket,
                           instance_lock_holder(runtime.folders.lock_file));
         return 0;
+    }
+    StartupPassphrase startup;
+    if (!startup_passphrase_prepare(options, &startup, &message)) {
+        fprintf(stderr, "tkeyagent: %s\n", message.c_str());
+        instance_lock_release(&runtime.lock);
+        return 1;
     }
     runtime.listen_fd = agent_server_listen(runtime.folders.agent_socket, &message);
     if (runtime.listen_fd < 0) {
@@ -185,19 +201,26 @@ int run_agent(const AgentOptions &options)
     install_signal_handlers();
     fatal_add_cleanup(remove_runtime_files, nullptr);
     set_fatal_shutdown_handler(request_stop);
+    AgentShellHooks hooks;
+    hooks.stop_agent = request_stop;
+    agent_shell_hooks_set(hooks);
     if (options.owner)
         agent_log("Started for owner window %lld", options.owner);
 
     message_processor_start();
+    startup_passphrase_apply(&startup);
     agent_log("Key Agent started ===========");
+    send_change_notice();
 
     main_loop();
 
     agent_log("Key Agent stopped ===========");
+    send_change_notice();
     close(runtime.listen_fd);
     runtime.listen_fd = -1;
     unlink(runtime.folders.agent_socket.c_str());
     agent_server_close_connections();
+    forget_agent_passphrase();
     message_processor_stop();
     fatal_remove_cleanup(remove_runtime_files, nullptr);
     remove_runtime_files(nullptr);
