@@ -4,7 +4,6 @@
 
 #include "agent/handlers.h"
 #include "agent/reply.h"
-#include "agent/shell_hooks.h"
 
 namespace {
 
@@ -22,6 +21,12 @@ RefreshList &refresh_list()
     return list;
 }
 
+ChangeNoticeHooks &hooks_storage()
+{
+    static ChangeNoticeHooks hooks;
+    return hooks;
+}
+
 void reply_window(RequestContext *ctx, uint64_t window)
 {
     buffer_put_int(&ctx->output, 8);
@@ -30,9 +35,11 @@ void reply_window(RequestContext *ctx, uint64_t window)
 
 }  // namespace
 
+void change_notice_hooks_set(const ChangeNoticeHooks &hooks) { hooks_storage() = hooks; }
+
 void send_change_notice()
 {
-    const AgentShellHooks &hooks = agent_shell_hooks();
+    const ChangeNoticeHooks &hooks = hooks_storage();
     if (hooks.notify_manager)
         hooks.notify_manager();
 

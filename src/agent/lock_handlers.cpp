@@ -6,8 +6,8 @@
 #include "agent/protocol.h"
 #include "agent/reply.h"
 #include "agent/settings.h"
-#include "agent/shell_hooks.h"
 #include "app/message_processor.h"
+#include "app/window_messages.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 
@@ -34,8 +34,7 @@ bool lock_or_unlock(bool lock, const char *passphrase)
     } else {
         agent_log("Unlock request - agent is already unlocked");
     }
-    if (auto redraw = agent_shell_hooks().redraw_status)
-        redraw(1);
+    agent_window_message(WM_REDRAW_TRAY_ICON, 1, 0, {});
     return success;
 }
 

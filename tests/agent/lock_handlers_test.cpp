@@ -36,24 +36,28 @@ Bytes vendor_notice(const std::string &host, uint32_t enum_setting, uint64_t win
 }
 
 int manager_notices = 0;
-std::vector<int> redraws;
+int redraws = 0;
 std::vector<std::pair<uint64_t, uint32_t>> posted;
 std::vector<uint64_t> gone_windows;
 
-AgentShellHooks recording_hooks()
+// Records what reaches the shell: change notices, commands of registered
+// windows and redraws of the lock-state display.
+void record_shell_calls()
 {
     manager_notices = 0;
-    redraws.clear();
+    redraws = 0;
     posted.clear();
     gone_windows.clear();
-    AgentShellHooks hooks;
+    WindowShell shell;
+    shell.redraw_tray = [] { ++redraws; };
+    window_shell_set(shell);
+    ChangeNoticeHooks hooks;
     hooks.notify_manager = [] { ++manager_notices; };
-    hooks.redraw_status = [](int parameter) { redraws.push_back(parameter); };
     hooks.post_command = [](uint64_t window, uint32_t command) { posted.emplace_back(window, command); };
     hooks.window_exists = [](uint64_t window) {
         return std::find(gone_windows.begin(), gone_windows.end(), window) == gone_windows.end();
     };
-    return hooks;
+    change_notice_hooks_set(hooks);
 }
 
 }  // namespace
@@ -62,7 +66,7 @@ TEST_F(LockAndNotices, LockTextNeverUnlocksOnlyTheAgentPassphraseDoes)
 {
     LogCapture log;
     set_agent_passphrase("agent pw", 0);
-    agent_shell_hooks_set(recording_hooks());
+    record_shell_calls();
 
     EXPECT_EQ(dispatch_bytes(with_string(22, "lock text")).reply, hex_bytes("00000001 06"));
     EXPECT_TRUE(log.contains("keyagent: LOCKED"));
@@ -87,7 +91,7 @@ TEST_F(LockAndNotices, LockTextNeverUnlocksOnlyTheAgentPassphraseDoes)
 
     // Only real changes notify; every request redraws the status.
     EXPECT_EQ(manager_notices, 4);
-    EXPECT_EQ(redraws, std::vector<int>(8, 1));
+    EXPECT_EQ(redraws, 8);
 }
 
 TEST_F(LockAndNotices, AttemptEmptyFollowsTheSetting)
@@ -109,7 +113,7 @@ TEST_F(LockAndNotices, AttemptEmptyFollowsTheSetting)
 
 TEST_F(LockAndNotices, RefreshRegistrationsAndTheChangeNotice)
 {
-    agent_shell_hooks_set(recording_hooks());
+    record_shell_calls();
     EXPECT_EQ(dispatch_bytes(request_hex("9c 1122334455667788 00000007")).reply, hex_bytes("00000008 1122334455667788"));
     dispatch_bytes(request_hex("9c 0000000000000002 00000009"));
     dispatch_bytes(request_hex("9c 0000000000000003 0000000a"));

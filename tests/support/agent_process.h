@@ -88,6 +88,16 @@ public:
         return exit_status_;
     }
 
+    // Waits for the agent to end on its own; returns the exit status.
+    int wait_for_exit()
+    {
+        if (pid_ > 0) {
+            exit_status_ = wait_exit(pid_);
+            pid_ = -1;
+        }
+        return exit_status_;
+    }
+
     static int wait_exit(pid_t pid)
     {
         int status = 0;

@@ -12,7 +12,8 @@
 #include "agent/handlers.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
-#include "agent/shell_hooks.h"
+#include "app/window_messages.h"
+#include "agent/change_notice.h"
 #include "support/agent_process.h"
 
 class AgentStateTest : public ::testing::Test {
@@ -49,7 +50,8 @@ private:
         agent_settings() = AgentSettings{};
         forget_agent_passphrase();
         agent_set_locked(true);
-        agent_shell_hooks_set(AgentShellHooks{});
+        change_notice_hooks_set(ChangeNoticeHooks{});
+        window_shell_set(WindowShell{});
         refresh_registrations_clear();
     }
 };

@@ -13,14 +13,19 @@
 
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
+#include "agent/handlers.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
-#include "agent/shell_hooks.h"
 #include "app/message_processor.h"
+#include "app/posix/control_channel.h"
+#include "app/posix/control_client.h"
+#include "app/posix/control_protocol.h"
+#include "app/window_messages.h"
 #include "app/posix/agent_server.h"
 #include "app/posix/folders.h"
 #include "app/posix/single_instance.h"
 #include "app/posix/startup_passphrase.h"
+#include "app/posix/unix_socket.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 
@@ -36,6 +41,18 @@ void request_stop()
 }
 
 void on_stop_signal(int) { request_stop(); }
+
+// The tray icon's counterpart: watchers learn the lock state.
+void announce_lock_state() { control_channel_broadcast(agent_is_locked() ? "locked" : "unlocked"); }
+
+// The manager window's counterpart: watchers learn of every change notice.
+void announce_change() { control_channel_broadcast("changed"); }
+
+// A refresh registration names a watch subscriber; its command is one line.
+void post_subscriber_command(uint64_t subscriber, uint32_t command)
+{
+    control_channel_send(subscriber, "command " + std::to_string(command));
+}
 
 void install_signal_handlers()
 {
@@ -83,6 +100,7 @@ struct Runtime {
     AgentFolders folders;
     InstanceLock lock;
     int listen_fd = -1;
+    int control_fd = -1;
 };
 
 Runtime runtime;
@@ -95,6 +113,11 @@ void remove_runtime_files(void *)
         close(runtime.listen_fd);
         runtime.listen_fd = -1;
         unlink(runtime.folders.agent_socket.c_str());
+    }
+    if (runtime.control_fd >= 0) {
+        close(runtime.control_fd);
+        runtime.control_fd = -1;
+        unlink(runtime.folders.control_socket.c_str());
     }
     instance_lock_release(&runtime.lock);
 }
@@ -117,9 +140,9 @@ void detach_from_terminal()
 
 void main_loop()
 {
-    struct pollfd fds[2] = {{runtime.listen_fd, POLLIN, 0}, {stop_pipe[0], POLLIN, 0}};
+    struct pollfd fds[3] = {{runtime.listen_fd, POLLIN, 0}, {stop_pipe[0], POLLIN, 0}, {runtime.control_fd, POLLIN, 0}};
     for (;;) {
-        if (poll(fds, 2, -1) < 0) {
+        if (poll(fds, 3, -1) < 0) {
             if (errno == EINTR)
                 continue;
             agent_log("poll failed: %s", strerror(errno));
@@ -129,6 +152,8 @@ void main_loop()
             return;
         if (fds[0].revents & POLLIN)
             agent_server_accept(runtime.listen_fd);
+        if (fds[2].revents & POLLIN)
+            control_channel_accept(runtime.control_fd);
     }
 }
 
@@ -168,10 +193,12 @@ int run_agent(const AgentOptions &options)
         instance_lock_release(&runtime.lock);
         return 1;
     }
-    runtime.listen_fd = agent_server_listen(runtime.folders.agent_socket, &message);
-    if (runtime.listen_fd < 0) {
+    runtime.listen_fd = unix_socket_listen(runtime.folders.agent_socket, &message);
+    if (runtime.listen_fd >= 0)
+        runtime.control_fd = unix_socket_listen(runtime.folders.control_socket, &message);
+    if (runtime.listen_fd < 0 || runtime.control_fd < 0) {
         fprintf(stderr, "tkeyagent: %s\n", message.c_str());
-        instance_lock_release(&runtime.lock);
+        remove_runtime_files(nullptr);
         return 1;
     }
     if (pipe2(stop_pipe, O_CLOEXEC) != 0) {
@@ -201,21 +228,30 @@ int run_agent(const AgentOptions &options)
     install_signal_handlers();
     fatal_add_cleanup(remove_runtime_files, nullptr);
     set_fatal_shutdown_handler(request_stop);
-    AgentShellHooks hooks;
-    hooks.stop_agent = request_stop;
-    agent_shell_hooks_set(hooks);
+    WindowShell shell;
+    shell.post_quit = request_stop;
+    shell.redraw_tray = announce_lock_state;
+    window_shell_set(shell);
+    ChangeNoticeHooks notices;
+    notices.notify_manager = announce_change;
+    notices.window_exists = control_channel_subscriber_alive;
+    notices.post_command = post_subscriber_command;
+    change_notice_hooks_set(notices);
     if (options.owner)
         agent_log("Started for owner window %lld", options.owner);
 
     message_processor_start();
     startup_passphrase_apply(&startup);
     agent_log("Key Agent started ===========");
+    agent_ready_set(true);
     send_change_notice();
 
     main_loop();
 
     agent_log("Key Agent stopped ===========");
     send_change_notice();
+    agent_ready_set(false);
+    control_channel_close_all();
     close(runtime.listen_fd);
     runtime.listen_fd = -1;
     unlink(runtime.folders.agent_socket.c_str());
@@ -231,7 +267,10 @@ int stop_running_agent(const AgentOptions &options)
 {
     AgentFolders folders = agent_folders(options.socket_path, options.data_dir, options.log_dir);
     pid_t pid = instance_lock_holder(folders.lock_file);
-    if (pid <= 0 || kill(pid, SIGTERM) != 0) {
+    ControlRequest request;
+    request.message = WM_COMMAND_MESSAGE;
+    request.wparam = MENU_EXIT;
+    if (pid <= 0 || !control_send(folders.control_socket, request)) {
         fprintf(stderr, "tkeyagent: no agent is running for %s\n", folders.agent_socket.c_str());
         return 2;
     }

@@ -17,7 +17,9 @@
 #include "agent/handlers.h"
 #include "agent/protocol.h"
 #include "app/message_processor.h"
+#include "app/posix/peer_check.h"
 #include "log/agent_log.h"
+#include "platform/posix/fd_io.h"
 
 namespace {
 
@@ -34,40 +36,12 @@ Connections &connections()
     return state;
 }
 
-bool read_exact(int fd, uint8_t *data, size_t size)
-{
-    while (size > 0) {
-        ssize_t n = read(fd, data, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool write_all(int fd, const uint8_t *data, size_t size)
-{
-    while (size > 0) {
-        ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 bool discard(int fd, uint32_t size)
 {
     uint8_t scratch[16384];
     while (size > 0) {
         uint32_t chunk = size < sizeof scratch ? size : static_cast<uint32_t>(sizeof scratch);
-        if (!read_exact(fd, scratch, chunk))
+        if (!fd_read_exact(fd, scratch, chunk))
             return false;
         size -= chunk;
     }
@@ -88,14 +62,14 @@ void serve_connection(int fd, uint64_t handle)
     std::vector<uint8_t> reply(AGENT_MAX_REPLY);
     for (;;) {
         uint8_t header[4];
-        if (!read_exact(fd, header, 4))
+        if (!fd_read_exact(fd, header, 4))
             break;
         uint32_t length = static_cast<uint32_t>(header[0]) << 24 | static_cast<uint32_t>(header[1]) << 16 |
                           static_cast<uint32_t>(header[2]) << 8 | header[3];
         uint32_t body = length > AGENT_MAX_REQUEST ? 1 : length;
         request.assign(header, header + 4);
         request.resize(4 + static_cast<size_t>(body));
-        if (!read_exact(fd, request.data() + 4, body))
+        if (!fd_read_exact(fd, request.data() + 4, body))
             break;
         uint32_t reply_length = 0;
         submit_client_request(request.data(), static_cast<uint32_t>(request.size()), reply.data(),
@@ -104,7 +78,7 @@ void serve_connection(int fd, uint64_t handle)
         wipe_memory(request.data(), request.size());
         if (length > AGENT_MAX_REQUEST && !discard(fd, length - 1))
             break;
-        if (reply_length && !write_all(fd, reply.data(), reply_length))
+        if (reply_length && !fd_write_all(fd, reply.data(), reply_length))
             break;
         wipe_memory(reply.data(), reply_length);
     }
@@ -120,52 +94,7 @@ void serve_connection(int fd, uint64_t handle)
     state.ended.notify_all();
 }
 
-bool peer_is_this_user(int fd)
-{
-    struct ucred cred;
-    socklen_t size = sizeof cred;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) {
-        agent_log("Refused a client: its credentials cannot be read (%s)", strerror(errno));
-        return false;
-    }
-    if (cred.uid != getuid()) {
-        agent_log("Refused a client of uid %u (pid %d): only uid %u may use this agent",
-                  static_cast<unsigned>(cred.uid), static_cast<int>(cred.pid), static_cast<unsigned>(getuid()));
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
-
-int agent_server_listen(const std::string &path, std::string *message)
-{
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        *message = "socket path too long: " + path;
-        return -1;
-    }
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
-
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        *message = std::string("cannot create socket: ") + strerror(errno);
-        return -1;
-    }
-    // The caller holds the instance lock, so a socket file left here belongs
-    // to an agent that is gone.
-    unlink(path.c_str());
-    mode_t old_mask = umask(0177);
-    int bound = bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address);
-    umask(old_mask);
-    if (bound != 0 || chmod(path.c_str(), 0600) != 0 || listen(fd, 128) != 0) {
-        *message = "cannot listen on " + path + ": " + strerror(errno);
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
 
 void agent_server_accept(int listen_fd)
 {

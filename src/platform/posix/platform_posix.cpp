@@ -1,4 +1,5 @@
 #include "platform/platform.h"
+#include "platform/posix/fd_io.h"
 
 #include <cerrno>
 #include <chrono>
@@ -15,20 +16,6 @@
 #include <vector>
 
 namespace {
-
-bool write_all(int fd, const char *data, size_t size)
-{
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
 
 std::string parent_folder(const std::string &path)
 {
@@ -71,7 +58,7 @@ bool platform_append_locked(const std::string &path, const std::string &data)
     // writer dies while holding it.
     while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
     }
-    bool ok = write_all(fd, data.data(), data.size());
+    bool ok = fd_write_all(fd, data.data(), data.size());
     flock(fd, LOCK_UN);
     close(fd);
     return ok;
@@ -105,7 +92,7 @@ bool platform_destroy_file(const std::string &path)
         off_t left = st.st_size;
         while (left > 0) {
             size_t chunk = left > static_cast<off_t>(zeros.size()) ? zeros.size() : static_cast<size_t>(left);
-            if (!write_all(fd, zeros.data(), chunk))
+            if (!fd_write_all(fd, zeros.data(), chunk))
                 break;
             left -= static_cast<off_t>(chunk);
         }

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include "app/posix/control_client.h"
+#include "app/window_messages.h"
 #include "support/agent_process.h"
 
 TEST(AgentSocket, FramingOverTheRealSocket)
@@ -85,4 +87,34 @@ TEST(AgentSocket, OpenSshClientTalksToTheAgent)
     // ssh-add does not report a connection failure (status 2).
     EXPECT_NE(status, 2) << AgentProcess::read_file(out);
     EXPECT_NE(agent.log_text().find("Processing client request SSH2_AGENTC_REQUEST_IDENTITIES (11)"), std::string::npos);
+}
+
+TEST(AgentSocket, ControlSocketAnswersAndStopsTheAgent)
+{
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start());
+    std::string control = (agent.root() / "run" / "control.sock").string();
+    struct stat st;
+    ASSERT_EQ(stat(control.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    ControlRequest ready;
+    ready.message = WM_QUERY_READY;
+    int64_t result = -1;
+    ASSERT_TRUE(control_call(control, ready, &result));
+    EXPECT_EQ(result, 1);
+
+    // -k stops the agent through the control socket.
+    std::string out = (agent.root() / "kill.txt").string();
+    pid_t killer = AgentProcess::spawn({TKEYAGENT_PATH, "-k", "-a", agent.socket_path()}, out, out);
+    EXPECT_EQ(AgentProcess::wait_exit(killer), 0);
+    EXPECT_EQ(agent.wait_for_exit(), 0);
+    EXPECT_NE(agent.log_text().find("Key agent is ready to create pipe connections."), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(control));
+    EXPECT_FALSE(std::filesystem::exists(agent.socket_path()));
+
+    // With no agent running, -k says so and exits 2.
+    killer = AgentProcess::spawn({TKEYAGENT_PATH, "-k", "-a", agent.socket_path()}, out, out);
+    EXPECT_EQ(AgentProcess::wait_exit(killer), 2);
+    EXPECT_NE(AgentProcess::read_file(out).find("no agent is running"), std::string::npos);
 }

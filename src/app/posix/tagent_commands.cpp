@@ -1,0 +1,279 @@
+#include "app/posix/tagent_commands.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <strings.h>
+#include <unistd.h>
+
+#include "agent/protocol.h"
+#include "app/posix/agent_client.h"
+#include "app/posix/control_client.h"
+#include "app/posix/pinentry.h"
+#include "app/program_texts.h"
+#include "app/window_messages.h"
+#include "platform/posix/fd_io.h"
+
+const char *const TAGENT_USAGE =
+    "usage: tagent [-a PATH] COMMAND\n"
+    "\n"
+    "Talks to the running Tarnwell Key Agent (the socket from -a, else\n"
+    "$SSH_AUTH_SOCK, else the default runtime folder).\n"
+    "\n"
+    "  status                         locked or unlocked, and how many identities\n"
+    "  lock                           lock the agent\n"
+    "  unlock [--passphrase-file F]   unlock with the agent passphrase (asked\n"
+    "                                 through pinentry without F)\n"
+    "  remove --all                   remove every identity\n"
+    "  set SETTING yes|no             ConfirmKeyOp, AllowAdd, AllowDelete,\n"
+    "                                 UseOnlySha1 or CreateLog\n"
+    "  passphrase --old-file F --new-file F | passphrase --empty [--old-file F]\n"
+    "                                 change the agent passphrase\n"
+    "  reset --yes                    destroy all keys and the passphrase; the agent exits\n"
+    "  stop                           stop the agent\n"
+    "  watch                          print a line for every change and lock change\n"
+    "\n"
+    "Exit status: 0 done, 1 the agent refused, 2 no agent reachable or a usage error.\n";
+
+namespace {
+
+int usage_error(const char *what)
+{
+    fprintf(stderr, "tagent: %s (see tagent --help)\n", what);
+    return TAGENT_UNREACHABLE;
+}
+
+int unreachable(const std::string &socket)
+{
+    fprintf(stderr, "tagent: no agent is reachable at %s\n", socket.c_str());
+    return TAGENT_UNREACHABLE;
+}
+
+// Value of `--name VALUE` in args, or nothing.
+std::optional<std::string> option_value(const std::vector<std::string> &args, const char *name)
+{
+    for (size_t i = 1; i + 1 < args.size(); ++i)
+        if (args[i] == name)
+            return args[i + 1];
+    return std::nullopt;
+}
+
+bool has_flag(const std::vector<std::string> &args, const char *name)
+{
+    for (size_t i = 1; i < args.size(); ++i)
+        if (args[i] == name)
+            return true;
+    return false;
+}
+
+// First line of a file, without its line end.
+std::optional<SecretString> first_line(const std::string &path)
+{
+    std::ifstream in(path);
+    if (!in)
+        return std::nullopt;
+    std::string line;
+    std::getline(in, line);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    SecretString result(line.c_str(), line.size());
+    wipe_memory(line.data(), line.size());
+    return result;
+}
+
+// The passphrase of --passphrase-file F (or `option`), else asked for.
+std::optional<SecretString> passphrase_from(const std::vector<std::string> &args, const char *option,
+                                            int description)
+{
+    if (auto file = option_value(args, option)) {
+        auto line = first_line(*file);
+        if (!line)
+            fprintf(stderr, "tagent: cannot read %s\n", file->c_str());
+        return line;
+    }
+    auto pin = pinentry_get_pin({program_text(TEXT_APPLICATION_TITLE), program_text(description),
+                                 program_text(TEXT_PASSPHRASE_PROMPT), ""});
+    if (!pin)
+        fprintf(stderr, "tagent: no passphrase given\n");
+    return pin;
+}
+
+// Sends a one-message request and reports the agent's success code.
+int simple_request(const TagentContext &c, const Buffer &body, const char *refused)
+{
+    AgentConnection agent(c.agent_socket);
+    Buffer reply;
+    if (!agent.connected() || !agent.call(body, &reply))
+        return unreachable(c.agent_socket);
+    uint8_t code = buffer_get_char(&reply);
+    if (code == SSH_AGENT_SUCCESS || code == SSH_AGENT_SUCCESS_V2)
+        return TAGENT_DONE;
+    fprintf(stderr, "tagent: %s\n", refused);
+    return TAGENT_REFUSED;
+}
+
+int control(const TagentContext &c, uint32_t message, uint64_t wparam, const std::string &data, int64_t *result)
+{
+    ControlRequest request;
+    request.message = message;
+    request.wparam = wparam;
+    request.data = data;
+    if (!control_call(c.control_socket, request, result))
+        return unreachable(c.control_socket);
+    return TAGENT_DONE;
+}
+
+int cmd_status(const TagentContext &c, const std::vector<std::string> &)
+{
+    AgentConnection agent(c.agent_socket);
+    Buffer locked_body, locked_reply, list_body, list_reply;
+    buffer_put_char(&locked_body, SSH_AGENT_ZEM_ISLOCKED);
+    buffer_put_char(&list_body, SSH2_AGENTC_REQUEST_IDENTITIES);
+    if (!agent.connected() || !agent.call(locked_body, &locked_reply) || !agent.call(list_body, &list_reply))
+        return unreachable(c.agent_socket);
+    uint8_t state = buffer_get_char(&locked_reply);
+    uint8_t code = buffer_get_char(&list_reply);
+    printf("agent: %s\n", c.agent_socket.c_str());
+    printf("state: %s\n", state == SSH_AGENT_ZEM_LOCKED ? "locked" : state == SSH_AGENT_ZEM_UNLOCKED ? "unlocked" : "unknown");
+    if (code == SSH2_AGENT_IDENTITIES_ANSWER)
+        printf("identities: %u\n", buffer_get_int(&list_reply));
+    return TAGENT_DONE;
+}
+
+int cmd_lock(const TagentContext &c, const std::vector<std::string> &)
+{
+    Buffer body;
+    buffer_put_char(&body, SSH_AGENTC_LOCK);
+    buffer_put_cstring(&body, "");
+    return simple_request(c, body, "the agent could not be locked");
+}
+
+int cmd_unlock(const TagentContext &c, const std::vector<std::string> &args)
+{
+    auto passphrase = passphrase_from(args, "--passphrase-file", TEXT_UNLOCK_DESCRIPTION);
+    if (!passphrase)
+        return TAGENT_REFUSED;
+    Buffer body;
+    buffer_put_char(&body, SSH_AGENTC_UNLOCK);
+    buffer_put_string(&body, passphrase->data(), static_cast<uint32_t>(passphrase->size()));
+    int status = simple_request(c, body, "wrong passphrase: the agent stays locked");
+    buffer_clear_wipe(&body);
+    return status;
+}
+
+int cmd_remove(const TagentContext &c, const std::vector<std::string> &args)
+{
+    if (args.size() != 2 || args[1] != "--all")
+        return usage_error("remove takes --all");
+    Buffer body;
+    buffer_put_char(&body, SSH2_AGENTC_REMOVE_ALL_IDENTITIES);
+    return simple_request(c, body, "the agent refused to remove the identities");
+}
+
+int cmd_set(const TagentContext &c, const std::vector<std::string> &args)
+{
+    static const std::map<std::string, uint32_t> settings = {
+        {"confirmkeyop", WM_SET_CONFIRM_KEY_OP}, {"allowadd", WM_SET_ALLOW_ADD},
+        {"allowdelete", WM_SET_ALLOW_DELETE},   {"useonlysha1", WM_SET_USE_ONLY_SHA1},
+        {"createlog", WM_SET_CREATE_LOG}};
+    if (args.size() != 3)
+        return usage_error("set takes a setting and yes or no");
+    std::string key;
+    for (char ch : args[1])
+        key += static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+    auto setting = settings.find(key);
+    if (setting == settings.end())
+        return usage_error("unknown setting");
+    if (strcasecmp(args[2].c_str(), "yes") != 0 && strcasecmp(args[2].c_str(), "no") != 0)
+        return usage_error("the value is yes or no");
+    int64_t changed = 0;
+    int status = control(c, setting->second, strcasecmp(args[2].c_str(), "yes") == 0 ? 1 : 0, "", &changed);
+    if (status == TAGENT_DONE)
+        printf("%s %s\n", args[1].c_str(), changed ? "changed" : "unchanged");
+    return status;
+}
+
+int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
+{
+    bool empty = has_flag(args, "--empty");
+    auto old_passphrase = passphrase_from(args, "--old-file", TEXT_UNLOCK_DESCRIPTION);
+    if (!old_passphrase)
+        return TAGENT_REFUSED;
+    std::optional<SecretString> new_passphrase = SecretString();
+    if (!empty)
+        new_passphrase = passphrase_from(args, "--new-file", TEXT_FIRST_PASSPHRASE_DESCRIPTION);
+    if (!new_passphrase)
+        return TAGENT_REFUSED;
+    if (old_passphrase->size() > 255 || new_passphrase->size() > 255)
+        return usage_error("passphrases are at most 255 characters");
+    // The copy-data record: old text at 0, new text at 256, flag at 512.
+    std::string record(CHANGE_PASSPHRASE_RECORD_SIZE, '\0');
+    memcpy(record.data(), old_passphrase->data(), old_passphrase->size());
+    memcpy(record.data() + 256, new_passphrase->data(), new_passphrase->size());
+    record[512] = empty || new_passphrase->empty() ? 1 : 0;
+    int64_t changed = 0;
+    int status = control(c, WM_COPYDATA_MESSAGE, COPYDATA_CHANGE_PASSPHRASE, record, &changed);
+    wipe_memory(record.data(), record.size());
+    if (status != TAGENT_DONE)
+        return status;
+    if (!changed) {
+        fprintf(stderr, "tagent: wrong passphrase: the agent passphrase is unchanged\n");
+        return TAGENT_REFUSED;
+    }
+    return TAGENT_DONE;
+}
+
+int cmd_reset(const TagentContext &c, const std::vector<std::string> &args)
+{
+    if (!has_flag(args, "--yes"))
+        return usage_error("reset destroys every key and the passphrase; confirm with --yes");
+    int64_t ignored = 0;
+    return control(c, WM_RESET_AGENT_DATA, 0, "", &ignored);
+}
+
+int cmd_stop(const TagentContext &c, const std::vector<std::string> &)
+{
+    int64_t ignored = 0;
+    return control(c, WM_COMMAND_MESSAGE, MENU_EXIT, "", &ignored);
+}
+
+int cmd_watch(const TagentContext &c, const std::vector<std::string> &)
+{
+    int fd = control_connect(c.control_socket);
+    if (fd < 0)
+        return unreachable(c.control_socket);
+    ControlRequest request;
+    request.message = CONTROL_WATCH;
+    std::string bytes = control_encode_request(request);
+    uint8_t reply[12];
+    if (!fd_write_all(fd, bytes.data(), bytes.size()) || !fd_read_exact(fd, reply, sizeof reply)) {
+        close(fd);
+        return unreachable(c.control_socket);
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    char chunk[256];
+    ssize_t n;
+    while ((n = read(fd, chunk, sizeof chunk)) > 0)
+        fwrite(chunk, 1, static_cast<size_t>(n), stdout);
+    close(fd);
+    return TAGENT_DONE;
+}
+
+}  // namespace
+
+int tagent_run(const TagentContext &context, const std::vector<std::string> &args)
+{
+    using Command = std::function<int(const TagentContext &, const std::vector<std::string> &)>;
+    static const std::map<std::string, Command> commands = {
+        {"status", cmd_status}, {"lock", cmd_lock},   {"unlock", cmd_unlock},         {"remove", cmd_remove},
+        {"set", cmd_set},       {"reset", cmd_reset}, {"passphrase", cmd_passphrase}, {"stop", cmd_stop},
+        {"watch", cmd_watch},
+    };
+    auto command = commands.find(args[0]);
+    if (command == commands.end())
+        return usage_error(("unknown command " + args[0]).c_str());
+    return command->second(context, args);
+}

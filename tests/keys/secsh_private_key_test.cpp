@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include "keys/secsh_private_key.h"
+#include "support/bytes.h"
+#include "support/log_capture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string read_text(const fs::path &path)
+{
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// The base64 body of a "---- BEGIN SSH2 ENCRYPTED PRIVATE KEY ----" file:
+// header lines (with a colon) and continuation lines are skipped.
+Bytes secsh_body(const std::string &text)
+{
+    std::istringstream lines(text);
+    std::string line, base64;
+    bool continued = false;
+    while (std::getline(lines, line)) {
+        if (line.rfind("----", 0) == 0)
+            continue;
+        if (continued || line.find(':') != std::string::npos) {
+            continued = !line.empty() && line.back() == '\\';
+            continue;
+        }
+        base64 += line;
+    }
+    Bytes out(base64.size());
+    int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(base64.data()),
+                            static_cast<int>(base64.size()));
+    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return out;
+}
+
+EVP_PKEY *read_pem(const fs::path &path)
+{
+    FILE *f = fopen(path.c_str(), "r");
+    EVP_PKEY *key = f ? PEM_read_PrivateKey(f, nullptr, nullptr, const_cast<char *>("")) : nullptr;
+    if (f)
+        fclose(f);
+    return key;
+}
+
+}  // namespace
+
+TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
+{
+    if (system("command -v puttygen > /dev/null") != 0)
+        GTEST_SKIP() << "puttygen is not installed";
+    fs::path dir = fs::temp_directory_path() / ("secsh-" + std::to_string(getpid()));
+    fs::create_directories(dir);
+    for (const char *type : {"rsa", "dsa"}) {
+        std::string base = (dir / type).string();
+        std::string command = std::string("puttygen -q -t ") + type + " -b 1024 --new-passphrase /dev/null -o " +
+                              base + ".ppk 2>/dev/null && puttygen " + base + ".ppk -O private-sshcom -o " + base +
+                              ".sshcom && puttygen " + base + ".ppk -O private-openssh -o " + base + ".pem";
+        ASSERT_EQ(system(command.c_str()), 0) << command;
+
+        Bytes blob = secsh_body(read_text(base + ".sshcom"));
+        SecshPrivateKey key;
+        ASSERT_TRUE(secsh_private_key_decode(blob.data(), blob.size(), &key)) << type;
+        EXPECT_EQ(key.type, std::string(type) == "rsa" ? 1 : 2);
+        EVP_PKEY *reference = read_pem(base + ".pem");
+        ASSERT_NE(reference, nullptr);
+        EXPECT_EQ(EVP_PKEY_eq(key.pkey, reference), 1) << type;
+        EVP_PKEY_free(reference);
+        EVP_PKEY_free(key.pkey);
+
+        // A damaged copy is refused, never crashes.
+        blob[0] ^= 0xff;
+        LogCapture log;
+        EXPECT_FALSE(secsh_private_key_decode(blob.data(), blob.size(), &key));
+        EXPECT_TRUE(log.contains("secsh_private_key_decode: bad magic number"));
+        blob[0] ^= 0xff;
+        blob.resize(blob.size() / 2);
+        EXPECT_FALSE(secsh_private_key_decode(blob.data(), blob.size(), &key));
+    }
+    fs::remove_all(dir);
+}
+
+TEST(SecshPrivateKey, RefusesEncryptedAndUnknownKeys)
+{
+    LogCapture log;
+    Buffer b;
+    buffer_put_int(&b, SECSH_PRIVATE_KEY_MAGIC);
+    buffer_put_int(&b, 0);
+    buffer_put_cstring(&b, "if-modn{sign{rsa-pkcs1-sha1},encrypt{rsa-pkcs1v2-oaep}}");
+    buffer_put_cstring(&b, "3des-cbc");
+    buffer_put_int(&b, 0);
+    SecshPrivateKey key;
+    EXPECT_FALSE(secsh_private_key_decode(buffer_ptr(&b), buffer_len(&b), &key));
+    EXPECT_TRUE(log.contains("encrypted key (cipher 3des-cbc) not supported"));
+
+    Buffer unknown;
+    buffer_put_int(&unknown, SECSH_PRIVATE_KEY_MAGIC);
+    buffer_put_int(&unknown, 0);
+    buffer_put_cstring(&unknown, "ssh-ed25519");
+    buffer_put_cstring(&unknown, "none");
+    buffer_put_int(&unknown, 4);
+    buffer_put_int(&unknown, 0);
+    EXPECT_FALSE(secsh_private_key_decode(buffer_ptr(&unknown), buffer_len(&unknown), &key));
+    EXPECT_TRUE(log.contains("unsupported key type ssh-ed25519"));
+}
