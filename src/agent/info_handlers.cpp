@@ -1,5 +1,5 @@
 // The version request and the ping of the version 2 protocol.
-#include <cstring>
+#include <algorithm>
 
 #include "agent/handlers.h"
 #include "agent/protocol.h"
@@ -20,8 +20,8 @@ void handle_version_request(RequestContext *ctx)
 void handle_ping(RequestContext *ctx)
 {
     SecureBytes data = buffer_get_string(&ctx->request);
-    const uint8_t *zero = static_cast<const uint8_t *>(memchr(data.data(), 0, data.size()));
-    uint32_t length = static_cast<uint32_t>(zero ? zero - data.data() : data.size());
+    auto zero = std::find(data.begin(), data.end(), 0);
+    uint32_t length = static_cast<uint32_t>(zero - data.begin());
     buffer_put_int(&ctx->output, 1 + length);
     buffer_put_char(&ctx->output, SSH_AGENT_ALIVE);
     buffer_append(&ctx->output, data.data(), length);
