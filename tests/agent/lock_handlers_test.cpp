@@ -186,17 +186,3 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
     set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
     agent_enum_set(AGENT_ENUM_INITIAL);
 }
-
-TEST_F(LockAndNotices, VersionAndPing)
-{
-    LogCapture log;
-    DispatchResult version = dispatch_bytes(with_string(1, "tssh 9"));  // served while locked
-    EXPECT_EQ(version.reply, hex_bytes("00000005 67 00000002"));
-    EXPECT_EQ(version.agent_protocol, 2);
-    EXPECT_TRUE(log.contains("keyagent: Client version string : tssh 9"));
-
-    agent_set_locked(false);
-    EXPECT_EQ(dispatch_bytes(with_string(212, "abc")).reply, hex_bytes("00000004 96 616263"));
-    EXPECT_EQ(dispatch_bytes(with_string(212, std::string("a\0bc", 4))).reply, hex_bytes("00000002 96 61"));
-    EXPECT_EQ(dispatch_bytes(request_hex("d4")).reply, hex_bytes("00000001 96"));
-}

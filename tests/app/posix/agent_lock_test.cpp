@@ -136,6 +136,8 @@ TEST(AgentLock, SmallRequestsOverTheSocket)
 
     EXPECT_EQ(client.request(with_string(159, "")), hex_bytes("00000001 66"));  // AttemptEmpty is off
     EXPECT_EQ(client.request(with_string(212, "abc")), hex_bytes("00000004 96 616263"));
+    EXPECT_EQ(client.request(with_string(212, std::string("a\0bc", 4))), hex_bytes("00000002 96 61"));
+    EXPECT_EQ(client.request(frame(hex_bytes("d4"))), hex_bytes("00000001 96"));
     EXPECT_EQ(client.request(with_string(1, "client 1.0")), hex_bytes("00000005 67 00000002"));
     EXPECT_EQ(client.request(frame(hex_bytes("9c 1122334455667788 00000007"))),
               hex_bytes("00000008 1122334455667788"));
