@@ -9,15 +9,8 @@ void handle_sign_request(RequestContext *ctx, int) { reply_failure(ctx); }
 void handle_add_identity(RequestContext *ctx, int, int) { reply_failure(ctx); }
 void handle_remove_identity(RequestContext *ctx, int) { reply_failure(ctx); }
 void handle_remove_all_identities(RequestContext *ctx, int) { reply_failure(ctx); }
-void handle_lock_unlock(RequestContext *ctx, bool) { reply_failure(ctx); }
-void handle_is_locked(RequestContext *ctx) { reply_failure(ctx); }
-void handle_attempt_empty(RequestContext *ctx) { reply_failure(ctx); }
-void handle_register_refresh(RequestContext *ctx) { reply_failure(ctx); }
-void handle_unregister_refresh(RequestContext *ctx) { reply_failure(ctx); }
-void handle_forwarding_notice(RequestContext *ctx, int) { reply_failure(ctx); }
-void handle_version_request(RequestContext *ctx) { reply_failure(ctx); }
-void handle_ping(RequestContext *ctx) { reply_failure(ctx); }
-void forwarding_notice_connection_closed(uint64_t) {}
+// The key store arrives with the key-store files; until then there is
+// nothing to save or load.
 void save_key_store() {}
 void load_public_key_store() {}
 void load_private_key_store() {}

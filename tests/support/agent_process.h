@@ -2,6 +2,7 @@
 // socket.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -41,6 +42,8 @@ public:
     std::string stderr_path() const { return (root_ / "stderr.txt").string(); }
     std::string stdout_path() const { return (root_ / "stdout.txt").string(); }
     pid_t pid() const { return pid_; }
+    int exit_status() const { return exit_status_; }
+    void set_extra_args(std::vector<std::string> extra_args) { extra_args_ = std::move(extra_args); }
 
     std::vector<std::string> base_args() const
     {
@@ -48,10 +51,17 @@ public:
     }
 
     // Starts the agent and waits for its socket; false if it did not come up.
+    // A first run (no settings file yet) gets the empty passphrase unless
+    // the test says how the passphrase is given.
     bool start()
     {
         std::vector<std::string> args = base_args();
         args.insert(args.end(), extra_args_.begin(), extra_args_.end());
+        bool passphrase_chosen = std::any_of(extra_args_.begin(), extra_args_.end(), [](const std::string &a) {
+            return a == "--passphrase-file" || a == "--empty-passphrase";
+        });
+        if (!passphrase_chosen && !std::filesystem::exists(root_ / "data" / "tAgent"))
+            args.push_back("--empty-passphrase");
         pid_ = spawn(args, stdout_path(), stderr_path());
         for (int i = 0; i < 200; ++i) {
             if (std::filesystem::exists(socket_path()))

@@ -11,7 +11,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "agent/change_notice.h"
+#include "agent/data_folder.h"
 #include "agent/handlers.h"
+#include "agent/passphrase.h"
+#include "agent/settings.h"
 #include "app/message_processor.h"
 #include "app/posix/control_channel.h"
 #include "app/posix/control_client.h"
@@ -20,6 +24,7 @@
 #include "app/posix/agent_server.h"
 #include "app/posix/folders.h"
 #include "app/posix/single_instance.h"
+#include "app/posix/startup_passphrase.h"
 #include "app/posix/unix_socket.h"
 #include "log/agent_log.h"
 #include "log/log.h"
@@ -39,6 +44,15 @@ void on_stop_signal(int) { request_stop(); }
 
 // The tray icon's counterpart: watchers learn the lock state.
 void announce_lock_state() { control_channel_broadcast(agent_is_locked() ? "locked" : "unlocked"); }
+
+// The manager window's counterpart: watchers learn of every change notice.
+void announce_change() { control_channel_broadcast("changed"); }
+
+// A refresh registration names a watch subscriber; its command is one line.
+void post_subscriber_command(uint64_t subscriber, uint32_t command)
+{
+    control_channel_send(subscriber, "command " + std::to_string(command));
+}
 
 void install_signal_handlers()
 {
@@ -155,7 +169,11 @@ int run_agent(const AgentOptions &options)
             return 1;
         }
     }
+    // The settings come first: every later step, logging included, sees them.
+    agent_data_folder_set(runtime.folders.data);
+    read_agent_settings();
     agent_log_install(runtime.folders.log, options.debug);
+    apply_create_log_setting();
     disable_core_dumps();
 
     std::string message;
@@ -168,6 +186,12 @@ int run_agent(const AgentOptions &options)
         print_shell_lines(options.shell_style, runtime.folders.agent_socket,
                           instance_lock_holder(runtime.folders.lock_file));
         return 0;
+    }
+    StartupPassphrase startup;
+    if (!startup_passphrase_prepare(options, &startup, &message)) {
+        fprintf(stderr, "tkeyagent: %s\n", message.c_str());
+        instance_lock_release(&runtime.lock);
+        return 1;
     }
     runtime.listen_fd = unix_socket_listen(runtime.folders.agent_socket, &message);
     if (runtime.listen_fd >= 0)
@@ -208,22 +232,31 @@ int run_agent(const AgentOptions &options)
     shell.post_quit = request_stop;
     shell.redraw_tray = announce_lock_state;
     window_shell_set(shell);
+    ChangeNoticeHooks notices;
+    notices.notify_manager = announce_change;
+    notices.window_exists = control_channel_subscriber_alive;
+    notices.post_command = post_subscriber_command;
+    change_notice_hooks_set(notices);
     if (options.owner)
         agent_log("Started for owner window %lld", options.owner);
 
     message_processor_start();
+    startup_passphrase_apply(&startup);
     agent_log("Key Agent started ===========");
     agent_ready_set(true);
+    send_change_notice();
 
     main_loop();
 
     agent_log("Key Agent stopped ===========");
+    send_change_notice();
     agent_ready_set(false);
     control_channel_close_all();
     close(runtime.listen_fd);
     runtime.listen_fd = -1;
     unlink(runtime.folders.agent_socket.c_str());
     agent_server_close_connections();
+    forget_agent_passphrase();
     message_processor_stop();
     fatal_remove_cleanup(remove_runtime_files, nullptr);
     remove_runtime_files(nullptr);

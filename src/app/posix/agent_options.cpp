@@ -5,7 +5,7 @@
 
 const char *const AGENT_USAGE =
     "usage: tkeyagent [-D | -d] [-s | -c] [-a PATH] [--data-dir DIR] [--log-dir DIR]\n"
-    "                 [--owner N]\n"
+    "                 [--passphrase-file FILE | --empty-passphrase] [--owner N]\n"
     "       tkeyagent -k [-a PATH]\n"
     "\n"
     "Tarnwell Key Agent: holds SSH private keys and answers SSH clients on a\n"
@@ -21,16 +21,27 @@ const char *const AGENT_USAGE =
     "                      else ~/.local/share/tarnwell; env TARNWELL_DATA_DIR)\n"
     "  --log-dir DIR       tAgentLog.txt and kvllog.ini (default $XDG_STATE_HOME/tarnwell,\n"
     "                      else ~/.local/state/tarnwell; env TARNWELL_LOG_DIR)\n"
+    "  --passphrase-file FILE\n"
+    "                      the agent passphrase is the first line of FILE: the first\n"
+    "                      run (no passphrase stored yet) sets it, later runs unlock\n"
+    "                      with it (a wrong one leaves the agent locked)\n"
+    "  --empty-passphrase  first run only: no agent passphrase; also switches the\n"
+    "                      setting AttemptEmpty on, so later runs start unlocked\n"
     "  --owner N           window handle of the launching client (logged only)\n"
-    "  -h, --help          show this text\n";
+    "  -h, --help          show this text\n"
+    "\n"
+    "A first run needs --passphrase-file or --empty-passphrase. Later runs start\n"
+    "locked unless AttemptEmpty or --passphrase-file unlocks them.\n";
 
 bool parse_agent_options(int argc, char **argv, AgentOptions *options, bool *help, std::string *message)
 {
-    enum { DATA_DIR = 1000, LOG_DIR, OWNER };
+    enum { DATA_DIR = 1000, LOG_DIR, OWNER, PASSPHRASE_FILE, EMPTY_PASSPHRASE };
     static const struct option long_options[] = {
         {"data-dir", required_argument, nullptr, DATA_DIR},
         {"log-dir", required_argument, nullptr, LOG_DIR},
         {"owner", required_argument, nullptr, OWNER},
+        {"passphrase-file", required_argument, nullptr, PASSPHRASE_FILE},
+        {"empty-passphrase", no_argument, nullptr, EMPTY_PASSPHRASE},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -49,12 +60,18 @@ bool parse_agent_options(int argc, char **argv, AgentOptions *options, bool *hel
         case DATA_DIR: options->data_dir = optarg; break;
         case LOG_DIR: options->log_dir = optarg; break;
         case OWNER: options->owner = strtoll(optarg, nullptr, 10); break;
+        case PASSPHRASE_FILE: options->passphrase_file = optarg; break;
+        case EMPTY_PASSPHRASE: options->empty_passphrase = true; break;
         case 'h': *help = true; return true;
         default:
             *message = optopt ? std::string("unknown or incomplete option -") + static_cast<char>(optopt)
                               : std::string("unknown option ") + argv[optind - 1];
             return false;
         }
+    }
+    if (!options->passphrase_file.empty() && options->empty_passphrase) {
+        *message = "--passphrase-file and --empty-passphrase exclude each other";
+        return false;
     }
     if (optind < argc) {
         *message = std::string("unexpected argument ") + argv[optind];

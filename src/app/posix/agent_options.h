@@ -12,6 +12,8 @@ struct AgentOptions {
     std::string data_dir;
     std::string log_dir;
     long long owner = 0;
+    std::string passphrase_file;  // first run: sets it; later runs: unlocks
+    bool empty_passphrase = false;  // first run: no passphrase, AttemptEmpty on
 };
 
 // Parses argv; on a usage error returns false with `message` set. Sets

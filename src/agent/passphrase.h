@@ -1,0 +1,29 @@
+// The agent passphrase. Only its SHA-1 digest is stored (in the settings
+// file); the passphrase itself is held in memory once it has been set or
+// proved in this run, and is the password of the private key store.
+// A null passphrase counts as the empty one everywhere.
+#pragma once
+
+#include <cstdint>
+
+// True when a digest is stored, i.e. an agent passphrase was ever set.
+bool agent_passphrase_is_set();
+// True while the passphrase is held in memory.
+bool agent_passphrase_held();
+
+// Makes `passphrase` the agent passphrase: holds it, unlocks the agent and
+// stores its digest and `attempt_empty` as `AttemptEmpty`. Returns 1.
+int set_agent_passphrase(const char *passphrase, uint32_t attempt_empty);
+// Nonzero when `passphrase` is the agent passphrase. The first success of a
+// run holds it and loads the private key store.
+int verify_agent_passphrase(const char *passphrase);
+// Wipes and drops the held passphrase.
+void forget_agent_passphrase();
+// Unlocks with `old_passphrase`, sets the new one and rewrites the key store
+// under it. Returns 1, or 0 when `old_passphrase` is wrong.
+int change_agent_passphrase(const char *old_passphrase, const char *new_passphrase, uint32_t attempt_empty);
+// Destroys the key store and the settings file and asks the shell to stop.
+void reset_agent_data();
+
+// The SHA-1 digest of the passphrase's characters.
+void agent_passphrase_digest(const char *passphrase, uint8_t digest[20]);

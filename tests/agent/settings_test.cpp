@@ -1,0 +1,119 @@
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include "log/agent_log.h"
+#include "support/agent_state.h"
+
+namespace {
+
+std::string sha1(const std::string &text)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha1(), nullptr);
+    return std::string(reinterpret_cast<char *>(digest), length);
+}
+
+const char *const DEFAULT_LINES =
+    "ConfirmKeyOp no\nAllowAdd yes\nAllowDelete yes\nAutoLock no\nAutoLockMinutes 0\n"
+    "AttemptEmpty no\nUseOnlySha1 no\nCreateLog no\n";
+
+using Settings = AgentStateTest;
+
+}  // namespace
+
+TEST_F(Settings, WrittenFileHasTheExactLayoutAndMode)
+{
+    set_agent_passphrase("correct horse", 0);
+    EXPECT_EQ(file_text("tAgent"), "Passphrase " + sha1("correct horse") + "\n" + DEFAULT_LINES);
+    struct stat st;
+    ASSERT_EQ(stat(path("tAgent").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    agent_settings().AutoLockMinutes = -12;
+    agent_settings().CreateLog = 1;
+    write_agent_settings();
+    std::string text = file_text("tAgent");
+    EXPECT_NE(text.find("\nAutoLockMinutes -12\n"), std::string::npos);
+    EXPECT_NE(text.find("\nCreateLog yes\n"), std::string::npos);
+
+    // What was written reads back unchanged.
+    AgentSettings before = agent_settings();
+    read_agent_settings();
+    EXPECT_EQ(memcmp(&before, &agent_settings(), sizeof before), 0);
+}
+
+TEST_F(Settings, HandEditedFileIsReadByPosition)
+{
+    std::string digest = sha1("pw");
+    write_file("tAgent", "passphrase  \t" + digest +
+                             "\nConfirmKeyOp YES\nAllowAdd maybe\nAllowDelete No\nAutoLock yes\n"
+                             "AutoLockMinutes 15min\nUseOnlySha1 yes\nAttemptEmpty yes\ncreatelog yes\n");
+    read_agent_settings();
+    const AgentSettings &s = agent_settings();
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(s.passphrase_digest), 20), digest);
+    EXPECT_EQ(s.ConfirmKeyOp, 1u);  // capitals count as "yes"
+    EXPECT_EQ(s.AllowAdd, 1u);      // anything but "no" keeps it on
+    EXPECT_EQ(s.AllowDelete, 0u);
+    EXPECT_EQ(s.AutoLock, 1u);
+    EXPECT_EQ(s.AutoLockMinutes, 15);
+    // Swapped lines: each is out of place, so both keep their defaults.
+    EXPECT_EQ(s.AttemptEmpty, 0u);
+    EXPECT_EQ(s.UseOnlySha1, 0u);
+    EXPECT_EQ(s.CreateLog, 1u);
+
+    // No "Passphrase" line: no digest, and then no passphrase verifies.
+    write_file("tAgent", "ConfirmKeyOp yes\nAllowAdd no\n");
+    read_agent_settings();
+    EXPECT_FALSE(agent_passphrase_is_set());
+    EXPECT_EQ(agent_settings().AllowAdd, 1u);  // its line went into the 20 digest bytes
+    EXPECT_EQ(verify_agent_passphrase(""), 0);
+
+    // A missing file gives the defaults.
+    std::filesystem::remove(path("tAgent"));
+    agent_settings().AllowAdd = 0;
+    read_agent_settings();
+    EXPECT_EQ(agent_settings().AllowAdd, 1u);
+}
+
+TEST_F(Settings, WhiteSpaceAfterPassphraseShiftsTheDigest)
+{
+    std::string digest = " \t" + sha1("x").substr(2);
+    write_file("tAgent", "Passphrase " + digest + "\n" + DEFAULT_LINES);
+    read_agent_settings();
+    std::string read(reinterpret_cast<const char *>(agent_settings().passphrase_digest), 20);
+    EXPECT_EQ(read, digest.substr(2) + "\nC");
+    EXPECT_EQ(agent_settings().AllowAdd, 1u);
+}
+
+TEST_F(Settings, SettersRewriteOnlyOnChange)
+{
+    EXPECT_EQ(set_allow_add(1), 0);
+    EXPECT_FALSE(std::filesystem::exists(path("tAgent")));
+    EXPECT_EQ(set_allow_add(0), 1);
+    EXPECT_NE(file_text("tAgent").find("\nAllowAdd no\n"), std::string::npos);
+    std::filesystem::remove(path("tAgent"));
+    EXPECT_EQ(set_allow_add(0), 0);
+    EXPECT_FALSE(std::filesystem::exists(path("tAgent")));
+
+    EXPECT_EQ(set_confirm_key_op(1), 1);
+    EXPECT_EQ(set_allow_delete(0), 1);
+    EXPECT_EQ(set_use_only_sha1(1), 1);
+    EXPECT_EQ(file_text("tAgent").substr(32),
+              "ConfirmKeyOp yes\nAllowAdd no\nAllowDelete no\nAutoLock no\nAutoLockMinutes 0\n"
+              "AttemptEmpty no\nUseOnlySha1 yes\nCreateLog no\n");
+
+    // CreateLog switches the agent log file at once.
+    LogFileState saved = agent_log_file();
+    log_file_configure(&agent_log_file(), LOG_COMPONENT_AGENT, folder_.string());
+    EXPECT_EQ(set_create_log(1), 1);
+    EXPECT_TRUE(agent_log_file().enabled);
+    EXPECT_NE(file_text("tAgentLog.txt").find("Agent Log Setting Enabled (tkeyagent version 25.2.133)"),
+              std::string::npos);
+    EXPECT_EQ(set_create_log(1), 0);
+    EXPECT_EQ(set_create_log(0), 1);
+    EXPECT_FALSE(agent_log_file().enabled);
+    agent_log_file() = saved;
+}

@@ -1,0 +1,57 @@
+// A private data folder and a clean process-wide agent state for each test:
+// default settings, no held passphrase, locked, no hooks, no registrations.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <unistd.h>
+
+#include "agent/change_notice.h"
+#include "agent/data_folder.h"
+#include "agent/handlers.h"
+#include "agent/passphrase.h"
+#include "agent/settings.h"
+#include "app/window_messages.h"
+#include "agent/change_notice.h"
+#include "support/agent_process.h"
+
+class AgentStateTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        folder_ = std::filesystem::temp_directory_path() /
+                  ("tarnwell-state-" + std::to_string(getpid()) + "-" +
+                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::remove_all(folder_);
+        std::filesystem::create_directories(folder_);
+        agent_data_folder_set(folder_.string());
+        reset_state();
+    }
+    void TearDown() override
+    {
+        reset_state();
+        agent_data_folder_set("");
+        std::filesystem::remove_all(folder_);
+    }
+
+    std::string path(const char *name) const { return (folder_ / name).string(); }
+    std::string file_text(const char *name) const { return AgentProcess::read_file(path(name)); }
+    void write_file(const char *name, const std::string &text) const
+    {
+        std::ofstream(path(name), std::ios::binary) << text;
+    }
+
+    std::filesystem::path folder_;
+
+private:
+    static void reset_state()
+    {
+        agent_settings() = AgentSettings{};
+        forget_agent_passphrase();
+        agent_set_locked(true);
+        change_notice_hooks_set(ChangeNoticeHooks{});
+        window_shell_set(WindowShell{});
+        refresh_registrations_clear();
+    }
+};
