@@ -64,7 +64,7 @@ void handle_forwarding_notice(RequestContext *ctx, int vendor)
         notice.enum_setting = buffer_get_int(&ctx->request);
         agent_enum_set(notice.enum_setting);
         notice.client_window = buffer_get_int64(&ctx->request);
-        dialog_owner = notice.client_window;
+        agent_dialog_owner_set(notice.client_window);
         notice.connection = ctx->connection;
         notice.list_mode = forwarding_list_mode(notice.enum_setting, buffer_get_int(&ctx->request));
         record_notice(notice);
@@ -94,6 +94,7 @@ std::optional<ForwardingNotice> forwarding_notice_for_connection(uint64_t connec
 }
 
 uint64_t agent_dialog_owner() { return dialog_owner; }
+void agent_dialog_owner_set(uint64_t window) { dialog_owner = window; }
 
 size_t forwarding_notice_count()
 {

@@ -22,6 +22,8 @@ uint32_t forwarding_list_mode(uint32_t enum_setting, uint32_t sent_list_mode);
 // The window last named by a vendor forwarding notice; it owns the agent's
 // dialogs. 0 until a notice arrives.
 uint64_t agent_dialog_owner();
+// A vendor sign request names the owner window too.
+void agent_dialog_owner_set(uint64_t window);
 
 // Number of recorded notices, for status displays and tests.
 size_t forwarding_notice_count();

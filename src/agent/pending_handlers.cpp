@@ -4,11 +4,7 @@
 #include "agent/key_store.h"
 #include "agent/reply.h"
 
-void handle_list_identities(RequestContext *ctx, int, int) { reply_failure(ctx); }
 void handle_sign_request(RequestContext *ctx, int) { reply_failure(ctx); }
-void handle_add_identity(RequestContext *ctx, int, int) { reply_failure(ctx); }
-void handle_remove_identity(RequestContext *ctx, int) { reply_failure(ctx); }
-void handle_remove_all_identities(RequestContext *ctx, int) { reply_failure(ctx); }
 // The key store arrives with the key-store files; until then there is
 // nothing to save or load.
 void save_key_store() {}

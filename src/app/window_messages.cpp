@@ -3,6 +3,11 @@
 #include <atomic>
 
 #include "agent/handlers.h"
+#include "agent/local_lock.h"
+#include "agent/passphrase.h"
+#include "agent/settings.h"
+#include "app/program_texts.h"
+#include "keys/secure_memory.h"
 #include "log/agent_log.h"
 
 namespace {
@@ -27,12 +32,56 @@ void redraw_tray()
         shell_state().redraw_tray();
 }
 
+void show_error(int text_id)
+{
+    if (shell_state().show_error)
+        shell_state().show_error(text_id);
+}
+
+void menu_lock()
+{
+    agent_local_lock();
+    if (!agent_is_locked())
+        show_error(TEXT_LOCK_FAILED);
+    redraw_tray();
+}
+
+void menu_unlock()
+{
+    if (agent_settings().AttemptEmpty)
+        agent_local_unlock("");
+    if (agent_is_locked() && shell_state().ask_unlock_passphrase) {
+        SecretString passphrase;
+        if (shell_state().ask_unlock_passphrase(&passphrase)) {
+            agent_local_unlock(passphrase.c_str());
+            if (agent_is_locked())
+                show_error(TEXT_UNLOCK_FAILED);
+        }
+    }
+    redraw_tray();
+}
+
 int64_t menu_command(uint32_t command)
 {
     switch (command) {
+    case MENU_LOCK: menu_lock(); return 0;
+    case MENU_UNLOCK: menu_unlock(); return 0;
     case MENU_EXIT: post_quit(); return 0;
     default: return 0;
     }
+}
+
+// The copy-data record: old passphrase at 0, new one at 256 (both
+// zero-terminated), and at 512 the flag that marks the new one as empty.
+int64_t change_passphrase(const std::string &record)
+{
+    if (record.size() < CHANGE_PASSPHRASE_RECORD_SIZE)
+        return 0;
+    SecretString old_passphrase(record.c_str());
+    SecretString new_passphrase(record.c_str() + 256);
+    uint32_t empty_flag = static_cast<uint8_t>(record[512]) | static_cast<uint8_t>(record[513]) << 8 |
+                          static_cast<uint8_t>(record[514]) << 16 | static_cast<uint32_t>(static_cast<uint8_t>(record[515])) << 24;
+    return change_agent_passphrase(old_passphrase.c_str(), new_passphrase.c_str(), empty_flag ? 1 : 0);
 }
 
 }  // namespace
@@ -43,10 +92,18 @@ const WindowShell &window_shell() { return shell_state(); }
 void agent_ready_set(bool value) { ready = value; }
 bool agent_ready() { return ready; }
 
-int64_t agent_window_message(uint32_t message, uint64_t wparam, uint64_t, const std::string &)
+int64_t agent_window_message(uint32_t message, uint64_t wparam, uint64_t lparam, const std::string &data)
 {
+    uint32_t value = static_cast<uint32_t>(lparam);  // the settings' new value
     switch (message) {
     case WM_CREATE_MESSAGE: return 0;
+    case WM_COPYDATA_MESSAGE: return wparam == COPYDATA_CHANGE_PASSPHRASE ? change_passphrase(data) : 0;
+    case WM_RESET_AGENT_DATA: reset_agent_data(); return 0;
+    case WM_SET_CONFIRM_KEY_OP: return set_confirm_key_op(value);
+    case WM_SET_ALLOW_ADD: return set_allow_add(value);
+    case WM_SET_ALLOW_DELETE: return set_allow_delete(value);
+    case WM_SET_USE_ONLY_SHA1: return set_use_only_sha1(value);
+    case WM_SET_CREATE_LOG: return set_create_log(value);
     case WM_DESTROY_MESSAGE:
     case WM_CLOSE_MESSAGE: post_quit(); return 1;
     case WM_COMMAND_MESSAGE: return menu_command(static_cast<uint32_t>(wparam & 0xffff));

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "keys/secure_memory.h"
+
 enum AgentWindowMessage : uint32_t {
     WM_CREATE_MESSAGE = 1,
     WM_DESTROY_MESSAGE = 2,
@@ -44,7 +46,7 @@ enum TrayMenuCommand : uint32_t {
 struct WindowShell {
     void (*post_quit)() = nullptr;          // end the message loop: the agent stops
     void (*redraw_tray)() = nullptr;        // the lock state may have changed
-    bool (*ask_unlock_passphrase)(std::string *passphrase) = nullptr;  // unlock dialog
+    bool (*ask_unlock_passphrase)(SecretString *passphrase) = nullptr;  // unlock dialog
     void (*show_error)(int text_id) = nullptr;                         // message box
 };
 

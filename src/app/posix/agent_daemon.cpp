@@ -14,12 +14,15 @@
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
 #include "agent/handlers.h"
+#include "agent/identity_table.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
 #include "app/message_processor.h"
 #include "app/posix/control_channel.h"
 #include "app/posix/control_client.h"
 #include "app/posix/control_protocol.h"
+#include "app/posix/pinentry.h"
+#include "app/program_texts.h"
 #include "app/window_messages.h"
 #include "app/posix/agent_server.h"
 #include "app/posix/folders.h"
@@ -41,6 +44,20 @@ void request_stop()
 }
 
 void on_stop_signal(int) { request_stop(); }
+
+bool ask_unlock_passphrase(SecretString *passphrase)
+{
+    auto pin = pinentry_get_pin({program_text(TEXT_APPLICATION_TITLE), program_text(TEXT_UNLOCK_DESCRIPTION),
+                                 program_text(TEXT_PASSPHRASE_PROMPT), ""});
+    if (!pin)
+        return false;
+    *passphrase = std::move(*pin);
+    return true;
+}
+
+// There is no message box here: the text goes to the log, and the command
+// that caused it reports its own failure.
+void log_error_text(int text_id) { agent_log("%s", program_text(text_id)); }
 
 // The tray icon's counterpart: watchers learn the lock state.
 void announce_lock_state() { control_channel_broadcast(agent_is_locked() ? "locked" : "unlocked"); }
@@ -231,6 +248,8 @@ int run_agent(const AgentOptions &options)
     WindowShell shell;
     shell.post_quit = request_stop;
     shell.redraw_tray = announce_lock_state;
+    shell.ask_unlock_passphrase = ask_unlock_passphrase;
+    shell.show_error = log_error_text;
     window_shell_set(shell);
     ChangeNoticeHooks notices;
     notices.notify_manager = announce_change;
@@ -241,6 +260,7 @@ int run_agent(const AgentOptions &options)
         agent_log("Started for owner window %lld", options.owner);
 
     message_processor_start();
+    identity_tables_init();
     startup_passphrase_apply(&startup);
     agent_log("Key Agent started ===========");
     agent_ready_set(true);
@@ -256,6 +276,7 @@ int run_agent(const AgentOptions &options)
     runtime.listen_fd = -1;
     unlink(runtime.folders.agent_socket.c_str());
     agent_server_close_connections();
+    remove_temporary_identities();
     forget_agent_passphrase();
     message_processor_stop();
     fatal_remove_cleanup(remove_runtime_files, nullptr);

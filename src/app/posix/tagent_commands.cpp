@@ -115,11 +115,13 @@ int simple_request(const TagentContext &c, const Buffer &body, const char *refus
     return TAGENT_REFUSED;
 }
 
-int control(const TagentContext &c, uint32_t message, uint64_t wparam, const std::string &data, int64_t *result)
+int control(const TagentContext &c, uint32_t message, uint64_t wparam, uint64_t lparam, const std::string &data,
+            int64_t *result)
 {
     ControlRequest request;
     request.message = message;
     request.wparam = wparam;
+    request.lparam = lparam;
     request.data = data;
     if (!control_call(c.control_socket, request, result))
         return unreachable(c.control_socket);
@@ -190,7 +192,7 @@ int cmd_set(const TagentContext &c, const std::vector<std::string> &args)
     if (strcasecmp(args[2].c_str(), "yes") != 0 && strcasecmp(args[2].c_str(), "no") != 0)
         return usage_error("the value is yes or no");
     int64_t changed = 0;
-    int status = control(c, setting->second, strcasecmp(args[2].c_str(), "yes") == 0 ? 1 : 0, "", &changed);
+    int status = control(c, setting->second, 0, strcasecmp(args[2].c_str(), "yes") == 0 ? 1 : 0, "", &changed);
     if (status == TAGENT_DONE)
         printf("%s %s\n", args[1].c_str(), changed ? "changed" : "unchanged");
     return status;
@@ -215,7 +217,7 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
     memcpy(record.data() + 256, new_passphrase->data(), new_passphrase->size());
     record[512] = empty || new_passphrase->empty() ? 1 : 0;
     int64_t changed = 0;
-    int status = control(c, WM_COPYDATA_MESSAGE, COPYDATA_CHANGE_PASSPHRASE, record, &changed);
+    int status = control(c, WM_COPYDATA_MESSAGE, COPYDATA_CHANGE_PASSPHRASE, 0, record, &changed);
     wipe_memory(record.data(), record.size());
     if (status != TAGENT_DONE)
         return status;
@@ -231,13 +233,13 @@ int cmd_reset(const TagentContext &c, const std::vector<std::string> &args)
     if (!has_flag(args, "--yes"))
         return usage_error("reset destroys every key and the passphrase; confirm with --yes");
     int64_t ignored = 0;
-    return control(c, WM_RESET_AGENT_DATA, 0, "", &ignored);
+    return control(c, WM_RESET_AGENT_DATA, 0, 0, "", &ignored);
 }
 
 int cmd_stop(const TagentContext &c, const std::vector<std::string> &)
 {
     int64_t ignored = 0;
-    return control(c, WM_COMMAND_MESSAGE, MENU_EXIT, "", &ignored);
+    return control(c, WM_COMMAND_MESSAGE, MENU_EXIT, 0, "", &ignored);
 }
 
 int cmd_watch(const TagentContext &c, const std::vector<std::string> &)

@@ -1,0 +1,154 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "agent/handlers.h"
+#include "agent/settings.h"
+#include "keys/key_blob.h"
+#include "pki/agent_enum.h"
+#include "support/dispatch_helper.h"
+#include "support/identity_fixture.h"
+#include "support/log_capture.h"
+
+namespace {
+
+struct ListEntry {
+    std::string blob_name;
+    std::string comment;
+    std::string key_name;  // local lists only
+};
+
+// Sends a list request on `connection` and parses the entries.
+std::vector<ListEntry> list(const char *body_hex, uint64_t connection = 1, bool local = false,
+                            uint8_t *code = nullptr)
+{
+    Bytes reply = dispatch_bytes(request_hex(body_hex), connection).reply;
+    Buffer b;
+    buffer_append(&b, reply.data(), static_cast<uint32_t>(reply.size()));
+    buffer_get_int(&b);
+    uint8_t reply_code = buffer_get_char(&b);
+    if (code)
+        *code = reply_code;
+    uint32_t count = buffer_get_int(&b);
+    std::vector<ListEntry> entries;
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t len = 0;
+        SecureBytes blob = buffer_get_string(&b, &len);
+        ListEntry e;
+        e.blob_name = key_blob_name(blob.data(), len);
+        e.comment = buffer_get_string_text(&b);
+        if (local) {
+            e.key_name = buffer_get_string_text(&b);
+            if (e.blob_name.rfind("x509v3", 0) == 0 || e.blob_name.empty())
+                buffer_get_int(&b);
+        }
+        entries.push_back(e);
+    }
+    EXPECT_EQ(buffer_len(&b), 0u) << "the count must match the entries";
+    return entries;
+}
+
+// The offered names: a remote entry's comment begins with it (a plain
+// certificate blob is DER alone and has no name of its own).
+std::vector<std::string> names(const std::vector<ListEntry> &entries)
+{
+    std::vector<std::string> out;
+    for (const auto &e : entries)
+        out.push_back(e.key_name.empty() ? e.comment.substr(0, e.comment.find(" - ")) : e.blob_name);
+    return out;
+}
+
+// A vendor forwarding notice with enumeration setting `setting` on `connection`.
+void vendor_notice(uint64_t connection, uint32_t setting)
+{
+    Buffer body;
+    buffer_put_char(&body, 158);
+    buffer_put_cstring(&body, "host");
+    buffer_put_cstring(&body, "127.0.0.1");
+    buffer_put_int(&body, 22);
+    buffer_put_int(&body, 3);
+    buffer_put_int(&body, 0);
+    buffer_put_int(&body, setting);
+    buffer_put_int64(&body, 0);
+    buffer_put_int(&body, 0);
+    dispatch_bytes(frame(buffer_bytes(body)), connection);
+}
+
+struct Unlocked {
+    Unlocked() { agent_set_locked(false); identity_tables_init(); }
+    ~Unlocked() { agent_set_locked(true); identity_tables_init(); unsetenv("TARNWELL_FIPS"); }
+};
+
+}  // namespace
+
+TEST(IdentityListing, RsaEntriesFollowTheServerKind)
+{
+    LogCapture log;
+    Unlocked unlocked;
+    add_test_identity(key_generate(KEY_RSA, 2048), "laptop key", "id_RSA_2048");
+
+    std::vector<ListEntry> plain = list("0b", 1);
+    EXPECT_EQ(names(plain), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
+    EXPECT_EQ(plain[0].comment, "rsa-sha2-256 - laptop key");
+    EXPECT_TRUE(log.contains("keyagent: Identity list request (remote) : returned 3 key/certs(s)"));
+
+    vendor_notice(2, 0x100);
+    EXPECT_EQ(names(list("0b", 2)), (std::vector<std::string>{"rsa-sha2-256", SSH_RSA_SHA256_VENDOR_ALIAS,
+                                                               "rsa-sha2-512", "ssh-rsa"}));
+    vendor_notice(3, 0x400);
+    EXPECT_EQ(names(list("0b", 3)), (std::vector<std::string>{"ssh-rsa"}));
+    forwarding_notice_connection_closed(2);
+    forwarding_notice_connection_closed(3);
+
+    // The vendor's own list: one entry with comment and key name apart.
+    std::vector<ListEntry> local = list("9b", 1, true);
+    ASSERT_EQ(local.size(), 1u);
+    EXPECT_EQ(local[0].blob_name, "ssh-rsa");
+    EXPECT_EQ(local[0].comment, "laptop key");
+    EXPECT_EQ(local[0].key_name, "id_RSA_2048");
+
+    // Version 2 numbering answers 104; protocol 1 lists are empty.
+    uint8_t code = 0;
+    list("cc", 1, false, &code);
+    EXPECT_EQ(code, 104);
+    EXPECT_TRUE(list("01", 1, false, &code).empty());
+    EXPECT_EQ(code, 2);
+}
+
+TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
+{
+    LogCapture log;
+    Unlocked unlocked;
+    add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "r");
+    add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+
+    set_use_only_sha1(1);
+    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"ssh-rsa"}));
+    set_use_only_sha1(0);
+
+    setenv("TARNWELL_FIPS", "1", 1);
+    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ecdsa-sha2-nistp256"}));
+    EXPECT_TRUE(log.contains("Not listing ssh-rsa, MD5 and SHA1 signatures not allowed in FIPS mode."));
+    // A local list still offers ssh-rsa.
+    EXPECT_EQ(names(list("9b", 1, true)), (std::vector<std::string>{"ssh-rsa", "ecdsa-sha2-nistp256"}));
+}
+
+TEST(IdentityListing, CertificatesFollowTheEnumerationMode)
+{
+    Unlocked unlocked;
+    add_test_identity(make_test_certificate_key("RSA", 1024), "cert", "c");
+
+    agent_enum_set(0x13);  // both, certificates first
+    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"x509v3-ssh-rsa", "x509v3-sign-rsa", "rsa-sha2-256",
+                                                            "rsa-sha2-512", "ssh-rsa"}));
+    agent_enum_set(0x01);  // certificates as certificates; 1024 bits: no rsa2048
+    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"x509v3-ssh-rsa", "x509v3-sign-rsa"}));
+    agent_enum_set(0x02);  // as keys only
+    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
+    agent_enum_set(0x23);  // keys first; an OpenSSH server gets no certificates
+    vendor_notice(5, 0x200);
+    agent_enum_set(0x23);
+    EXPECT_EQ(names(list("0b", 5)), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
+    forwarding_notice_connection_closed(5);
+    agent_enum_set(0x13);
+}
