@@ -1,0 +1,99 @@
+// OpenSSH's ssh-add against the real agent: adding, listing and removing
+// keys made by ssh-keygen.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "support/agent_process.h"
+
+namespace {
+
+struct SshAdd {
+    int status;
+    std::string output;
+};
+
+SshAdd ssh_add(const AgentProcess &agent, std::vector<std::string> args)
+{
+    std::string out = (agent.root() / "ssh-add.txt").string();
+    std::filesystem::remove(out);
+    args.insert(args.begin(), "/usr/bin/ssh-add");
+    pid_t pid = AgentProcess::spawn(args, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
+    int status = AgentProcess::wait_exit(pid);
+    return {status, AgentProcess::read_file(out)};
+}
+
+std::string make_key(const AgentProcess &agent, const std::string &name, const std::string &type, int bits = 0)
+{
+    std::string path = (agent.root() / name).string();
+    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + name + "' -t " + type +
+                          (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
+    EXPECT_EQ(system(command.c_str()), 0) << command;
+    return path;
+}
+
+size_t count_lines(const std::string &text, const std::string &needle)
+{
+    size_t n = 0;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        n += line.find(needle) != std::string::npos;
+    return n;
+}
+
+}  // namespace
+
+TEST(OpenSshAdd, AddsListsAndRemovesEveryKeyType)
+{
+    AgentProcess agent({"--empty-passphrase"});
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    struct { const char *name, *type; int bits; const char *listed; } keys[] = {
+        {"rsa2048", "rsa", 2048, "(RSA)"},        {"rsa4096", "rsa", 4096, "(RSA)"},
+        {"dsa", "dsa", 0, "(DSA)"},               {"p256", "ecdsa", 256, "(ECDSA)"},
+        {"p384", "ecdsa", 384, "(ECDSA)"},        {"p521", "ecdsa", 521, "(ECDSA)"},
+    };
+    bool confirm = false;
+    for (const auto &k : keys) {
+        std::string path = make_key(agent, k.name, k.type, k.bits);
+        std::vector<std::string> args = {path};
+        if ((confirm = !confirm))
+            args.insert(args.begin(), "-c");  // every other key with the confirm constraint
+        SshAdd added = ssh_add(agent, args);
+        EXPECT_EQ(added.status, 0) << k.name << ": " << added.output;
+    }
+    // Adding a held key again still succeeds.
+    EXPECT_EQ(ssh_add(agent, {(agent.root() / "p256").string()}).status, 0);
+    EXPECT_NE(agent.log_text().find("keyagent: Key exists : id_ECDSA_256_2 ECDSA 256-bit"), std::string::npos);
+
+    SshAdd listed = ssh_add(agent, {"-l"});
+    EXPECT_EQ(listed.status, 0);
+    // An RSA key is offered under three signature names, the others once.
+    EXPECT_EQ(count_lines(listed.output, "rsa2048 (RSA)"), 3u) << listed.output;
+    EXPECT_EQ(count_lines(listed.output, "dsa (DSA)"), 1u);
+    EXPECT_EQ(count_lines(listed.output, "p521 (ECDSA)"), 1u);
+    SshAdd public_keys = ssh_add(agent, {"-L"});
+    std::string p384 = AgentProcess::read_file((agent.root() / "p384.pub").string());
+    EXPECT_NE(public_keys.output.find(p384.substr(0, p384.rfind(' '))), std::string::npos);
+
+    EXPECT_EQ(ssh_add(agent, {"-d", (agent.root() / "p384").string()}).status, 0);
+    EXPECT_EQ(count_lines(ssh_add(agent, {"-l"}).output, "p384"), 0u);
+    EXPECT_EQ(ssh_add(agent, {"-D"}).status, 0);
+    EXPECT_EQ(ssh_add(agent, {"-l"}).status, 1);  // "The agent has no identities."
+}
+
+TEST(OpenSshAdd, RefusesEd25519AndTreatsLifetimesAsAbsolute)
+{
+    AgentProcess agent({"--empty-passphrase"});
+    ASSERT_TRUE(agent.start());
+    SshAdd ed = ssh_add(agent, {make_key(agent, "ed", "ed25519")});
+    EXPECT_NE(ed.status, 0);
+    EXPECT_NE(ed.output.find("agent refused operation"), std::string::npos) << ed.output;
+    EXPECT_NE(agent.log_text().find("process_add_identity: unable to identify the key."), std::string::npos);
+
+    // ssh-add -t sends lifetime code 1, which this agent stores as an
+    // absolute time: 600 seconds after the epoch is long past, so the key
+    // is gone at the next request.
+    EXPECT_EQ(ssh_add(agent, {"-t", "600", make_key(agent, "short", "ecdsa", 256)}).status, 0);
+    EXPECT_EQ(ssh_add(agent, {"-l"}).status, 1);
+    EXPECT_NE(agent.log_text().find("keyagent: Removing key: id_ECDSA_256 - lifetime has expired"), std::string::npos);
+}
