@@ -1,11 +1,13 @@
 #include "keys/private_key_material.h"
 
 #include <memory>
+#include <string>
 
 #include <openssl/core_names.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
 
+#include "keys/buffer.h"
 #include "log/log.h"
 
 namespace {
@@ -102,4 +104,66 @@ EVP_PKEY *ecdsa_private_from_numbers(int nid, const uint8_t *point, size_t point
     if (!key || !key_checks_out(key.get()))
         return nullptr;
     return key.release();
+}
+
+namespace {
+
+bool put_param(EVP_PKEY *key, const char *name, Buffer *b)
+{
+    BIGNUM *value = nullptr;
+    if (!EVP_PKEY_get_bn_param(key, name, &value))
+        return false;
+    buffer_put_bignum2(b, value);
+    BN_clear_free(value);
+    return true;
+}
+
+const char *curve_name_of(EVP_PKEY *key)
+{
+    char group[64] = {};
+    if (!EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, group, sizeof group, nullptr))
+        return nullptr;
+    std::string g = group;
+    if (g == "prime256v1" || g == "P-256")
+        return "nistp256";
+    if (g == "secp384r1" || g == "P-384")
+        return "nistp384";
+    if (g == "secp521r1" || g == "P-521")
+        return "nistp521";
+    return nullptr;
+}
+
+}  // namespace
+
+bool private_key_put_agent_fields(EVP_PKEY *key, Buffer *b)
+{
+    if (EVP_PKEY_is_a(key, "RSA")) {
+        buffer_put_cstring(b, "ssh-rsa");
+        for (const char *name : {OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E, OSSL_PKEY_PARAM_RSA_D,
+                                 OSSL_PKEY_PARAM_RSA_COEFFICIENT1, OSSL_PKEY_PARAM_RSA_FACTOR1,
+                                 OSSL_PKEY_PARAM_RSA_FACTOR2})
+            if (!put_param(key, name, b))
+                return false;
+        return true;
+    }
+    if (EVP_PKEY_is_a(key, "DSA")) {
+        buffer_put_cstring(b, "ssh-dss");
+        for (const char *name : {OSSL_PKEY_PARAM_FFC_P, OSSL_PKEY_PARAM_FFC_Q, OSSL_PKEY_PARAM_FFC_G,
+                                 OSSL_PKEY_PARAM_PUB_KEY, OSSL_PKEY_PARAM_PRIV_KEY})
+            if (!put_param(key, name, b))
+                return false;
+        return true;
+    }
+    if (EVP_PKEY_is_a(key, "EC")) {
+        const char *curve = curve_name_of(key);
+        uint8_t point[133];
+        size_t len = 0;
+        if (!curve || !EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_PUB_KEY, point, sizeof point, &len))
+            return false;
+        buffer_put_cstring(b, (std::string("ecdsa-sha2-") + curve).c_str());
+        buffer_put_cstring(b, curve);
+        buffer_put_string(b, point, static_cast<uint32_t>(len));
+        return put_param(key, OSSL_PKEY_PARAM_PRIV_KEY, b);
+    }
+    return false;
 }

@@ -17,3 +17,9 @@ EVP_PKEY *dsa_private_from_numbers(const BIGNUM *p, const BIGNUM *q, const BIGNU
 // ECDSA on the curve `nid` from the uncompressed public point and the private
 // scalar; the key must pass the public and private key checks.
 EVP_PKEY *ecdsa_private_from_numbers(int nid, const uint8_t *point, size_t point_len, const BIGNUM *scalar);
+
+// Appends the key type name and the private numbers of `key` as an agent
+// add request carries them (RSA n, e, d, iqmp, p, q; DSA p, q, g, y, x;
+// ECDSA curve name, public point, scalar). The inverse of the builders
+// above. False for other key types.
+bool private_key_put_agent_fields(EVP_PKEY *key, struct Buffer *b);

@@ -13,6 +13,7 @@
 #include "app/posix/agent_client.h"
 #include "app/posix/control_client.h"
 #include "app/posix/pinentry.h"
+#include "app/posix/tagent_keys.h"
 #include "app/program_texts.h"
 #include "app/window_messages.h"
 #include "platform/posix/fd_io.h"
@@ -24,10 +25,17 @@ const char *const TAGENT_USAGE =
     "$SSH_AUTH_SOCK, else the default runtime folder).\n"
     "\n"
     "  status                         locked or unlocked, and how many identities\n"
+    "  list                           each identity's name, type and bits, SHA-256\n"
+    "                                 fingerprint and comment\n"
+    "  add FILE [--name N] [--lifetime S] [--confirm] [--temporary]\n"
+    "                                 add a PEM or PKCS#8 private key (its password is\n"
+    "                                 asked through pinentry)\n"
+    "  remove FILE|NAME               remove one identity\n"
     "  lock                           lock the agent\n"
     "  unlock [--passphrase-file F]   unlock with the agent passphrase (asked\n"
     "                                 through pinentry without F)\n"
     "  remove --all                   remove every identity\n"
+    "  export NAME [--comment TEXT]   print a held public key as a SECSH block\n"
     "  set SETTING yes|no             ConfirmKeyOp, AllowAdd, AllowDelete,\n"
     "                                 UseOnlySha1 or CreateLog\n"
     "  passphrase --old-file F --new-file F | passphrase --empty [--old-file F]\n"
@@ -168,8 +176,10 @@ int cmd_unlock(const TagentContext &c, const std::vector<std::string> &args)
 
 int cmd_remove(const TagentContext &c, const std::vector<std::string> &args)
 {
-    if (args.size() != 2 || args[1] != "--all")
-        return usage_error("remove takes --all");
+    if (args.size() == 2 && args[1] != "--all")
+        return tagent_remove(c, args);
+    if (args.size() != 2)
+        return usage_error("remove takes a key file, a key name or --all");
     Buffer body;
     buffer_put_char(&body, SSH2_AGENTC_REMOVE_ALL_IDENTITIES);
     return simple_request(c, body, "the agent refused to remove the identities");
@@ -272,7 +282,7 @@ int tagent_run(const TagentContext &context, const std::vector<std::string> &arg
     static const std::map<std::string, Command> commands = {
         {"status", cmd_status}, {"lock", cmd_lock},   {"unlock", cmd_unlock},         {"remove", cmd_remove},
         {"set", cmd_set},       {"reset", cmd_reset}, {"passphrase", cmd_passphrase}, {"stop", cmd_stop},
-        {"watch", cmd_watch},
+        {"watch", cmd_watch},   {"list", tagent_list},  {"add", tagent_add},          {"export", tagent_export},
     };
     auto command = commands.find(args[0]);
     if (command == commands.end())

@@ -1,0 +1,285 @@
+#include "app/posix/tagent_keys.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include <openssl/pem.h>
+
+#include "agent/protocol.h"
+#include "app/posix/agent_client.h"
+#include "app/posix/pinentry.h"
+#include "app/program_texts.h"
+#include "crypto/ossl_ptr.h"
+#include "keys/key_blob.h"
+#include "keys/key_fingerprint.h"
+#include "keys/private_key_material.h"
+#include "keys/public_key_format.h"
+
+namespace {
+
+struct ListedIdentity {
+    SecureBytes blob;
+    std::string comment;
+    std::string name;
+};
+
+// The agent's identities with their names (the vendor list request).
+std::optional<std::vector<ListedIdentity>> vendor_list(const TagentContext &c)
+{
+    AgentConnection agent(c.agent_socket);
+    Buffer body, reply;
+    buffer_put_char(&body, SSH2_AGENTC_ZEM_REQUEST_IDENTITIES);
+    if (!agent.connected() || !agent.call(body, &reply) || buffer_get_char(&reply) != SSH2_AGENT_IDENTITIES_ANSWER)
+        return std::nullopt;
+    std::vector<ListedIdentity> out;
+    for (uint32_t count = buffer_get_int(&reply); count > 0 && buffer_len(&reply) > 0; --count) {
+        ListedIdentity id;
+        id.blob = buffer_get_string(&reply);
+        id.comment = buffer_get_string_text(&reply);
+        id.name = buffer_get_string_text(&reply);
+        if (key_blob_name(id.blob.data(), static_cast<uint32_t>(id.blob.size())).rfind("x509v3-", 0) == 0 ||
+            key_blob_name(id.blob.data(), static_cast<uint32_t>(id.blob.size())).empty())
+            buffer_get_int(&reply);  // the certificate's location
+        out.push_back(std::move(id));
+    }
+    return out;
+}
+
+int no_agent(const TagentContext &c)
+{
+    fprintf(stderr, "tagent: no agent is reachable at %s\n", c.agent_socket.c_str());
+    return TAGENT_UNREACHABLE;
+}
+
+int usage(const char *what)
+{
+    fprintf(stderr, "tagent: %s (see tagent --help)\n", what);
+    return TAGENT_UNREACHABLE;
+}
+
+std::optional<std::string> option(const std::vector<std::string> &args, const char *name)
+{
+    for (size_t i = 1; i + 1 < args.size(); ++i)
+        if (args[i] == name)
+            return args[i + 1];
+    return std::nullopt;
+}
+
+bool flag(const std::vector<std::string> &args, const char *name)
+{
+    for (size_t i = 1; i < args.size(); ++i)
+        if (args[i] == name)
+            return true;
+    return false;
+}
+
+// The first argument after the command that is not an option or its value.
+std::optional<std::string> operand(const std::vector<std::string> &args, std::initializer_list<const char *> valued)
+{
+    for (size_t i = 1; i < args.size(); ++i) {
+        bool takes_value = false;
+        for (const char *v : valued)
+            takes_value = takes_value || args[i] == v;
+        if (takes_value) {
+            ++i;
+            continue;
+        }
+        if (args[i].rfind("--", 0) != 0)
+            return args[i];
+    }
+    return std::nullopt;
+}
+
+int password_callback(char *buffer, int size, int, void *file)
+{
+    std::string description = std::string("Enter the passphrase of ") + static_cast<const char *>(file);
+    auto pin = pinentry_get_pin({program_text(TEXT_KEY_PASSPHRASE_DIALOG), description,
+                                 program_text(TEXT_PASSPHRASE_PROMPT), ""});
+    if (!pin || static_cast<int>(pin->size()) >= size)
+        return -1;
+    memcpy(buffer, pin->data(), pin->size());
+    return static_cast<int>(pin->size());
+}
+
+// A PEM or PKCS#8 private key; its password is asked through pinentry.
+PkeyPtr read_private_key(const std::string &path)
+{
+    FILE *file = fopen(path.c_str(), "r");
+    if (!file)
+        return nullptr;
+    PkeyPtr key(PEM_read_PrivateKey(file, nullptr, password_callback, const_cast<char *>(path.c_str())));
+    fclose(file);
+    return key;
+}
+
+// The public key of FILE: FILE.pub, FILE as a public key line, or the
+// public half of FILE as a private key.
+KeyPtr read_public_key(const std::string &path)
+{
+    for (const std::string &candidate : {path + ".pub", path}) {
+        std::ifstream in(candidate);
+        std::string line;
+        if (in && std::getline(in, line)) {
+            KeyPtr key = key_new(KEY_UNSPEC);
+            const char *cursor = line.c_str();
+            if (key_read(key.get(), &cursor) == 1)
+                return key;
+        }
+    }
+    PkeyPtr pkey = read_private_key(path);
+    if (!pkey)
+        return nullptr;
+    Buffer fields;
+    if (!private_key_put_agent_fields(pkey.get(), &fields))
+        return nullptr;
+    std::string type = buffer_get_string_text(&fields);
+    KeyPtr key = key_new(key_type_from_name(type.c_str()));
+    key->ecdsa_nid = key_ecdsa_name_to_nid(type.c_str());
+    key->pkey = std::move(pkey);
+    return key;
+}
+
+std::optional<ListedIdentity> find_by_name(const TagentContext &c, const std::string &name, bool *reachable)
+{
+    auto listed = vendor_list(c);
+    *reachable = listed.has_value();
+    if (listed)
+        for (auto &id : *listed)
+            if (id.name == name)
+                return std::move(id);
+    return std::nullopt;
+}
+
+}  // namespace
+
+int tagent_list(const TagentContext &c, const std::vector<std::string> &)
+{
+    auto listed = vendor_list(c);
+    if (!listed)
+        return no_agent(c);
+    if (listed->empty())
+        printf("The agent has no identities.\n");
+    for (const auto &id : *listed) {
+        KeyPtr key = key_from_blob(id.blob.data(), static_cast<uint32_t>(id.blob.size()));
+        if (!key || key->type == KEY_UNSPEC) {
+            printf("%s  (unreadable key)  %s\n", id.name.c_str(), id.comment.c_str());
+            continue;
+        }
+        printf("%s  %s %u  SHA256:%s  %s\n", id.name.c_str(), key_type(key.get()), key_size(key.get()),
+               key_fingerprint(key.get(), SSH_FP_SHA256, SSH_FP_BASE64).c_str(), id.comment.c_str());
+    }
+    return TAGENT_DONE;
+}
+
+int tagent_add(const TagentContext &c, const std::vector<std::string> &args)
+{
+    auto file = operand(args, {"--name", "--lifetime"});
+    if (!file)
+        return usage("add needs a private key file");
+    PkeyPtr key = read_private_key(*file);
+    if (!key) {
+        fprintf(stderr, "tagent: cannot read a private key from %s\n", file->c_str());
+        return TAGENT_REFUSED;
+    }
+    auto name = option(args, "--name");
+    Buffer body;
+    buffer_put_char(&body, name ? SSH2_AGENTC_ZEM_ADD_IDENTITY : SSH2_AGENTC_ADD_ID_CONSTRAINED);
+    if (!private_key_put_agent_fields(key.get(), &body)) {
+        fprintf(stderr, "tagent: %s holds a key type the agent does not take (RSA, DSA and ECDSA only)\n",
+                file->c_str());
+        return TAGENT_REFUSED;
+    }
+    buffer_put_cstring(&body, file->c_str());
+    if (name)
+        buffer_put_cstring(&body, name->c_str());
+    if (auto lifetime = option(args, "--lifetime")) {
+        buffer_put_char(&body, 50);  // relative lifetime in seconds
+        buffer_put_int(&body, static_cast<uint32_t>(strtoul(lifetime->c_str(), nullptr, 10)));
+    }
+    if (flag(args, "--confirm"))
+        buffer_put_char(&body, 2);
+    if (flag(args, "--temporary"))
+        buffer_put_char(&body, 155);
+
+    AgentConnection agent(c.agent_socket);
+    Buffer reply;
+    if (!agent.connected() || !agent.call(body, &reply))
+        return no_agent(c);
+    buffer_clear_wipe(&body);
+    uint8_t code = buffer_get_char(&reply);
+    bool added = name ? (code == 0 || code == 9) : code == SSH_AGENT_SUCCESS;
+    if (!added) {
+        fprintf(stderr, "tagent: the agent refused the key in %s\n", file->c_str());
+        return TAGENT_REFUSED;
+    }
+    printf(name && code == 9 ? "Already held: %s\n" : "Identity added: %s\n", file->c_str());
+    return TAGENT_DONE;
+}
+
+int tagent_remove(const TagentContext &c, const std::vector<std::string> &args)
+{
+    auto target = operand(args, {});
+    if (!target)
+        return usage("remove needs a key file, a key name or --all");
+    SecureBytes blob;
+    uint32_t len = 0;
+    if (std::filesystem::exists(*target)) {
+        KeyPtr key = read_public_key(*target);
+        if (!key) {
+            fprintf(stderr, "tagent: cannot read a key from %s\n", target->c_str());
+            return TAGENT_REFUSED;
+        }
+        len = key_to_blob(key.get(), &blob, nullptr, key_blob_type_name(key.get()));
+    } else {
+        bool reachable = false;
+        auto found = find_by_name(c, *target, &reachable);
+        if (!reachable)
+            return no_agent(c);
+        if (!found) {
+            fprintf(stderr, "tagent: the agent holds no key named %s\n", target->c_str());
+            return TAGENT_REFUSED;
+        }
+        blob = found->blob;
+        len = static_cast<uint32_t>(blob.size());
+    }
+    AgentConnection agent(c.agent_socket);
+    Buffer body, reply;
+    buffer_put_char(&body, SSH2_AGENTC_REMOVE_IDENTITY);
+    buffer_put_string(&body, blob.data(), len);
+    if (!agent.connected() || !agent.call(body, &reply))
+        return no_agent(c);
+    if (buffer_get_char(&reply) != SSH_AGENT_SUCCESS) {
+        fprintf(stderr, "tagent: the agent did not remove %s\n", target->c_str());
+        return TAGENT_REFUSED;
+    }
+    return TAGENT_DONE;
+}
+
+int tagent_export(const TagentContext &c, const std::vector<std::string> &args)
+{
+    auto name = operand(args, {"--comment"});
+    if (!name)
+        return usage("export needs a key name");
+    bool reachable = false;
+    auto found = find_by_name(c, *name, &reachable);
+    if (!reachable)
+        return no_agent(c);
+    KeyPtr key = found ? key_from_blob(found->blob.data(), static_cast<uint32_t>(found->blob.size())) : nullptr;
+    if (!key) {
+        fprintf(stderr, "tagent: the agent holds no key named %s\n", name->c_str());
+        return TAGENT_REFUSED;
+    }
+    auto comment = option(args, "--comment");
+    std::string block = key_secsh_block(key.get(), comment ? comment->c_str() : nullptr);
+    if (block.empty()) {
+        fprintf(stderr, "tagent: %s cannot be exported\n", name->c_str());
+        return TAGENT_REFUSED;
+    }
+    fputs(block.c_str(), stdout);
+    return TAGENT_DONE;
+}

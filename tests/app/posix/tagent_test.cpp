@@ -1,0 +1,115 @@
+// tagent, the client and manager, against the real agent.
+#include <gtest/gtest.h>
+
+#include "support/agent_process.h"
+
+namespace {
+
+struct TagentRun {
+    int status;
+    std::string output;
+};
+
+TagentRun tagent(const AgentProcess &agent, std::vector<std::string> args)
+{
+    static int n = 0;
+    std::string out = (agent.root() / ("tagent-" + std::to_string(n++) + ".txt")).string();
+    args.insert(args.begin(), {TAGENT_PATH, "-a", agent.socket_path()});
+    pid_t pid = AgentProcess::spawn(args, out, out);
+    int status = AgentProcess::wait_exit(pid);
+    return {status, AgentProcess::read_file(out)};
+}
+
+std::string shell_output(const std::string &command)
+{
+    std::string out;
+    FILE *p = popen(command.c_str(), "r");
+    char chunk[512];
+    size_t n;
+    while (p && (n = fread(chunk, 1, sizeof chunk, p)) > 0)
+        out.append(chunk, n);
+    if (p)
+        pclose(p);
+    return out;
+}
+
+}  // namespace
+
+TEST(Tagent, KeysSettingsAndLocking)
+{
+    AgentProcess agent({"--empty-passphrase"});
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    std::string key = (agent.root() / "work_key").string();
+    ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
+
+    TagentRun added = tagent(agent, {"add", key, "--name", "work", "--confirm"});
+    EXPECT_EQ(added.status, 0) << added.output;
+    EXPECT_EQ(tagent(agent, {"add", key, "--name", "work"}).output, "Already held: " + key + "\n");
+
+    // The fingerprint is the one ssh-keygen shows.
+    std::string expected = shell_output("ssh-keygen -l -E sha256 -f " + key + ".pub");
+    std::string fingerprint = expected.substr(expected.find("SHA256:"), 50);
+    TagentRun listed = tagent(agent, {"list"});
+    EXPECT_EQ(listed.status, 0);
+    EXPECT_EQ(listed.output.rfind("work  ECDSA 256  " + fingerprint.substr(0, fingerprint.find(' ')), 0), 0u)
+        << listed.output;
+
+    // export gives a block that OpenSSH imports as the same key.
+    TagentRun exported = tagent(agent, {"export", "work", "--comment", "for the server"});
+    EXPECT_NE(exported.output.find("Comment: \"256-bit ECDSA, for the server\""), std::string::npos);
+    std::ofstream(agent.root() / "work.secsh") << exported.output;
+    std::string imported = shell_output("ssh-keygen -i -f " + (agent.root() / "work.secsh").string());
+    std::string pub = AgentProcess::read_file(key + ".pub");
+    EXPECT_EQ(imported.substr(0, 60), pub.substr(0, 60));
+
+    TagentRun status = tagent(agent, {"status"});
+    EXPECT_NE(status.output.find("state: unlocked"), std::string::npos);
+    EXPECT_NE(status.output.find("identities: 1"), std::string::npos);
+
+    EXPECT_EQ(tagent(agent, {"set", "ConfirmKeyOp", "yes"}).output, "ConfirmKeyOp changed\n");
+    EXPECT_EQ(tagent(agent, {"set", "confirmkeyop", "YES"}).output, "confirmkeyop unchanged\n");
+    EXPECT_EQ(tagent(agent, {"set", "Nonsense", "yes"}).status, 2);
+
+    EXPECT_EQ(tagent(agent, {"lock"}).status, 0);
+    EXPECT_NE(tagent(agent, {"status"}).output.find("state: locked"), std::string::npos);
+    std::string wrong = (agent.root() / "wrong.txt").string(), empty = (agent.root() / "empty.txt").string();
+    std::ofstream(wrong) << "not it\n";
+    std::ofstream(empty) << "\n";
+    EXPECT_EQ(tagent(agent, {"unlock", "--passphrase-file", wrong}).status, 1);
+    EXPECT_EQ(tagent(agent, {"unlock", "--passphrase-file", empty}).status, 0);
+
+    EXPECT_EQ(tagent(agent, {"remove", "work"}).status, 0);
+    EXPECT_EQ(tagent(agent, {"remove", "work"}).status, 1);
+    EXPECT_EQ(tagent(agent, {"add", "/nonexistent"}).status, 1);
+
+    EXPECT_EQ(tagent(agent, {"stop"}).status, 0);
+    EXPECT_EQ(agent.wait_for_exit(), 0);
+    TagentRun gone = tagent(agent, {"status"});
+    EXPECT_EQ(gone.status, 2);
+    EXPECT_NE(gone.output.find("no agent is reachable"), std::string::npos);
+    EXPECT_EQ(tagent(agent, {"frobnicate"}).status, 2);
+}
+
+TEST(Tagent, WatchSeesChangesAndLocks)
+{
+    AgentProcess agent({"--empty-passphrase"});
+    ASSERT_TRUE(agent.start());
+    std::string out = (agent.root() / "watch.txt").string();
+    pid_t watcher = AgentProcess::spawn({TAGENT_PATH, "-a", agent.socket_path(), "watch"}, out, out);
+    // Wait until the subscription is in place: a lock must then be seen.
+    for (int i = 0; i < 100 && AgentProcess::read_file(out).find("locked") == std::string::npos; ++i) {
+        tagent(agent, {"lock"});
+        std::string empty = (agent.root() / "empty.txt").string();
+        std::ofstream(empty) << "\n";
+        tagent(agent, {"unlock", "--passphrase-file", empty});
+    }
+    std::string key = (agent.root() / "k").string();
+    ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
+    tagent(agent, {"add", key});
+    EXPECT_EQ(tagent(agent, {"stop"}).status, 0);
+    EXPECT_EQ(AgentProcess::wait_exit(watcher), 0);
+    std::string seen = AgentProcess::read_file(out);
+    EXPECT_NE(seen.find("locked\n"), std::string::npos) << seen;
+    EXPECT_NE(seen.find("unlocked\n"), std::string::npos);
+    EXPECT_NE(seen.find("changed\n"), std::string::npos);
+}
