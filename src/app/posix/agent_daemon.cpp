@@ -13,6 +13,7 @@
 
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
+#include "agent/confirmation.h"
 #include "agent/handlers.h"
 #include "agent/identity_table.h"
 #include "agent/passphrase.h"
@@ -53,6 +54,14 @@ bool ask_unlock_passphrase(SecretString *passphrase)
         return false;
     *passphrase = std::move(*pin);
     return true;
+}
+
+// The confirmation message box, as a pinentry CONFIRM.
+bool confirm_through_pinentry(const char *key_description)
+{
+    char text[1024];
+    snprintf(text, sizeof text, program_text(TEXT_CONFIRM_KEY_OPERATION), key_description);
+    return pinentry_confirm({program_text(TEXT_APPLICATION_TITLE), text, "", ""});
 }
 
 // There is no message box here: the text goes to the log, and the command
@@ -224,6 +233,7 @@ int run_agent(const AgentOptions &options)
         return 1;
     }
 
+    pinentry_remember_terminal();  // the terminal is gone once detached
     if (!options.foreground) {
         fflush(stdout);
         pid_t child = fork();
@@ -250,6 +260,7 @@ int run_agent(const AgentOptions &options)
     shell.redraw_tray = announce_lock_state;
     shell.ask_unlock_passphrase = ask_unlock_passphrase;
     shell.show_error = log_error_text;
+    key_operation_confirmer_set(confirm_through_pinentry);
     window_shell_set(shell);
     ChangeNoticeHooks notices;
     notices.notify_manager = announce_change;

@@ -1,0 +1,142 @@
+// Real SSH clients authenticate through the agent against a private sshd on
+// 127.0.0.1.
+#include <gtest/gtest.h>
+
+#include "support/agent_process.h"
+#include "support/sshd_server.h"
+
+namespace {
+
+struct Outcome {
+    int status;
+    std::string output;
+};
+
+Outcome run(const AgentProcess &agent, const std::vector<std::string> &args, std::vector<std::string> env = {})
+{
+    static int n = 0;
+    std::string out = (agent.root() / ("run-" + std::to_string(n++) + ".txt")).string();
+    env.push_back("SSH_AUTH_SOCK=" + agent.socket_path());
+    pid_t pid = AgentProcess::spawn(args, out, out, env);
+    int status = AgentProcess::wait_exit(pid);
+    return {status, AgentProcess::read_file(out)};
+}
+
+std::string make_key(const AgentProcess &agent, const std::string &name, const std::string &type, int bits = 0)
+{
+    std::string path = (agent.root() / name).string();
+    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + name + "' -t " + type +
+                          (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
+    EXPECT_EQ(system(command.c_str()), 0);
+    return path;
+}
+
+// An agent holding RSA, ECDSA (three curves) and DSA keys, and an sshd that
+// accepts them.
+class SshEndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!SshdServer::available())
+            GTEST_SKIP() << "sshd is not installed";
+        ASSERT_TRUE(agent.start()) << agent.log_text();
+        std::string authorized;
+        for (auto [name, type, bits] : std::vector<std::tuple<std::string, std::string, int>>{
+                 {"rsa", "rsa", 3072}, {"p256", "ecdsa", 256}, {"p384", "ecdsa", 384}, {"p521", "ecdsa", 521},
+                 {"dsa", "dsa", 0}}) {
+            std::string path = make_key(agent, name, type, bits);
+            Outcome added = run(agent, {"/usr/bin/ssh-add", path});
+            ASSERT_EQ(added.status, 0) << added.output;
+            authorized += AgentProcess::read_file(path + ".pub");
+        }
+        sshd = std::make_unique<SshdServer>(agent.root() / "sshd");
+        ASSERT_TRUE(sshd->start(authorized, {"PubkeyAcceptedAlgorithms +ssh-dss"})) << sshd->log();
+    }
+
+    Outcome ssh(const std::string &key, const std::vector<std::string> &options, const std::string &command)
+    {
+        std::vector<std::string> all = {"-o", "IdentitiesOnly=yes", "-o",
+                                        "IdentityFile=" + (agent.root() / (key + ".pub")).string()};
+        all.insert(all.end(), options.begin(), options.end());
+        return run(agent, sshd->ssh_args(all, command));
+    }
+
+    AgentProcess agent{{"--empty-passphrase"}, "e2e"};
+    std::unique_ptr<SshdServer> sshd;
+};
+
+}  // namespace
+
+TEST_F(SshEndToEnd, EveryKeyTypeLogsIn)
+{
+    for (const char *algorithm : {"rsa-sha2-512", "rsa-sha2-256"}) {
+        Outcome rsa = ssh("rsa", {"-o", std::string("PubkeyAcceptedAlgorithms=") + algorithm}, "echo rsa-ok");
+        EXPECT_EQ(rsa.status, 0) << algorithm << ": " << rsa.output << sshd->log();
+        EXPECT_NE(rsa.output.find("rsa-ok"), std::string::npos);
+    }
+    std::string log = agent.log_text();
+    EXPECT_NE(log.find("(as type: rsa-sha2-512,  hash: SHA512)"), std::string::npos);
+    EXPECT_NE(log.find("(as type: rsa-sha2-256,  hash: SHA256)"), std::string::npos);
+
+    for (const char *key : {"p256", "p384", "p521"}) {
+        Outcome ec = ssh(key, {}, "echo ec-ok");
+        EXPECT_EQ(ec.status, 0) << key << ": " << ec.output;
+    }
+    Outcome dsa = ssh("dsa", {"-o", "PubkeyAcceptedAlgorithms=+ssh-dss"}, "echo dsa-ok");
+    EXPECT_EQ(dsa.status, 0) << dsa.output;
+}
+
+TEST_F(SshEndToEnd, ForwardedAgentListsKeysOnTheFarSide)
+{
+    Outcome far = ssh("p256", {"-A"}, "ssh-add -l");
+    EXPECT_EQ(far.status, 0) << far.output;
+    EXPECT_NE(far.output.find("p384 (ECDSA)"), std::string::npos) << far.output;
+    EXPECT_NE(far.output.find("rsa (RSA)"), std::string::npos);
+}
+
+TEST_F(SshEndToEnd, PuttyAndParamikoListAndSign)
+{
+    if (system("command -v plink > /dev/null && python3 -c 'import paramiko' 2> /dev/null") != 0)
+        GTEST_SKIP() << "plink or paramiko is not installed";
+    // plink authenticates with the agent's keys; the host key is given.
+    std::string fingerprint;
+    {
+        FILE *p = popen(("ssh-keygen -l -E sha256 -f " + (agent.root() / "sshd" / "host_key.pub").string()).c_str(), "r");
+        char line[512] = {};
+        if (p && fgets(line, sizeof line, p))
+            fingerprint = line;
+        if (p)
+            pclose(p);
+        fingerprint = fingerprint.substr(fingerprint.find("SHA256:"));
+        fingerprint = fingerprint.substr(0, fingerprint.find(' '));
+    }
+    Outcome plink = run(agent, {"/usr/bin/plink", "-batch", "-ssh", "-agent", "-P", std::to_string(sshd->port()), "-hostkey",
+                        fingerprint, platform_user_name() + "@127.0.0.1", "echo plink-ok"});
+    EXPECT_EQ(plink.status, 0) << plink.output;
+    EXPECT_NE(plink.output.find("plink-ok"), std::string::npos);
+
+    // paramiko lists the keys and has each one sign; paramiko checks each
+    // signature against the listed public key.
+    std::string script = (agent.root() / "paramiko_check.py").string();
+    std::ofstream(script) << R"(
+import paramiko, sys
+keys = paramiko.Agent().get_keys()
+print("keys", len(keys))
+data = b"data to be signed"
+for key in keys:
+    name = key.get_name()
+    if name in ("ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521"):
+        public = paramiko.ECDSAKey(data=key.asbytes())
+    elif name == "ssh-rsa":
+        public = paramiko.RSAKey(data=key.asbytes())
+    else:
+        continue
+    signature = paramiko.Message(key.sign_ssh_data(data))
+    print(name, "verified" if public.verify_ssh_sig(data, signature) else "FAILED")
+)";
+    Outcome paramiko = run(agent, {"/usr/bin/python3", script});
+    EXPECT_EQ(paramiko.status, 0) << paramiko.output;
+    EXPECT_NE(paramiko.output.find("ecdsa-sha2-nistp521 verified"), std::string::npos) << paramiko.output;
+    EXPECT_NE(paramiko.output.find("ssh-rsa verified"), std::string::npos);
+    EXPECT_EQ(paramiko.output.find("FAILED"), std::string::npos);
+}
