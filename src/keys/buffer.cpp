@@ -238,6 +238,15 @@ void buffer_put_cstring(Buffer *b, const char *s)
 
 void buffer_put_cstring_utf8(Buffer *b, const char *s) { buffer_put_cstring(b, s); }
 
+bool buffer_string_available(const Buffer *b)
+{
+    if (buffer_len(b) < 4)
+        return false;
+    const uint8_t *p = buffer_ptr(b);
+    uint32_t n = static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
+    return n <= buffer_len(b) - 4;
+}
+
 SecureBytes buffer_get_string(Buffer *b, uint32_t *lenp)
 {
     uint32_t len = buffer_get_int(b);

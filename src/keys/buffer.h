@@ -63,6 +63,10 @@ void buffer_put_cstring(Buffer *b, const char *s);
 // Text is kept in UTF-8 on every platform this program runs on, so both of
 // these pass the bytes through unchanged.
 void buffer_put_cstring_utf8(Buffer *b, const char *s);
+// True when a whole string (length and bytes) can be read, so that callers
+// parsing data from outside can refuse it rather than read zeros or hit the
+// fatal length limit.
+bool buffer_string_available(const Buffer *b);
 // Returns the string's bytes; a shortfall yields zeros. Fatal above 0x40000.
 SecureBytes buffer_get_string(Buffer *b, uint32_t *lenp = nullptr);
 // The same string as text (cut at nothing: embedded zero bytes are kept).

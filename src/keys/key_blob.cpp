@@ -22,16 +22,6 @@ void put_bn_param(Buffer *b, const EVP_PKEY *pkey, const char *param)
     buffer_put_bignum2(b, value.get());
 }
 
-// True when a whole string (length and bytes) can be read.
-bool string_available(const Buffer *b)
-{
-    if (buffer_len(b) < 4)
-        return false;
-    const uint8_t *p = buffer_ptr(b);
-    uint32_t n = static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
-    return n <= buffer_len(b) - 4;
-}
-
 // Reads the numbers named by `params` in order and builds a public key.
 PkeyPtr read_public_numbers(Buffer *b, const char *type_name, std::initializer_list<const char *> params)
 {
@@ -53,7 +43,7 @@ KeyPtr read_ecdsa(Buffer *b, const char *name)
     KeyPtr key = key_new(KEY_ECDSA);
     key->ecdsa_nid = key_ecdsa_name_to_nid(name);
     key->sigalg = signature_algorithm_by_name(name);
-    if (!string_available(b)) {
+    if (!buffer_string_available(b)) {
         blob_error("key_from_blob_sig: invalid blob format.");
         return nullptr;
     }
@@ -72,7 +62,7 @@ KeyPtr read_ecdsa(Buffer *b, const char *name)
         blob_error("key_from_blob_sig: Unable to allocate new EC_POINT.");
         return nullptr;
     }
-    SecureBytes octets = string_available(b) ? buffer_get_string(b) : SecureBytes();
+    SecureBytes octets = buffer_string_available(b) ? buffer_get_string(b) : SecureBytes();
     if (get_ec_from_blob(octets.data(), octets.size(), point.get(), group.get()) != 0) {
         blob_error("key_from_blob_sig: Unable to decode blob.");
         return nullptr;

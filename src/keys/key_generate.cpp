@@ -41,8 +41,11 @@ PkeyPtr dsa_generate_private_key(unsigned bits)
 {
     PkeyCtxPtr param_ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_DSA, nullptr));
     EVP_PKEY *raw_params = nullptr;
+    // "ssh-dss" signatures carry r and s in 20 bytes each, so keys up to 1024
+    // bits need a 160-bit subgroup; the library would otherwise choose 224.
     if (!param_ctx || EVP_PKEY_paramgen_init(param_ctx.get()) <= 0 ||
         EVP_PKEY_CTX_set_dsa_paramgen_bits(param_ctx.get(), static_cast<int>(bits)) <= 0 ||
+        (bits <= 1024 && EVP_PKEY_CTX_set_dsa_paramgen_q_bits(param_ctx.get(), 160) <= 0) ||
         EVP_PKEY_paramgen(param_ctx.get(), &raw_params) <= 0) {
         generator_error("dsa_generate_private_key: DSA params generation failed");
         return nullptr;

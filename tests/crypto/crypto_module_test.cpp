@@ -9,20 +9,10 @@
 #include "crypto/signature_types.h"
 #include "keys/key_fingerprint.h"
 #include "support/agent_process.h"
+#include "support/fips_environment.h"
 #include "support/log_capture.h"
 
 namespace {
-
-// Switches FIPS mode on through the environment for one scope and restores
-// the process state after it.
-struct FipsEnvironment {
-    FipsEnvironment() { setenv("TARNWELL_FIPS", "1", 1); }
-    ~FipsEnvironment()
-    {
-        unsetenv("TARNWELL_FIPS");
-        crypto_fips_flag_set(false);
-    }
-};
 
 // A table that differs from the library's in what a test needs, put in
 // place for one scope.

@@ -1,0 +1,66 @@
+#include "crypto/key_signer.h"
+
+#include "crypto/dsa_signature.h"
+#include "crypto/ecdsa_signature.h"
+#include "crypto/rsa_signature.h"
+#include "log/log.h"
+
+int key_sign(PkiObject *pki, uint64_t parent_window, const Key *key, SecureBytes *sigp, const uint8_t *data,
+             size_t datalen, SignPromptCallback prompt, int compat)
+{
+    // The PKI object, the dialog parent and the prompt serve certificate
+    // identities, whose signer is not part of this build yet.
+    (void)pki;
+    (void)parent_window;
+    (void)prompt;
+    if (!key) {
+        error("key_sign: no key");
+        return -1;
+    }
+    switch (key->type) {
+    case KEY_RSA:
+        return ssh_rsa_sign(key, sigp, data, datalen, compat);
+    case KEY_DSA:
+        return ssh_dss_sign(key, sigp, data, datalen, compat);
+    case KEY_ECDSA:
+    case KEY_X509_ECDSA:
+        return ssh_ecdsa_sign(key, sigp, data, datalen, compat);
+    case KEY_X509_RSA:
+    case KEY_X509_DSA:
+        error("key_sign: certificate signatures are not supported for key type %d", key->type);
+        return -1;
+    default:
+        error("key_sign: illegal key type %d", key->type);
+        return -1;
+    }
+}
+
+int key_verify(const Key *key, const uint8_t *signature, size_t signaturelen, const uint8_t *data, size_t datalen)
+{
+    if (signaturelen == 0)
+        return -1;
+    if (!key) {
+        error("key_verify: no key");
+        return -1;
+    }
+    switch (key->type) {
+    case KEY_RSA:
+        return ssh_rsa_verify(key, signature, signaturelen, data, datalen, 0);
+    case KEY_DSA:
+        return ssh_dss_verify(key, signature, signaturelen, data, datalen, 0);
+    case KEY_ECDSA:
+    case KEY_X509_ECDSA: {
+        // The ECDSA code reports an unusable key or a malformed blob with
+        // its own codes; callers of the verifier see those as errors.
+        int ret = ssh_ecdsa_verify(key, signature, signaturelen, data, datalen, 0);
+        return ret == 1 || ret == 0 ? ret : -1;
+    }
+    case KEY_X509_RSA:
+    case KEY_X509_DSA:
+        error("key_verify: certificate verification is not supported for key type %d", key->type);
+        return -1;
+    default:
+        error("key_verify: illegal key type %d", key->type);
+        return -1;
+    }
+}
