@@ -4,7 +4,6 @@
 #include "agent/key_store.h"
 #include "agent/reply.h"
 
-void handle_sign_request(RequestContext *ctx, int) { reply_failure(ctx); }
 // The key store arrives with the key-store files; until then there is
 // nothing to save or load.
 void save_key_store() {}

@@ -96,7 +96,7 @@ TEST_F(SshEndToEnd, ForwardedAgentListsKeysOnTheFarSide)
 
 TEST_F(SshEndToEnd, PuttyAndParamikoListAndSign)
 {
-    if (system("command -v plink > /dev/null && python3 -c 'import paramiko' 2> /dev/null") != 0)
+    if (system("command -v plink > /dev/null && /usr/bin/python3 -c 'import paramiko' 2> /dev/null") != 0)
         GTEST_SKIP() << "plink or paramiko is not installed";
     // plink authenticates with the agent's keys; the host key is given.
     std::string fingerprint;
