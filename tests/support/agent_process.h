@@ -36,6 +36,8 @@ public:
     }
 
     std::filesystem::path root() const { return root_; }
+    // Environment assignments ("NAME=value") for the agent process.
+    void set_env(std::vector<std::string> env) { env_ = std::move(env); }
     std::string socket_path() const { return (root_ / "run" / "agent.sock").string(); }
     std::string data_dir() const { return (root_ / "data").string(); }
     std::string log_dir() const { return (root_ / "log").string(); }
@@ -52,7 +54,7 @@ public:
 
     // Starts the agent and waits for its socket; false if it did not come up.
     // A first run (no settings file yet) gets the empty passphrase unless
-    // the test says how the passphrase is given.
+    // the test says how the passphrase is given, by option or by a pinentry.
     bool start()
     {
         std::vector<std::string> args = base_args();
@@ -60,9 +62,16 @@ public:
         bool passphrase_chosen = std::any_of(extra_args_.begin(), extra_args_.end(), [](const std::string &a) {
             return a == "--passphrase-file" || a == "--empty-passphrase";
         });
-        if (!passphrase_chosen && !std::filesystem::exists(root_ / "data" / "tAgent"))
+        bool pinentry_chosen = std::any_of(env_.begin(), env_.end(), [](const std::string &e) {
+            return e.rfind("TARNWELL_PINENTRY=", 0) == 0;
+        });
+        if (!passphrase_chosen && !pinentry_chosen && !std::filesystem::exists(root_ / "data" / "tAgent"))
             args.push_back("--empty-passphrase");
-        pid_ = spawn(args, stdout_path(), stderr_path());
+        // No test may reach a real pinentry: unless a test chose one, the
+        // agent finds none and every prompt counts as cancelled.
+        std::vector<std::string> env = {"TARNWELL_PINENTRY=/nonexistent/pinentry"};
+        env.insert(env.end(), env_.begin(), env_.end());
+        pid_ = spawn(args, stdout_path(), stderr_path(), env);
         for (int i = 0; i < 200; ++i) {
             if (std::filesystem::exists(socket_path()))
                 return true;
@@ -144,6 +153,7 @@ private:
     }
     std::filesystem::path root_;
     std::vector<std::string> extra_args_;
+    std::vector<std::string> env_;
     pid_t pid_ = -1;
     int exit_status_ = -1;
 };

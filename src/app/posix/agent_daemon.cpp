@@ -14,6 +14,7 @@
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
 #include "agent/confirmation.h"
+#include "agent/passphrase_prompt.h"
 #include "agent/handlers.h"
 #include "agent/identity_table.h"
 #include "agent/passphrase.h"
@@ -62,6 +63,17 @@ bool confirm_through_pinentry(const char *key_description)
     char text[1024];
     snprintf(text, sizeof text, program_text(TEXT_CONFIRM_KEY_OPERATION), key_description);
     return pinentry_confirm({program_text(TEXT_APPLICATION_TITLE), text, "", ""});
+}
+
+// The key passphrase prompt: the text with the key's name in quotes.
+bool ask_key_passphrase_through_pinentry(const char *prompt, SecretString *answer)
+{
+    auto pin = pinentry_get_pin({program_text(TEXT_KEY_PASSPHRASE_DIALOG), prompt,
+                                 program_text(TEXT_PASSPHRASE_PROMPT), ""});
+    if (!pin)
+        return false;
+    *answer = std::move(*pin);
+    return true;
 }
 
 // There is no message box here: the text goes to the log, and the command
@@ -261,6 +273,7 @@ int run_agent(const AgentOptions &options)
     shell.ask_unlock_passphrase = ask_unlock_passphrase;
     shell.show_error = log_error_text;
     key_operation_confirmer_set(confirm_through_pinentry);
+    key_passphrase_prompt_set(ask_key_passphrase_through_pinentry);
     window_shell_set(shell);
     ChangeNoticeHooks notices;
     notices.notify_manager = announce_change;

@@ -11,7 +11,8 @@ struct StartupPassphrase {
     bool first_run = false;   // no digest stored yet
     bool from_file = false;   // --passphrase-file was given
     bool empty_choice = false;  // --empty-passphrase
-    SecretString text;        // the file's first line
+    bool announced = false;   // the first-run line is logged already
+    SecretString text;        // the file's first line, or the typed passphrase
 };
 
 // Reads the first line of `path` (without its line ending).
