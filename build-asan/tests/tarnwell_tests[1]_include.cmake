@@ -1,5 +1,0 @@
-if(EXISTS "/work/wt-b/build-asan/tests/tarnwell_tests[1]_tests.cmake")
-  include("/work/wt-b/build-asan/tests/tarnwell_tests[1]_tests.cmake")
-else()
-  add_test(tarnwell_tests_NOT_BUILT tarnwell_tests_NOT_BUILT)
-endif()
