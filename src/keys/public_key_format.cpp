@@ -24,14 +24,6 @@ constexpr SourceMarker markers[] = {
     {"#CERT_PKCS11", CERT_SOURCE_PKCS11},
 };
 
-const char *marker_text(uint32_t source)
-{
-    for (const auto &m : markers)
-        if (m.source == source)
-            return m.text;
-    return nullptr;
-}
-
 std::string base64(const uint8_t *data, size_t len)
 {
     std::string out(4 * ((len + 2) / 3) + 1, '\0');
@@ -46,6 +38,26 @@ KeyPtr certificate_by_reference(uint32_t, const uint8_t *, size_t) { return null
 
 }  // namespace
 
+const char *cert_source_marker(uint32_t source)
+{
+    for (const auto &m : markers)
+        if (m.source == source)
+            return m.text;
+    return nullptr;
+}
+
+uint32_t find_cert_source_marker(std::string_view text, size_t *at)
+{
+    for (const auto &m : markers) {
+        size_t found = text.find(m.text);
+        if (found != std::string_view::npos) {
+            *at = found;
+            return m.source;
+        }
+    }
+    return CERT_SOURCE_NONE;
+}
+
 int key_get_type(const char **line, uint32_t *cert_source)
 {
     if (line == nullptr || *line == nullptr)
@@ -57,15 +69,10 @@ int key_get_type(const char **line, uint32_t *cert_source)
         return KEY_UNSPEC;
     }
     std::string name(text, blank);
-    uint32_t source = CERT_SOURCE_NONE;
-    for (const auto &m : markers) {
-        auto at = name.find(m.text);
-        if (at != std::string::npos) {
-            name.resize(at);
-            source = m.source;
-            break;
-        }
-    }
+    size_t at = 0;
+    uint32_t source = find_cert_source_marker(name, &at);
+    if (source != CERT_SOURCE_NONE)
+        name.resize(at);
     int type = key_type_from_name(name.c_str());
     if (type == KEY_UNSPEC) {
         debug3("key_get_type: missing keytype");
@@ -136,7 +143,7 @@ std::string key_line(const Key *key, bool with_comment)
     if (key == nullptr)
         return line;
     if (key->type == KEY_X509_RSA || key->type == KEY_X509_DSA || key->type == KEY_X509_ECDSA) {
-        const char *marker = marker_text(key->cert_source);
+        const char *marker = cert_source_marker(key->cert_source);
         if (marker == nullptr || !key->cert)
             return line;
         KVL::Bytes hash = KVL::Cert(key->cert.get()).GetPubKeyHash();
