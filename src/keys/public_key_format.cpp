@@ -36,6 +36,28 @@ std::string base64(const uint8_t *data, size_t len)
 // agent: a reference whose certificate is not at hand finds nothing.
 KeyPtr certificate_by_reference(uint32_t, const uint8_t *, size_t) { return nullptr; }
 
+// The blob reader treats a huge string length as fatal, as it must on the
+// wire, but reading a key from text never aborts: a length that runs past
+// the end can only come from damaged text and is refused first. A plain
+// key's blob is a run of length-prefixed fields; a certificate's starts with
+// one, its name, and the rest is read without that risk, or it is a bare DER
+// certificate (a SEQUENCE, 0x30), which is read without fields at all.
+bool fields_fit(const uint8_t *blob, size_t len, bool all_fields)
+{
+    size_t at = 0;
+    while (len - at >= 4) {
+        uint32_t field = static_cast<uint32_t>(blob[at]) << 24 | static_cast<uint32_t>(blob[at + 1]) << 16 |
+                         static_cast<uint32_t>(blob[at + 2]) << 8 | blob[at + 3];
+        at += 4;
+        if (field > len - at)
+            return false;
+        at += field;
+        if (!all_fields)
+            break;
+    }
+    return true;
+}
+
 }  // namespace
 
 const char *cert_source_marker(uint32_t source)
@@ -114,9 +136,13 @@ int key_read_by_type(Key *key, int type, uint32_t cert_source, const char **line
         debug3("key_read_by_type: uudecode %s failed", text);
         return -1;
     }
-    KeyPtr found = cert_source != CERT_SOURCE_NONE
-                       ? certificate_by_reference(cert_source, decoded.data(), static_cast<size_t>(len))
-                       : key_from_blob(decoded.data(), static_cast<uint32_t>(len));
+    bool plain = type == KEY_RSA || type == KEY_DSA || type == KEY_ECDSA;
+    KeyPtr found;
+    if (cert_source != CERT_SOURCE_NONE)
+        found = certificate_by_reference(cert_source, decoded.data(), static_cast<size_t>(len));
+    else if (fields_fit(decoded.data(), static_cast<size_t>(len), plain) ||
+             (!plain && len > 0 && decoded[0] == 0x30))
+        found = key_from_blob(decoded.data(), static_cast<uint32_t>(len));
     if (!found) {
         debug3("key_read_by_type: key_from_blob %s failed", text);
         return -1;

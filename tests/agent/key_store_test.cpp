@@ -328,6 +328,26 @@ TEST_F(KeyStore, CertificateRecordsAndUnsaveableTypes)
     EXPECT_TRUE(listed[0].is_private);
 }
 
+// Damaged records are skipped and the next ones are read; a length field
+// that claims more than the key line holds never takes the fatal path.
+TEST_F(KeyStore, DamagedPublicRecordsAreSkipped)
+{
+    set_agent_passphrase("pw", 0);
+    add_test_identity(copy_key(1), "good", "good");
+    save_key_store();
+    std::string good = file_text(KEY_STORE_PUBLIC_FILE);
+    const std::string huge_field = "AAAAB3NzaC1yc2H/////";   // "ssh-rsa", then a length of 4 GiB
+    const std::string huge_name = "/////3NzaC1yc2EAAAAA";    // a name of 4 GiB
+    write_file(KEY_STORE_PUBLIC_FILE, "bad 1\nssh-rsa " + huge_field + " c\nbad 2\nx509v3-sign-rsa " +
+                                          huge_name + "\nbad 3\nssh-rsa !!!!\n" + good);
+    identity_tables_init();
+    load_public_key_store();
+    std::vector<Listed> listed = table_two();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(listed[0].name, "good");
+    EXPECT_EQ(listed[0].comment, "good");
+}
+
 // A save stopped after each of its steps, as a kill would stop it: the next
 // start reads the whole old store or the whole new one, never a mixture,
 // and no ".new" file is left behind.
