@@ -34,6 +34,25 @@ size_t count_of(const std::string &text, const std::string &part)
     return n;
 }
 
+// Signs a message with the agent's copy of the key in `key_file` (its
+// public half names it) and checks the signature with ssh-keygen.
+bool agent_signs_with(const AgentProcess &agent, const std::string &key_file)
+{
+    std::string message = (agent.root() / "message.txt").string();
+    std::ofstream(message) << "sign me\n";
+    std::filesystem::remove(message + ".sig");
+    ToolResult signed_by_agent = run_tool("SSH_AUTH_SOCK='" + agent.socket_path() + "' ssh-keygen -Y sign -n file -f " +
+                                          key_file + ".pub " + message);
+    if (signed_by_agent.status != 0) {
+        ADD_FAILURE() << signed_by_agent.output;
+        return false;
+    }
+    ToolResult checked = run_tool("ssh-keygen -Y check-novalidate -n file -f " + key_file + ".pub -s " + message +
+                                  ".sig < " + message);
+    EXPECT_EQ(checked.status, 0) << checked.output;
+    return checked.status == 0;
+}
+
 // The public keys with comments that `ssh-add -L` prints, one per line.
 std::string listed_keys(const AgentProcess &agent)
 {
@@ -80,10 +99,14 @@ TEST(KeyStorePersistence, KeysAddedWithSshAddSurviveARestart)
     EXPECT_EQ(listed_keys(agent), expected);
     EXPECT_EQ(agent.stop(), 0);
 
-    // With it, unlocked and holding the same keys; a removal is kept too.
+    // With it, unlocked, holding the same keys and signing with them; a
+    // removal is kept too.
     agent.set_extra_args({"--passphrase-file", passphrase});
     ASSERT_TRUE(agent.start()) << agent.log_text();
     EXPECT_EQ(listed_keys(agent), expected);
+    EXPECT_TRUE(agent_signs_with(agent, rsa));
+    EXPECT_TRUE(agent_signs_with(agent, ecdsa));
+    EXPECT_NE(agent.log_text().find("keyagent: Signature for key: id_ECDSA_384"), std::string::npos);
     ToolResult removed = ssh_add(agent, "-d " + rsa);
     EXPECT_EQ(removed.status, 0) << removed.output;
     EXPECT_EQ(agent.stop(), 0);
