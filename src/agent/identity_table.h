@@ -16,7 +16,11 @@ struct Identity {
     int64_t death = 0;                   // expiry, seconds since the epoch; 0 never
     uint32_t confirm = 0;                // stored only; confirmation follows ConfirmKeyOp
     uint32_t temporary = 0;              // never saved; removed at shutdown
-
+    // The key's record in the private key store as last written, encrypted
+    // under the passphrase of that generation (agent_passphrase_generation),
+    // so that a save need not encrypt every key again.
+    SecretString stored_pem;
+    uint64_t stored_pem_generation = 0;
 };
 
 struct IdentityTable {

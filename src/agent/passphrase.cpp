@@ -25,6 +25,18 @@ std::optional<SecretString> &held_passphrase()
     return held;
 }
 
+uint64_t &generation()
+{
+    static uint64_t value = 1;
+    return value;
+}
+
+void hold_passphrase(const char *passphrase)
+{
+    held_passphrase().emplace(passphrase);
+    ++generation();
+}
+
 const char *or_empty(const char *text) { return text ? text : ""; }
 
 }  // namespace
@@ -53,12 +65,20 @@ bool agent_passphrase_is_set()
 
 bool agent_passphrase_held() { return held_passphrase().has_value(); }
 
-void forget_agent_passphrase() { held_passphrase().reset(); }
+const char *agent_passphrase_text() { return held_passphrase() ? held_passphrase()->c_str() : nullptr; }
+
+uint64_t agent_passphrase_generation() { return generation(); }
+
+void forget_agent_passphrase()
+{
+    held_passphrase().reset();
+    ++generation();
+}
 
 int set_agent_passphrase(const char *passphrase, uint32_t attempt_empty)
 {
     forget_agent_passphrase();
-    held_passphrase().emplace(or_empty(passphrase));
+    hold_passphrase(or_empty(passphrase));
     agent_set_locked(false);
 
     AgentSettings &settings = agent_settings();
@@ -82,7 +102,7 @@ int verify_agent_passphrase(const char *passphrase)
     bool match = CRYPTO_memcmp(digest, agent_settings().passphrase_digest, AGENT_DIGEST_LENGTH) == 0;
     wipe_memory(digest, sizeof digest);
     if (match) {
-        held_passphrase().emplace(candidate);
+        hold_passphrase(candidate);
         load_private_key_store();
     }
     return match ? 1 : 0;

@@ -10,6 +10,11 @@
 bool agent_passphrase_is_set();
 // True while the passphrase is held in memory.
 bool agent_passphrase_held();
+// The held passphrase; null while none is held.
+const char *agent_passphrase_text();
+// Changes whenever the held passphrase is set, first proved or forgotten, so
+// that whatever was encrypted under an earlier one can be recognised.
+uint64_t agent_passphrase_generation();
 
 // Makes `passphrase` the agent passphrase: holds it, unlocks the agent and
 // stores its digest and `attempt_empty` as `AttemptEmpty`. Returns 1.

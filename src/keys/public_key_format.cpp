@@ -24,14 +24,6 @@ constexpr SourceMarker markers[] = {
     {"#CERT_PKCS11", CERT_SOURCE_PKCS11},
 };
 
-const char *marker_text(uint32_t source)
-{
-    for (const auto &m : markers)
-        if (m.source == source)
-            return m.text;
-    return nullptr;
-}
-
 std::string base64(const uint8_t *data, size_t len)
 {
     std::string out(4 * ((len + 2) / 3) + 1, '\0');
@@ -44,7 +36,49 @@ std::string base64(const uint8_t *data, size_t len)
 // agent: a reference whose certificate is not at hand finds nothing.
 KeyPtr certificate_by_reference(uint32_t, const uint8_t *, size_t) { return nullptr; }
 
+// The blob reader treats a huge string length as fatal, as it must on the
+// wire, but reading a key from text never aborts: a length that runs past
+// the end can only come from damaged text and is refused first. A plain
+// key's blob is a run of length-prefixed fields; a certificate's starts with
+// one, its name, and the rest is read without that risk, or it is a bare DER
+// certificate (a SEQUENCE, 0x30), which is read without fields at all.
+bool fields_fit(const uint8_t *blob, size_t len, bool all_fields)
+{
+    size_t at = 0;
+    while (len - at >= 4) {
+        uint32_t field = static_cast<uint32_t>(blob[at]) << 24 | static_cast<uint32_t>(blob[at + 1]) << 16 |
+                         static_cast<uint32_t>(blob[at + 2]) << 8 | blob[at + 3];
+        at += 4;
+        if (field > len - at)
+            return false;
+        at += field;
+        if (!all_fields)
+            break;
+    }
+    return true;
+}
+
 }  // namespace
+
+const char *cert_source_marker(uint32_t source)
+{
+    for (const auto &m : markers)
+        if (m.source == source)
+            return m.text;
+    return nullptr;
+}
+
+uint32_t find_cert_source_marker(std::string_view text, size_t *at)
+{
+    for (const auto &m : markers) {
+        size_t found = text.find(m.text);
+        if (found != std::string_view::npos) {
+            *at = found;
+            return m.source;
+        }
+    }
+    return CERT_SOURCE_NONE;
+}
 
 int key_get_type(const char **line, uint32_t *cert_source)
 {
@@ -57,15 +91,10 @@ int key_get_type(const char **line, uint32_t *cert_source)
         return KEY_UNSPEC;
     }
     std::string name(text, blank);
-    uint32_t source = CERT_SOURCE_NONE;
-    for (const auto &m : markers) {
-        auto at = name.find(m.text);
-        if (at != std::string::npos) {
-            name.resize(at);
-            source = m.source;
-            break;
-        }
-    }
+    size_t at = 0;
+    uint32_t source = find_cert_source_marker(name, &at);
+    if (source != CERT_SOURCE_NONE)
+        name.resize(at);
     int type = key_type_from_name(name.c_str());
     if (type == KEY_UNSPEC) {
         debug3("key_get_type: missing keytype");
@@ -107,9 +136,13 @@ int key_read_by_type(Key *key, int type, uint32_t cert_source, const char **line
         debug3("key_read_by_type: uudecode %s failed", text);
         return -1;
     }
-    KeyPtr found = cert_source != CERT_SOURCE_NONE
-                       ? certificate_by_reference(cert_source, decoded.data(), static_cast<size_t>(len))
-                       : key_from_blob(decoded.data(), static_cast<uint32_t>(len));
+    bool plain = type == KEY_RSA || type == KEY_DSA || type == KEY_ECDSA;
+    KeyPtr found;
+    if (cert_source != CERT_SOURCE_NONE)
+        found = certificate_by_reference(cert_source, decoded.data(), static_cast<size_t>(len));
+    else if (fields_fit(decoded.data(), static_cast<size_t>(len), plain) ||
+             (!plain && len > 0 && decoded[0] == 0x30))
+        found = key_from_blob(decoded.data(), static_cast<uint32_t>(len));
     if (!found) {
         debug3("key_read_by_type: key_from_blob %s failed", text);
         return -1;
@@ -136,7 +169,7 @@ std::string key_line(const Key *key, bool with_comment)
     if (key == nullptr)
         return line;
     if (key->type == KEY_X509_RSA || key->type == KEY_X509_DSA || key->type == KEY_X509_ECDSA) {
-        const char *marker = marker_text(key->cert_source);
+        const char *marker = cert_source_marker(key->cert_source);
         if (marker == nullptr || !key->cert)
             return line;
         KVL::Bytes hash = KVL::Cert(key->cert.get()).GetPubKeyHash();

@@ -6,8 +6,17 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "keys/key.h"
+
+// The marker of a certificate source ("#CERT_SYSTEM", "#CERT_PKCS11",
+// "#CERT_TARNWELL"); null for any other source.
+const char *cert_source_marker(uint32_t source);
+// The source of the first marker found in `text`, looked for in the order
+// "#CERT_SYSTEM", "#CERT_TARNWELL", "#CERT_PKCS11"; its offset goes to `*at`.
+// CERT_SOURCE_NONE when there is none.
+uint32_t find_cert_source_marker(std::string_view text, size_t *at);
 
 // Type of the key named at the front of `*line`; a source marker after the
 // name makes it a certificate reference and its source goes to

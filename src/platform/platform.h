@@ -30,6 +30,13 @@ bool platform_complete_file(const std::string &path);
 
 // Renames `from` over `to` atomically and flushes the folder.
 bool platform_replace_file(const std::string &from, const std::string &to);
+// The same, and then overwrites the replaced file's contents with zeros, so
+// that the old version is not left readable on disk.
+bool platform_replace_file_destroying(const std::string &from, const std::string &to);
+
+// Creates `path` for its owner only (emptying it if it exists), writes
+// `data`, and flushes the file and its folder to disk. False on any failure.
+bool platform_write_private_file(const std::string &path, const void *data, size_t size);
 
 bool platform_remove_file(const std::string &path);
 bool platform_file_exists(const std::string &path);

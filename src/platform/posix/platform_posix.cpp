@@ -35,6 +35,25 @@ bool sync_folder(const std::string &folder)
     return ok;
 }
 
+// Overwrites a regular file's contents with zeros through `fd` and flushes them.
+void zero_fill(int fd)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+        return;
+    std::vector<char> zeros(65536, 0);
+    off_t left = st.st_size;
+    if (lseek(fd, 0, SEEK_SET) != 0)
+        return;
+    while (left > 0) {
+        size_t chunk = left > static_cast<off_t>(zeros.size()) ? zeros.size() : static_cast<size_t>(left);
+        if (!fd_write_all(fd, zeros.data(), chunk))
+            break;
+        left -= static_cast<off_t>(chunk);
+    }
+    fsync(fd);
+}
+
 }  // namespace
 
 LocalTime platform_local_time()
@@ -86,18 +105,7 @@ bool platform_destroy_file(const std::string &path)
     int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0)
         return errno == ENOENT;
-    struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        std::vector<char> zeros(65536, 0);
-        off_t left = st.st_size;
-        while (left > 0) {
-            size_t chunk = left > static_cast<off_t>(zeros.size()) ? zeros.size() : static_cast<size_t>(left);
-            if (!fd_write_all(fd, zeros.data(), chunk))
-                break;
-            left -= static_cast<off_t>(chunk);
-        }
-        fsync(fd);
-    }
+    zero_fill(fd);
     close(fd);
     bool removed = unlink(path.c_str()) == 0 || errno == ENOENT;
     sync_folder(parent_folder(path));
@@ -120,6 +128,30 @@ bool platform_replace_file(const std::string &from, const std::string &to)
     if (rename(from.c_str(), to.c_str()) != 0)
         return false;
     return sync_folder(parent_folder(to));
+}
+
+bool platform_replace_file_destroying(const std::string &from, const std::string &to)
+{
+    // The old file stays open across the rename, so its contents can still
+    // be reached and cleared once the new file has taken its name.
+    int old_fd = open(to.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    bool replaced = platform_replace_file(from, to);
+    if (old_fd >= 0) {
+        if (replaced)
+            zero_fill(old_fd);
+        close(old_fd);
+    }
+    return replaced;
+}
+
+bool platform_write_private_file(const std::string &path, const void *data, size_t size)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0)
+        return false;
+    bool ok = fchmod(fd, 0600) == 0 && fd_write_all(fd, data, size) && fsync(fd) == 0;
+    ok = close(fd) == 0 && ok;
+    return sync_folder(parent_folder(path)) && ok;
 }
 
 bool platform_remove_file(const std::string &path)
