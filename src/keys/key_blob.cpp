@@ -1,10 +1,54 @@
 #include "keys/key_blob.h"
 
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
 #include <openssl/core_names.h>
 
 #include "keys/key_material.h"
 #include "log/log.h"
 #include "pki/x509_key_blob.h"
+
+namespace {
+
+// Public EC keys already decoded and checked, by curve and point. Building
+// the curve and checking the point cost about as much as a signature, and a
+// client presents the same few keys with every request, so each point is
+// decoded once and its key object shared after that. The set is small and
+// starts over when full.
+class DecodedPoints {
+public:
+    PkeyPtr find(const std::string &id)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        auto it = keys_.find(id);
+        if (it == keys_.end())
+            return nullptr;
+        EVP_PKEY_up_ref(it->second.get());
+        return PkeyPtr(it->second.get());
+    }
+    void add(const std::string &id, EVP_PKEY *key)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (keys_.size() >= 256)
+            keys_.clear();
+        EVP_PKEY_up_ref(key);
+        keys_[id] = PkeyPtr(key);
+    }
+
+private:
+    std::mutex lock_;
+    std::unordered_map<std::string, PkeyPtr> keys_;
+};
+
+DecodedPoints &decoded_points()
+{
+    static DecodedPoints points;
+    return points;
+}
+
+}  // namespace
 
 namespace {
 
@@ -52,6 +96,13 @@ KeyPtr read_ecdsa(Buffer *b, const char *name)
         blob_error("key_from_blob_sig: ssh alg identifier does not match blob curve name.");
         return nullptr;
     }
+    SecureBytes octets = buffer_string_available(b) ? buffer_get_string(b) : SecureBytes();
+    std::string point_id(octets.begin(), octets.end());
+    point_id += static_cast<char>(key->ecdsa_nid & 0xff);
+    if (PkeyPtr known = decoded_points().find(point_id)) {
+        key->pkey = std::move(known);
+        return key;
+    }
     EcGroupPtr group(EC_GROUP_new_by_curve_name(key->ecdsa_nid));
     if (!group) {
         blob_error("key_from_blob_sig: invalid curve.");
@@ -62,7 +113,6 @@ KeyPtr read_ecdsa(Buffer *b, const char *name)
         blob_error("key_from_blob_sig: Unable to allocate new EC_POINT.");
         return nullptr;
     }
-    SecureBytes octets = buffer_string_available(b) ? buffer_get_string(b) : SecureBytes();
     if (get_ec_from_blob(octets.data(), octets.size(), point.get(), group.get()) != 0) {
         blob_error("key_from_blob_sig: Unable to decode blob.");
         return nullptr;
@@ -86,6 +136,7 @@ KeyPtr read_ecdsa(Buffer *b, const char *name)
         blob_error("key_from_blob_sig: invalid ec value.");
         return nullptr;
     }
+    decoded_points().add(point_id, pkey.get());
     key->pkey = std::move(pkey);
     return key;
 }

@@ -14,11 +14,16 @@
 
 namespace {
 
+// The kernel's FIPS mode is fixed at boot, and the rules ask for it on every
+// signature: read the file once.
 bool kernel_fips_enabled()
 {
-    std::ifstream kernel("/proc/sys/crypto/fips_enabled");
-    int value = 0;
-    return kernel >> value && value == 1;
+    static const bool enabled = [] {
+        std::ifstream kernel("/proc/sys/crypto/fips_enabled");
+        int value = 0;
+        return kernel >> value && value == 1;
+    }();
+    return enabled;
 }
 
 // The FIPS provider has to be present before the default property query may
