@@ -30,8 +30,10 @@ const char *const AGENT_USAGE =
     "  --owner N           window handle of the launching client (logged only)\n"
     "  -h, --help          show this text\n"
     "\n"
-    "A first run needs --passphrase-file or --empty-passphrase. Later runs start\n"
-    "locked unless AttemptEmpty or --passphrase-file unlocks them.\n";
+    "A first run takes --passphrase-file or --empty-passphrase, else asks through\n"
+    "pinentry ($TARNWELL_PINENTRY, else pinentry on the PATH); an empty entry,\n"
+    "confirmed, means no passphrase. Later runs start locked unless AttemptEmpty\n"
+    "or --passphrase-file unlocks them.\n";
 
 bool parse_agent_options(int argc, char **argv, AgentOptions *options, bool *help, std::string *message)
 {
