@@ -199,6 +199,7 @@ void main_loop()
 
 int run_agent(const AgentOptions &options)
 {
+    pinentry_remember_terminal();  // prompts go to this terminal, also once detached
     runtime.folders = agent_folders(options.socket_path, options.data_dir, options.log_dir);
     for (const std::string *folder : {&runtime.folders.runtime, &runtime.folders.data, &runtime.folders.log}) {
         std::string problem = ensure_private_folder(*folder);
@@ -245,7 +246,6 @@ int run_agent(const AgentOptions &options)
         return 1;
     }
 
-    pinentry_remember_terminal();  // the terminal is gone once detached
     if (!options.foreground) {
         fflush(stdout);
         pid_t child = fork();

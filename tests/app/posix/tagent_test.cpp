@@ -113,3 +113,21 @@ TEST(Tagent, WatchSeesChangesAndLocks)
     EXPECT_NE(seen.find("unlocked\n"), std::string::npos);
     EXPECT_NE(seen.find("changed\n"), std::string::npos);
 }
+
+TEST(Tagent, ResetDestroysTheStoreAndStopsTheAgent)
+{
+    AgentProcess agent({"--empty-passphrase"});
+    ASSERT_TRUE(agent.start());
+    std::string key = (agent.root() / "k").string();
+    ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
+    ASSERT_EQ(tagent(agent, {"add", key}).status, 0);
+    ASSERT_TRUE(std::filesystem::exists(agent.root() / "data" / "tAgentKeys"));
+
+    EXPECT_EQ(tagent(agent, {"reset"}).status, 2);  // needs --yes
+    EXPECT_EQ(tagent(agent, {"reset", "--yes"}).status, 0);
+    EXPECT_EQ(agent.wait_for_exit(), 0);
+    for (const char *file : {"tAgentKeys", "tAgentKeys.pub", "tAgent"})
+        EXPECT_FALSE(std::filesystem::exists(agent.root() / "data" / file)) << file;
+    EXPECT_NE(agent.log_text().find("Resetting key agent data.  All keys destroyed and passphrase reset."),
+              std::string::npos);
+}
