@@ -26,6 +26,11 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 
+#include "keys/buffer.h"
+#include "keys/key.h"
+#include "keys/key_blob.h"
+#include "keys/private_key_material.h"
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -40,22 +45,6 @@ void put_string(Bytes &b, const void *data, size_t n)
 {
     put_u32(b, static_cast<uint32_t>(n));
     b.insert(b.end(), static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + n);
-}
-void put_string(Bytes &b, const std::string &s) { put_string(b, s.data(), s.size()); }
-void put_mpint(Bytes &b, const BIGNUM *v)
-{
-    Bytes m(static_cast<size_t>(BN_num_bytes(v)) + 1, 0);
-    BN_bn2bin(v, m.data() + 1);
-    size_t skip = m.size() > 1 && (m[1] & 0x80) == 0 ? 1 : 0;
-    if (m.size() == 1)
-        skip = 1;
-    put_string(b, m.data() + skip, m.size() - skip);
-}
-BIGNUM *get_bn(EVP_PKEY *key, const char *name)
-{
-    BIGNUM *v = nullptr;
-    EVP_PKEY_get_bn_param(key, name, &v);
-    return v;
 }
 Bytes framed(const Bytes &body)
 {
@@ -74,45 +63,35 @@ struct TestKey {
     const EVP_MD *md;
 };
 
+// The public blob and the add request of `pkey`, as OpenSSH's ssh-add
+// would send it.
+TestKey make_key(const char *label, EVP_PKEY *pkey, int type, int nid, uint32_t flags)
+{
+    TestKey k{label, pkey, {}, {}, flags, EVP_sha256()};
+    KeyPtr key = key_new(type);
+    EVP_PKEY_up_ref(pkey);
+    key->pkey.reset(pkey);
+    key->ecdsa_nid = nid;
+    SecureBytes blob;
+    uint32_t len = key_to_blob(key.get(), &blob, nullptr, key_blob_type_name(key.get()));
+    k.public_blob.assign(blob.begin(), blob.begin() + len);
+    Buffer add;
+    buffer_put_char(&add, 17);
+    private_key_put_agent_fields(pkey, &add);
+    buffer_put_cstring(&add, label);
+    k.add_request.assign(buffer_ptr(&add), buffer_ptr(&add) + buffer_len(&add));
+    return k;
+}
+
 TestKey make_rsa()
 {
-    EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(2048));
-    BIGNUM *n = get_bn(key, OSSL_PKEY_PARAM_RSA_N), *e = get_bn(key, OSSL_PKEY_PARAM_RSA_E),
-           *d = get_bn(key, OSSL_PKEY_PARAM_RSA_D), *p = get_bn(key, OSSL_PKEY_PARAM_RSA_FACTOR1),
-           *q = get_bn(key, OSSL_PKEY_PARAM_RSA_FACTOR2), *iqmp = get_bn(key, OSSL_PKEY_PARAM_RSA_COEFFICIENT1);
-    TestKey k{"RSA-2048 rsa-sha2-256", key, {}, {}, 2, EVP_sha256()};
-    put_string(k.public_blob, std::string("ssh-rsa"));
-    put_mpint(k.public_blob, e);
-    put_mpint(k.public_blob, n);
-    k.add_request.push_back(17);
-    put_string(k.add_request, std::string("ssh-rsa"));
-    for (BIGNUM *v : {n, e, d, iqmp, p, q})
-        put_mpint(k.add_request, v);
-    put_string(k.add_request, std::string("bench rsa"));
-    for (BIGNUM *v : {n, e, d, p, q, iqmp})
-        BN_clear_free(v);
-    return k;
+    return make_key("RSA-2048 rsa-sha2-256", EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(2048)),
+                    KEY_RSA, -1, 2);
 }
 
 TestKey make_ecdsa()
 {
-    EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
-    uint8_t point[133];
-    size_t point_len = 0;
-    EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_PUB_KEY, point, sizeof point, &point_len);
-    BIGNUM *priv = get_bn(key, OSSL_PKEY_PARAM_PRIV_KEY);
-    TestKey k{"ECDSA P-256", key, {}, {}, 0, EVP_sha256()};
-    put_string(k.public_blob, std::string("ecdsa-sha2-nistp256"));
-    put_string(k.public_blob, std::string("nistp256"));
-    put_string(k.public_blob, point, point_len);
-    k.add_request.push_back(17);
-    put_string(k.add_request, std::string("ecdsa-sha2-nistp256"));
-    put_string(k.add_request, std::string("nistp256"));
-    put_string(k.add_request, point, point_len);
-    put_mpint(k.add_request, priv);
-    put_string(k.add_request, std::string("bench ecdsa"));
-    BN_clear_free(priv);
-    return k;
+    return make_key("ECDSA P-256", EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), KEY_ECDSA, KEY_NID_P256, 0);
 }
 
 class Client {

@@ -8,17 +8,15 @@
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 
+#include "crypto/ossl_ptr.h"
 #include "keys/buffer.h"
+#include "keys/key.h"
 #include "keys/private_key_material.h"
 #include "log/log.h"
 
 namespace {
 
-struct BnFree { void operator()(BIGNUM *b) const { BN_clear_free(b); } };
-struct BnCtxFree { void operator()(BN_CTX *c) const { BN_CTX_free(c); } };
-struct GroupFree { void operator()(EC_GROUP *g) const { EC_GROUP_free(g); } };
-struct PointFree { void operator()(EC_POINT *p) const { EC_POINT_free(p); } };
-using Bignum = std::unique_ptr<BIGNUM, BnFree>;
+using Bignum = BnPtr;
 
 // This format's integers: a 32-bit bit count, then the magnitude bytes.
 Bignum get_bits_bignum(Buffer *b, bool *ok)
@@ -43,7 +41,7 @@ EVP_PKEY *decode_rsa(Buffer *b)
     if (!ok)
         return nullptr;
     // The stored coefficient follows another convention; compute q^-1 mod p.
-    std::unique_ptr<BN_CTX, BnCtxFree> ctx(BN_CTX_secure_new());
+    BnCtxPtr ctx(BN_CTX_secure_new());
     Bignum iqmp(BN_secure_new());
     if (!ctx || !BN_mod_inverse(iqmp.get(), q.get(), p.get(), ctx.get()))
         return nullptr;
@@ -60,29 +58,19 @@ EVP_PKEY *decode_dsa(Buffer *b)
     return dsa_private_from_numbers(p.get(), q.get(), g.get(), y.get(), x.get());
 }
 
-int curve_nid(const std::string &name)
-{
-    if (name == "nistp256")
-        return NID_X9_62_prime256v1;
-    if (name == "nistp384")
-        return NID_secp384r1;
-    if (name == "nistp521")
-        return NID_secp521r1;
-    return -1;
-}
 
 // ECDSA keys carry the curve name and the private scalar; the public
 // point is computed from them.
 EVP_PKEY *decode_ecdsa(Buffer *b, int *nid)
 {
     bool ok = true;
-    *nid = curve_nid(buffer_get_string_text(b));
+    *nid = key_curve_name_to_nid(buffer_get_string_text(b).c_str());
     Bignum scalar = get_bits_bignum(b, &ok);
     if (!ok || *nid < 0)
         return nullptr;
-    std::unique_ptr<EC_GROUP, GroupFree> group(EC_GROUP_new_by_curve_name(*nid));
-    std::unique_ptr<EC_POINT, PointFree> point(group ? EC_POINT_new(group.get()) : nullptr);
-    std::unique_ptr<BN_CTX, BnCtxFree> ctx(BN_CTX_secure_new());
+    EcGroupPtr group(EC_GROUP_new_by_curve_name(*nid));
+    EcPointPtr point(group ? EC_POINT_new(group.get()) : nullptr);
+    BnCtxPtr ctx(BN_CTX_secure_new());
     if (!point || !ctx || !EC_POINT_mul(group.get(), point.get(), scalar.get(), nullptr, nullptr, ctx.get()))
         return nullptr;
     uint8_t octets[133];

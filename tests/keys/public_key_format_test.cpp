@@ -9,26 +9,9 @@
 #include "keys/key_fingerprint.h"
 #include "keys/public_key_format.h"
 #include "support/log_capture.h"
+#include "support/tool_run.h"
 
 namespace fs = std::filesystem;
-
-namespace {
-
-std::string read_text(const fs::path &path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-struct TempFolder {
-    fs::path path = fs::temp_directory_path() / ("pubfmt-" + std::to_string(getpid()));
-    TempFolder() { fs::create_directories(path); }
-    ~TempFolder() { fs::remove_all(path); }
-};
-
-}  // namespace
 
 TEST(PublicKeyFormat, LineTypeParsing)
 {
@@ -60,12 +43,13 @@ TEST(PublicKeyFormat, LineTypeParsing)
 
 TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
 {
-    TempFolder dir;
+    TempFolder folder;
+    fs::path dir_path = folder.path();
     for (const char *type : {"rsa", "ecdsa", "dsa"}) {
-        fs::path file = dir.path / type;
+        fs::path file = dir_path / type;
         std::string command = std::string("ssh-keygen -q -N '' -C 'me@there' -t ") + type + " -f " + file.string();
         ASSERT_EQ(system(command.c_str()), 0);
-        std::string pub = read_text(file.string() + ".pub");
+        std::string pub = read_text_file(file.string() + ".pub");
         std::string fields = pub.substr(0, pub.rfind(' '));
 
         const char *cursor = pub.c_str();
@@ -77,15 +61,15 @@ TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
 
         // OpenSSH reads our block, and we read OpenSSH's.
         std::string block = key_secsh_block(key.get(), nullptr);
-        std::ofstream(dir.path / "ours.secsh") << block;
-        std::string imported_path = (dir.path / "imported.pub").string();
-        ASSERT_EQ(system(("ssh-keygen -i -f " + (dir.path / "ours.secsh").string() + " > " + imported_path).c_str()), 0);
-        EXPECT_EQ(read_text(imported_path).substr(0, fields.size()), fields);
+        std::ofstream(dir_path / "ours.secsh") << block;
+        std::string imported_path = (dir_path / "imported.pub").string();
+        ASSERT_EQ(system(("ssh-keygen -i -f " + (dir_path / "ours.secsh").string() + " > " + imported_path).c_str()), 0);
+        EXPECT_EQ(read_text_file(imported_path).substr(0, fields.size()), fields);
 
-        std::string theirs_path = (dir.path / "theirs.secsh").string();
+        std::string theirs_path = (dir_path / "theirs.secsh").string();
         ASSERT_EQ(system(("ssh-keygen -e -f " + file.string() + ".pub > " + theirs_path).c_str()), 0);
         std::string comment;
-        KeyPtr back = key_read_secsh(read_text(theirs_path), &comment);
+        KeyPtr back = key_read_secsh(read_text_file(theirs_path), &comment);
         ASSERT_TRUE(back) << type;
         EXPECT_TRUE(key_equal(back.get(), key.get()));
         EXPECT_NE(comment.find("-bit"), std::string::npos) << comment;

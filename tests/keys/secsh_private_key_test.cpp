@@ -11,18 +11,12 @@
 #include "keys/secsh_private_key.h"
 #include "support/bytes.h"
 #include "support/log_capture.h"
+#include "support/tool_run.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string read_text(const fs::path &path)
-{
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 // The base64 body of a "---- BEGIN SSH2 ENCRYPTED PRIVATE KEY ----" file:
 // header lines (with a colon) and continuation lines are skipped.
@@ -71,7 +65,7 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
                               ".sshcom && puttygen " + base + ".ppk -O private-openssh -o " + base + ".pem";
         ASSERT_EQ(system(command.c_str()), 0) << command;
 
-        Bytes blob = secsh_body(read_text(base + ".sshcom"));
+        Bytes blob = secsh_body(read_text_file(base + ".sshcom"));
         SecshPrivateKey key;
         ASSERT_TRUE(secsh_private_key_decode(blob.data(), blob.size(), &key)) << type;
         EXPECT_EQ(key.type, std::string(type) == "rsa" ? 1 : 2);

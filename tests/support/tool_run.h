@@ -93,3 +93,13 @@ inline std::string word_after(const std::string &text, const std::string &prefix
     at += prefix.size();
     return text.substr(at, text.find_first_of(" \n", at) - at);
 }
+
+// A new unencrypted key made by ssh-keygen in PEM form at `path` (and
+// `path`.pub), with `path`'s file name as its comment.
+inline bool make_ssh_keygen_key(const std::string &path, const std::string &type, int bits = 0)
+{
+    std::string name = std::filesystem::path(path).filename().string();
+    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + name + "' -t " + type +
+                          (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
+    return run_tool(command).status == 0;
+}

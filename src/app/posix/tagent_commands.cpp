@@ -13,6 +13,7 @@
 #include "app/posix/agent_client.h"
 #include "app/posix/control_client.h"
 #include "app/posix/pinentry.h"
+#include "app/posix/tagent_args.h"
 #include "app/posix/tagent_keys.h"
 #include "app/program_texts.h"
 #include "app/window_messages.h"
@@ -48,34 +49,8 @@ const char *const TAGENT_USAGE =
 
 namespace {
 
-int usage_error(const char *what)
-{
-    fprintf(stderr, "tagent: %s (see tagent --help)\n", what);
-    return TAGENT_UNREACHABLE;
-}
 
-int unreachable(const std::string &socket)
-{
-    fprintf(stderr, "tagent: no agent is reachable at %s\n", socket.c_str());
-    return TAGENT_UNREACHABLE;
-}
 
-// Value of `--name VALUE` in args, or nothing.
-std::optional<std::string> option_value(const std::vector<std::string> &args, const char *name)
-{
-    for (size_t i = 1; i + 1 < args.size(); ++i)
-        if (args[i] == name)
-            return args[i + 1];
-    return std::nullopt;
-}
-
-bool has_flag(const std::vector<std::string> &args, const char *name)
-{
-    for (size_t i = 1; i < args.size(); ++i)
-        if (args[i] == name)
-            return true;
-    return false;
-}
 
 // First line of a file, without its line end.
 std::optional<SecretString> first_line(const std::string &path)
@@ -96,7 +71,7 @@ std::optional<SecretString> first_line(const std::string &path)
 std::optional<SecretString> passphrase_from(const std::vector<std::string> &args, const char *option,
                                             int description)
 {
-    if (auto file = option_value(args, option)) {
+    if (auto file = tagent_option(args, option)) {
         auto line = first_line(*file);
         if (!line)
             fprintf(stderr, "tagent: cannot read %s\n", file->c_str());
@@ -115,7 +90,7 @@ int simple_request(const TagentContext &c, const Buffer &body, const char *refus
     AgentConnection agent(c.agent_socket);
     Buffer reply;
     if (!agent.connected() || !agent.call(body, &reply))
-        return unreachable(c.agent_socket);
+        return tagent_unreachable(c.agent_socket);
     uint8_t code = buffer_get_char(&reply);
     if (code == SSH_AGENT_SUCCESS || code == SSH_AGENT_SUCCESS_V2)
         return TAGENT_DONE;
@@ -132,7 +107,7 @@ int control(const TagentContext &c, uint32_t message, uint64_t wparam, uint64_t 
     request.lparam = lparam;
     request.data = data;
     if (!control_call(c.control_socket, request, result))
-        return unreachable(c.control_socket);
+        return tagent_unreachable(c.control_socket);
     return TAGENT_DONE;
 }
 
@@ -143,7 +118,7 @@ int cmd_status(const TagentContext &c, const std::vector<std::string> &)
     buffer_put_char(&locked_body, SSH_AGENT_ZEM_ISLOCKED);
     buffer_put_char(&list_body, SSH2_AGENTC_REQUEST_IDENTITIES);
     if (!agent.connected() || !agent.call(locked_body, &locked_reply) || !agent.call(list_body, &list_reply))
-        return unreachable(c.agent_socket);
+        return tagent_unreachable(c.agent_socket);
     uint8_t state = buffer_get_char(&locked_reply);
     uint8_t code = buffer_get_char(&list_reply);
     printf("agent: %s\n", c.agent_socket.c_str());
@@ -179,7 +154,7 @@ int cmd_remove(const TagentContext &c, const std::vector<std::string> &args)
     if (args.size() == 2 && args[1] != "--all")
         return tagent_remove(c, args);
     if (args.size() != 2)
-        return usage_error("remove takes a key file, a key name or --all");
+        return tagent_usage_error("remove takes a key file, a key name or --all");
     Buffer body;
     buffer_put_char(&body, SSH2_AGENTC_REMOVE_ALL_IDENTITIES);
     return simple_request(c, body, "the agent refused to remove the identities");
@@ -192,15 +167,15 @@ int cmd_set(const TagentContext &c, const std::vector<std::string> &args)
         {"allowdelete", WM_SET_ALLOW_DELETE},   {"useonlysha1", WM_SET_USE_ONLY_SHA1},
         {"createlog", WM_SET_CREATE_LOG}};
     if (args.size() != 3)
-        return usage_error("set takes a setting and yes or no");
+        return tagent_usage_error("set takes a setting and yes or no");
     std::string key;
     for (char ch : args[1])
         key += static_cast<char>(tolower(static_cast<unsigned char>(ch)));
     auto setting = settings.find(key);
     if (setting == settings.end())
-        return usage_error("unknown setting");
+        return tagent_usage_error("unknown setting");
     if (strcasecmp(args[2].c_str(), "yes") != 0 && strcasecmp(args[2].c_str(), "no") != 0)
-        return usage_error("the value is yes or no");
+        return tagent_usage_error("the value is yes or no");
     int64_t changed = 0;
     int status = control(c, setting->second, 0, strcasecmp(args[2].c_str(), "yes") == 0 ? 1 : 0, "", &changed);
     if (status == TAGENT_DONE)
@@ -210,7 +185,7 @@ int cmd_set(const TagentContext &c, const std::vector<std::string> &args)
 
 int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
 {
-    bool empty = has_flag(args, "--empty");
+    bool empty = tagent_flag(args, "--empty");
     auto old_passphrase = passphrase_from(args, "--old-file", TEXT_UNLOCK_DESCRIPTION);
     if (!old_passphrase)
         return TAGENT_REFUSED;
@@ -220,7 +195,7 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
     if (!new_passphrase)
         return TAGENT_REFUSED;
     if (old_passphrase->size() > 255 || new_passphrase->size() > 255)
-        return usage_error("passphrases are at most 255 characters");
+        return tagent_usage_error("passphrases are at most 255 characters");
     // The copy-data record: old text at 0, new text at 256, flag at 512.
     std::string record(CHANGE_PASSPHRASE_RECORD_SIZE, '\0');
     memcpy(record.data(), old_passphrase->data(), old_passphrase->size());
@@ -240,8 +215,8 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
 
 int cmd_reset(const TagentContext &c, const std::vector<std::string> &args)
 {
-    if (!has_flag(args, "--yes"))
-        return usage_error("reset destroys every key and the passphrase; confirm with --yes");
+    if (!tagent_flag(args, "--yes"))
+        return tagent_usage_error("reset destroys every key and the passphrase; confirm with --yes");
     int64_t ignored = 0;
     return control(c, WM_RESET_AGENT_DATA, 0, 0, "", &ignored);
 }
@@ -256,14 +231,14 @@ int cmd_watch(const TagentContext &c, const std::vector<std::string> &)
 {
     int fd = control_connect(c.control_socket);
     if (fd < 0)
-        return unreachable(c.control_socket);
+        return tagent_unreachable(c.control_socket);
     ControlRequest request;
     request.message = CONTROL_WATCH;
     std::string bytes = control_encode_request(request);
     uint8_t reply[12];
     if (!fd_write_all(fd, bytes.data(), bytes.size()) || !fd_read_exact(fd, reply, sizeof reply)) {
         close(fd);
-        return unreachable(c.control_socket);
+        return tagent_unreachable(c.control_socket);
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);
     char chunk[256];
@@ -286,6 +261,6 @@ int tagent_run(const TagentContext &context, const std::vector<std::string> &arg
     };
     auto command = commands.find(args[0]);
     if (command == commands.end())
-        return usage_error(("unknown command " + args[0]).c_str());
+        return tagent_usage_error("unknown command " + args[0]);
     return command->second(context, args);
 }

@@ -13,6 +13,7 @@
 #include "agent/protocol.h"
 #include "app/posix/agent_client.h"
 #include "app/posix/pinentry.h"
+#include "app/posix/tagent_args.h"
 #include "app/program_texts.h"
 #include "crypto/ossl_ptr.h"
 #include "keys/key_blob.h"
@@ -50,33 +51,9 @@ std::optional<std::vector<ListedIdentity>> vendor_list(const TagentContext &c)
     return out;
 }
 
-int no_agent(const TagentContext &c)
-{
-    fprintf(stderr, "tagent: no agent is reachable at %s\n", c.agent_socket.c_str());
-    return TAGENT_UNREACHABLE;
-}
 
-int usage(const char *what)
-{
-    fprintf(stderr, "tagent: %s (see tagent --help)\n", what);
-    return TAGENT_UNREACHABLE;
-}
 
-std::optional<std::string> option(const std::vector<std::string> &args, const char *name)
-{
-    for (size_t i = 1; i + 1 < args.size(); ++i)
-        if (args[i] == name)
-            return args[i + 1];
-    return std::nullopt;
-}
 
-bool flag(const std::vector<std::string> &args, const char *name)
-{
-    for (size_t i = 1; i < args.size(); ++i)
-        if (args[i] == name)
-            return true;
-    return false;
-}
 
 // The first argument after the command that is not an option or its value.
 std::optional<std::string> operand(const std::vector<std::string> &args, std::initializer_list<const char *> valued)
@@ -161,7 +138,7 @@ int tagent_list(const TagentContext &c, const std::vector<std::string> &)
 {
     auto listed = vendor_list(c);
     if (!listed)
-        return no_agent(c);
+        return tagent_unreachable(c.agent_socket);
     if (listed->empty())
         printf("The agent has no identities.\n");
     for (const auto &id : *listed) {
@@ -180,13 +157,13 @@ int tagent_add(const TagentContext &c, const std::vector<std::string> &args)
 {
     auto file = operand(args, {"--name", "--lifetime"});
     if (!file)
-        return usage("add needs a private key file");
+        return tagent_usage_error("add needs a private key file");
     PkeyPtr key = read_private_key(*file);
     if (!key) {
         fprintf(stderr, "tagent: cannot read a private key from %s\n", file->c_str());
         return TAGENT_REFUSED;
     }
-    auto name = option(args, "--name");
+    auto name = tagent_option(args, "--name");
     Buffer body;
     buffer_put_char(&body, name ? SSH2_AGENTC_ZEM_ADD_IDENTITY : SSH2_AGENTC_ADD_ID_CONSTRAINED);
     if (!private_key_put_agent_fields(key.get(), &body)) {
@@ -197,19 +174,19 @@ int tagent_add(const TagentContext &c, const std::vector<std::string> &args)
     buffer_put_cstring(&body, file->c_str());
     if (name)
         buffer_put_cstring(&body, name->c_str());
-    if (auto lifetime = option(args, "--lifetime")) {
+    if (auto lifetime = tagent_option(args, "--lifetime")) {
         buffer_put_char(&body, 50);  // relative lifetime in seconds
         buffer_put_int(&body, static_cast<uint32_t>(strtoul(lifetime->c_str(), nullptr, 10)));
     }
-    if (flag(args, "--confirm"))
+    if (tagent_flag(args, "--confirm"))
         buffer_put_char(&body, 2);
-    if (flag(args, "--temporary"))
+    if (tagent_flag(args, "--temporary"))
         buffer_put_char(&body, 155);
 
     AgentConnection agent(c.agent_socket);
     Buffer reply;
     if (!agent.connected() || !agent.call(body, &reply))
-        return no_agent(c);
+        return tagent_unreachable(c.agent_socket);
     buffer_clear_wipe(&body);
     uint8_t code = buffer_get_char(&reply);
     bool added = name ? (code == 0 || code == 9) : code == SSH_AGENT_SUCCESS;
@@ -225,7 +202,7 @@ int tagent_remove(const TagentContext &c, const std::vector<std::string> &args)
 {
     auto target = operand(args, {});
     if (!target)
-        return usage("remove needs a key file, a key name or --all");
+        return tagent_usage_error("remove needs a key file, a key name or --all");
     SecureBytes blob;
     uint32_t len = 0;
     if (std::filesystem::exists(*target)) {
@@ -239,7 +216,7 @@ int tagent_remove(const TagentContext &c, const std::vector<std::string> &args)
         bool reachable = false;
         auto found = find_by_name(c, *target, &reachable);
         if (!reachable)
-            return no_agent(c);
+            return tagent_unreachable(c.agent_socket);
         if (!found) {
             fprintf(stderr, "tagent: the agent holds no key named %s\n", target->c_str());
             return TAGENT_REFUSED;
@@ -252,7 +229,7 @@ int tagent_remove(const TagentContext &c, const std::vector<std::string> &args)
     buffer_put_char(&body, SSH2_AGENTC_REMOVE_IDENTITY);
     buffer_put_string(&body, blob.data(), len);
     if (!agent.connected() || !agent.call(body, &reply))
-        return no_agent(c);
+        return tagent_unreachable(c.agent_socket);
     if (buffer_get_char(&reply) != SSH_AGENT_SUCCESS) {
         fprintf(stderr, "tagent: the agent did not remove %s\n", target->c_str());
         return TAGENT_REFUSED;
@@ -264,17 +241,17 @@ int tagent_export(const TagentContext &c, const std::vector<std::string> &args)
 {
     auto name = operand(args, {"--comment"});
     if (!name)
-        return usage("export needs a key name");
+        return tagent_usage_error("export needs a key name");
     bool reachable = false;
     auto found = find_by_name(c, *name, &reachable);
     if (!reachable)
-        return no_agent(c);
+        return tagent_unreachable(c.agent_socket);
     KeyPtr key = found ? key_from_blob(found->blob.data(), static_cast<uint32_t>(found->blob.size())) : nullptr;
     if (!key) {
         fprintf(stderr, "tagent: the agent holds no key named %s\n", name->c_str());
         return TAGENT_REFUSED;
     }
-    auto comment = option(args, "--comment");
+    auto comment = tagent_option(args, "--comment");
     std::string block = key_secsh_block(key.get(), comment ? comment->c_str() : nullptr);
     if (block.empty()) {
         fprintf(stderr, "tagent: %s cannot be exported\n", name->c_str());

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "support/agent_process.h"
+#include "support/tool_run.h"
 
 namespace {
 
@@ -26,9 +27,7 @@ SshAdd ssh_add(const AgentProcess &agent, std::vector<std::string> args)
 std::string make_key(const AgentProcess &agent, const std::string &name, const std::string &type, int bits = 0)
 {
     std::string path = (agent.root() / name).string();
-    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + name + "' -t " + type +
-                          (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
-    EXPECT_EQ(system(command.c_str()), 0) << command;
+    EXPECT_TRUE(make_ssh_keygen_key(path, type, bits)) << path;
     return path;
 }
 

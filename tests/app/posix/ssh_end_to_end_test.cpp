@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/agent_process.h"
+#include "support/tool_run.h"
 #include "support/sshd_server.h"
 
 namespace {
@@ -25,9 +26,7 @@ Outcome run(const AgentProcess &agent, const std::vector<std::string> &args, std
 std::string make_key(const AgentProcess &agent, const std::string &name, const std::string &type, int bits = 0)
 {
     std::string path = (agent.root() / name).string();
-    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + name + "' -t " + type +
-                          (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
-    EXPECT_EQ(system(command.c_str()), 0);
+    EXPECT_TRUE(make_ssh_keygen_key(path, type, bits)) << path;
     return path;
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "support/agent_process.h"
+#include "support/tool_run.h"
 
 namespace {
 
@@ -20,18 +21,6 @@ TagentRun tagent(const AgentProcess &agent, std::vector<std::string> args)
     return {status, AgentProcess::read_file(out)};
 }
 
-std::string shell_output(const std::string &command)
-{
-    std::string out;
-    FILE *p = popen(command.c_str(), "r");
-    char chunk[512];
-    size_t n;
-    while (p && (n = fread(chunk, 1, sizeof chunk, p)) > 0)
-        out.append(chunk, n);
-    if (p)
-        pclose(p);
-    return out;
-}
 
 }  // namespace
 
@@ -47,7 +36,7 @@ TEST(Tagent, KeysSettingsAndLocking)
     EXPECT_EQ(tagent(agent, {"add", key, "--name", "work"}).output, "Already held: " + key + "\n");
 
     // The fingerprint is the one ssh-keygen shows.
-    std::string expected = shell_output("ssh-keygen -l -E sha256 -f " + key + ".pub");
+    std::string expected = run_tool("ssh-keygen -l -E sha256 -f " + key + ".pub").output;
     std::string fingerprint = expected.substr(expected.find("SHA256:"), 50);
     TagentRun listed = tagent(agent, {"list"});
     EXPECT_EQ(listed.status, 0);
@@ -58,7 +47,7 @@ TEST(Tagent, KeysSettingsAndLocking)
     TagentRun exported = tagent(agent, {"export", "work", "--comment", "for the server"});
     EXPECT_NE(exported.output.find("Comment: \"256-bit ECDSA, for the server\""), std::string::npos);
     std::ofstream(agent.root() / "work.secsh") << exported.output;
-    std::string imported = shell_output("ssh-keygen -i -f " + (agent.root() / "work.secsh").string());
+    std::string imported = run_tool("ssh-keygen -i -f " + (agent.root() / "work.secsh").string()).output;
     std::string pub = AgentProcess::read_file(key + ".pub");
     EXPECT_EQ(imported.substr(0, 60), pub.substr(0, 60));
 
