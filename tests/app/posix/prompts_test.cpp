@@ -129,3 +129,46 @@ TEST(Prompts, ConfirmationOnlyForRemoteRequestsAndUnlockFromTheMenu)
     ASSERT_TRUE(control_send(control, unlock));
     EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
 }
+
+TEST(Prompts, ConfirmedRemoteSignatureAndUnlockThroughThePrompt)
+{
+    // An agent with a passphrase (no AttemptEmpty) that the menu's unlock
+    // asks for; the confirmation is answered Yes.
+    AgentProcess agent;
+    std::string file = (agent.root() / "passphrase.txt").string();
+    std::ofstream(file) << "menu words\n";
+    agent.set_extra_args({"--passphrase-file", file});
+    agent.set_env(pinentry_env(agent, "menu words", "yes"));
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    std::string key = (agent.root() / "k").string();
+    ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
+    std::string out = (agent.root() / "add.txt").string();
+    pid_t add = AgentProcess::spawn({"/usr/bin/ssh-add", key}, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
+    ASSERT_EQ(AgentProcess::wait_exit(add), 0);
+    KeyPtr held = key_new(KEY_UNSPEC);
+    std::string line = AgentProcess::read_file(key + ".pub");
+    const char *cursor = line.c_str();
+    ASSERT_EQ(key_read(held.get(), &cursor), 1);
+    SecureBytes blob_bytes;
+    uint32_t len = key_to_blob(held.get(), &blob_bytes, nullptr, key_blob_type_name(held.get()));
+    Bytes blob(blob_bytes.begin(), blob_bytes.begin() + len);
+
+    std::string control = (agent.root() / "run" / "control.sock").string();
+    ControlRequest confirm_on;
+    confirm_on.message = WM_SET_CONFIRM_KEY_OP;
+    confirm_on.lparam = 1;
+    ASSERT_TRUE(control_send(control, confirm_on));
+    EXPECT_EQ(sign_after_notice(agent, blob, true).at(4), 14);
+    EXPECT_NE(AgentProcess::read_file((agent.root() / "pinentry.log").string()).find("CONFIRM"), std::string::npos);
+
+    ControlRequest lock;
+    lock.message = WM_COMMAND_MESSAGE;
+    lock.wparam = MENU_LOCK;
+    ASSERT_TRUE(control_send(control, lock));
+    EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 aa"));
+    ControlRequest unlock = lock;
+    unlock.wparam = MENU_UNLOCK;
+    ASSERT_TRUE(control_send(control, unlock));
+    EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
+    EXPECT_NE(AgentProcess::read_file((agent.root() / "pinentry.log").string()).find("GETPIN"), std::string::npos);
+}
