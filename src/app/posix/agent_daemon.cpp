@@ -80,6 +80,14 @@ bool ask_key_passphrase_through_pinentry(const char *prompt, SecretString *answe
 // that caused it reports its own failure.
 void log_error_text(int text_id) { agent_log("%s", program_text(text_id)); }
 
+// The fatal shutdown: the message box's text goes to the log, then the agent
+// stops as for SIGTERM.
+void fatal_stop()
+{
+    log_error_text(TEXT_FATAL_ERROR);
+    request_stop();
+}
+
 // The tray icon's counterpart: watchers learn the lock state.
 void announce_lock_state() { control_channel_broadcast(agent_is_locked() ? "locked" : "unlocked"); }
 
@@ -266,7 +274,7 @@ int run_agent(const AgentOptions &options)
 
     install_signal_handlers();
     fatal_add_cleanup(remove_runtime_files, nullptr);
-    set_fatal_shutdown_handler(request_stop);
+    set_fatal_shutdown_handler(fatal_stop);
     WindowShell shell;
     shell.post_quit = request_stop;
     shell.redraw_tray = announce_lock_state;
