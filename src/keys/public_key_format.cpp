@@ -9,6 +9,7 @@
 #include "keys/key_fingerprint.h"
 #include "log/log.h"
 #include "pki/kvl.h"
+#include "pki/x509_key_blob.h"
 
 namespace {
 
@@ -143,9 +144,10 @@ int key_read_by_type(Key *key, int type, uint32_t cert_source, const char **line
     KeyPtr found;
     if (cert_source != CERT_SOURCE_NONE)
         found = certificate_by_reference(cert_source, decoded.data(), static_cast<size_t>(len));
-    else if (fields_fit(decoded.data(), static_cast<size_t>(len), plain) ||
-             (!plain && len > 0 && decoded[0] == 0x30))
+    else if (fields_fit(decoded.data(), static_cast<size_t>(len), plain))
         found = key_from_blob(decoded.data(), static_cast<uint32_t>(len));
+    else if (!plain && len > 0 && decoded[0] == 0x30)  // a certificate's DER alone
+        found = x509key_from_any_blob(decoded.data(), static_cast<uint32_t>(len), nullptr);
     if (!found) {
         debug3("key_read_by_type: key_from_blob %s failed", text);
         return -1;
