@@ -98,13 +98,9 @@ void serve_connection(int fd, uint64_t handle)
 
 void agent_server_accept(int listen_fd)
 {
-    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept_this_user(listen_fd);
     if (fd < 0)
         return;
-    if (!peer_is_this_user(fd)) {
-        close(fd);
-        return;
-    }
     Connections &state = connections();
     std::lock_guard<std::mutex> guard(state.lock);
     if (state.open.size() >= AGENT_MAX_CONNECTIONS) {

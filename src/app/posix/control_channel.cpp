@@ -62,13 +62,9 @@ bool gone(int fd)
 
 void control_channel_accept(int listen_fd)
 {
-    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept_this_user(listen_fd);
     if (fd < 0)
         return;
-    if (!peer_is_this_user(fd)) {
-        close(fd);
-        return;
-    }
     // The main thread serves this; a client that stalls is cut off.
     struct timeval limit = {2, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);

@@ -22,3 +22,13 @@ bool peer_is_this_user(int fd)
     }
     return true;
 }
+
+int accept_this_user(int listen_fd)
+{
+    int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0 && !peer_is_this_user(fd)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}

@@ -6,6 +6,7 @@
 #include "keys/key_blob.h"
 #include "keys/public_key_format.h"
 #include "support/agent_process.h"
+#include "support/tool_run.h"
 
 namespace {
 
@@ -40,6 +41,26 @@ Bytes sign_after_notice(const AgentProcess &agent, const Bytes &blob, bool notic
     buffer_put_cstring(&sign, "data");
     buffer_put_int(&sign, 0);
     return client.request(frame(buffer_bytes(sign)));
+}
+
+// Makes an ECDSA key, adds it with OpenSSH's ssh-add and returns its public
+// blob; empty when any step failed.
+Bytes add_ecdsa_key(const AgentProcess &agent)
+{
+    std::string key = (agent.root() / "k").string();
+    std::string out = (agent.root() / "add.txt").string();
+    if (!make_ssh_keygen_key(key, "ecdsa") ||
+        AgentProcess::wait_exit(AgentProcess::spawn({"/usr/bin/ssh-add", key}, out, out,
+                                                    {"SSH_AUTH_SOCK=" + agent.socket_path()})) != 0)
+        return {};
+    KeyPtr held = key_new(KEY_UNSPEC);
+    std::string line = AgentProcess::read_file(key + ".pub");
+    const char *cursor = line.c_str();
+    if (key_read(held.get(), &cursor) != 1)
+        return {};
+    SecureBytes blob;
+    uint32_t len = key_to_blob(held.get(), &blob, nullptr, key_blob_type_name(held.get()));
+    return Bytes(blob.begin(), blob.begin() + len);
 }
 
 }  // namespace
@@ -88,18 +109,8 @@ TEST(Prompts, ConfirmationOnlyForRemoteRequestsAndUnlockFromTheMenu)
     AgentProcess agent({"--empty-passphrase"});
     agent.set_env(pinentry_env(agent, "", "no"));
     ASSERT_TRUE(agent.start());
-    std::string key = (agent.root() / "k").string();
-    ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
-    std::string out = (agent.root() / "add.txt").string();
-    pid_t add = AgentProcess::spawn({"/usr/bin/ssh-add", key}, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
-    ASSERT_EQ(AgentProcess::wait_exit(add), 0);
-    KeyPtr held = key_new(KEY_UNSPEC);
-    std::string line = AgentProcess::read_file(key + ".pub");
-    const char *cursor = line.c_str();
-    ASSERT_EQ(key_read(held.get(), &cursor), 1);
-    SecureBytes blob_bytes;
-    uint32_t len = key_to_blob(held.get(), &blob_bytes, nullptr, key_blob_type_name(held.get()));
-    Bytes blob(blob_bytes.begin(), blob_bytes.begin() + len);
+    Bytes blob = add_ecdsa_key(agent);
+    ASSERT_FALSE(blob.empty());
 
     ControlRequest confirm_on;
     confirm_on.message = WM_SET_CONFIRM_KEY_OP;
@@ -140,18 +151,8 @@ TEST(Prompts, ConfirmedRemoteSignatureAndUnlockThroughThePrompt)
     agent.set_extra_args({"--passphrase-file", file});
     agent.set_env(pinentry_env(agent, "menu words", "yes"));
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    std::string key = (agent.root() / "k").string();
-    ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
-    std::string out = (agent.root() / "add.txt").string();
-    pid_t add = AgentProcess::spawn({"/usr/bin/ssh-add", key}, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
-    ASSERT_EQ(AgentProcess::wait_exit(add), 0);
-    KeyPtr held = key_new(KEY_UNSPEC);
-    std::string line = AgentProcess::read_file(key + ".pub");
-    const char *cursor = line.c_str();
-    ASSERT_EQ(key_read(held.get(), &cursor), 1);
-    SecureBytes blob_bytes;
-    uint32_t len = key_to_blob(held.get(), &blob_bytes, nullptr, key_blob_type_name(held.get()));
-    Bytes blob(blob_bytes.begin(), blob_bytes.begin() + len);
+    Bytes blob = add_ecdsa_key(agent);
+    ASSERT_FALSE(blob.empty());
 
     std::string control = (agent.root() / "run" / "control.sock").string();
     ControlRequest confirm_on;
