@@ -114,7 +114,7 @@ public:
         uint8_t header[4];
         if (!read_exact(header, 4))
             return {};
-        uint32_t n = static_cast<uint32_t>(header[0]) << 24 | header[1] << 16 | header[2] << 8 | header[3];
+        uint32_t n = get_u32(header);
         Bytes body(n);
         if (!read_exact(body.data(), n))
             return {};

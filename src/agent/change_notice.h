@@ -9,24 +9,14 @@ struct RefreshRegistration {
     uint32_t command;
 };
 
-// How the notice reaches the shell's listeners (the manager window and
-// registered windows on Windows, `tagent watch` subscribers on POSIX). The
-// shell fills them in at start-up; an empty hook does nothing, and without
-// `window_exists` every registered window counts as existing.
-struct ChangeNoticeHooks {
-    void (*notify_manager)() = nullptr;
-    bool (*window_exists)(uint64_t window) = nullptr;
-    void (*post_command)(uint64_t window, uint32_t command) = nullptr;
-};
-
-void change_notice_hooks_set(const ChangeNoticeHooks &hooks);
-
-// Tells the manager and every registered window that the identity set or
-// the lock state changed. A registration whose window is gone is dropped;
-// when that was the first registration the walk ends there and the rest
-// hear nothing this time (they will at the next notice).
+// Tells the manager and every registered window, through the shell's
+// services, that the identity set or the lock state changed. A registration
+// whose window is gone is dropped; when that was the first registration the
+// walk ends there and the rest hear nothing this time (they will at the next
+// notice). Runs on the message-processing thread, which owns the list.
 void send_change_notice();
 
-// The registrations in order, for status displays and tests.
+// The registrations in order, for status displays and tests (on the
+// message-processing thread, or while it is not running).
 std::vector<RefreshRegistration> refresh_registrations();
 void refresh_registrations_clear();

@@ -1,19 +1,12 @@
 #include "agent/confirmation.h"
 
-#include <atomic>
-
 #include "agent/settings.h"
-
-namespace {
-std::atomic<KeyOperationConfirmer> confirmer{nullptr};
-}  // namespace
-
-void key_operation_confirmer_set(KeyOperationConfirmer value) { confirmer = value; }
+#include "agent/shell_services.h"
 
 bool confirm_key_operation(const char *key_description)
 {
     if (!agent_settings().ConfirmKeyOp)
         return true;
-    KeyOperationConfirmer ask = confirmer.load();
+    auto ask = shell_services().confirm_key_operation;
     return ask != nullptr && ask(key_description);
 }

@@ -187,9 +187,7 @@ void dispatch_request(RequestContext *ctx)
         agent_log("Incomplete client request ignored");
         return;
     }
-    const uint8_t *p = buffer_ptr(&ctx->input);
-    uint32_t length = static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-                      static_cast<uint32_t>(p[2]) << 8 | p[3];
+    uint32_t length = get_u32(buffer_ptr(&ctx->input));
     if (length > AGENT_MAX_REQUEST) {
         agent_log("Client request too large. Ignored");
         close_context(ctx);

@@ -6,8 +6,7 @@
 #include "agent/protocol.h"
 #include "agent/reply.h"
 #include "agent/settings.h"
-#include "app/message_processor.h"
-#include "app/window_messages.h"
+#include "agent/shell_services.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 
@@ -34,7 +33,7 @@ bool lock_or_unlock(bool lock, const char *passphrase)
     } else {
         agent_log("Unlock request - agent is already unlocked");
     }
-    agent_window_message(WM_REDRAW_TRAY_ICON, 1, 0, {});
+    shell_redraw_tray();
     return success;
 }
 

@@ -10,7 +10,7 @@
 #include "agent/key_store.h"
 #include "agent/local_lock.h"
 #include "agent/settings.h"
-#include "app/window_messages.h"
+#include "agent/shell_services.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 #include "platform/platform.h"
@@ -129,6 +129,5 @@ void reset_agent_data()
             platform_destroy_file(path);
     }
     agent_log("Resetting key agent data.  All keys destroyed and passphrase reset.");
-    if (auto quit = window_shell().post_quit)
-        quit();
+    shell_post_quit();
 }

@@ -1,11 +1,7 @@
-// The key passphrase prompt (a certificate's PIN), filled in by the shell.
+// The key passphrase prompt (a key's password, a certificate's PIN).
 #pragma once
 
 #include "keys/secure_memory.h"
 
-using KeyPassphrasePrompt = bool (*)(const char *prompt, SecretString *answer);
-
-// Without a prompt from the shell every question is cancelled.
-void key_passphrase_prompt_set(KeyPassphrasePrompt prompt);
-// True with the typed text; false on cancel.
+// True with the typed text; false on cancel, or when the shell has no prompt.
 bool ask_key_passphrase(const char *prompt, SecretString *answer);

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "agent/dispatch.h"
+#include "agent/shell_services.h"
 #include "app/auto_reset_events.h"
 #include "app/thread_services.h"
 #include "log/agent_log.h"
@@ -22,7 +23,12 @@ struct HandOver {
     AutoResetEvents events{EVENT_COUNT};
     std::mutex request_mutex;  // admits one submitter at a time
     std::atomic<int> busy{0};
+    std::atomic<std::thread::id> thread_id{};
+    // The slot: a client request, or a piece of the shell's work on the
+    // agent's state. The mutex and the events order every access.
     RequestContext *pending = nullptr;
+    const std::function<void()> *pending_task = nullptr;
+    bool task_failed = false;  // a fatal error ended the task
 };
 
 std::unique_ptr<HandOver> &hand_over()
@@ -31,10 +37,19 @@ std::unique_ptr<HandOver> &hand_over()
     return state;
 }
 
-std::atomic<FatalShutdownHandler> fatal_shutdown_handler{nullptr};
+void run_task(HandOver *state, const std::function<void()> &task)
+{
+    try {
+        task();
+    } catch (const FatalError &) {
+        // Reported on the submitting thread, which runs the fatal shutdown.
+        state->task_failed = true;
+    }
+}
 
 void thread_loop(HandOver *state)
 {
+    state->thread_id = std::this_thread::get_id();
     agent_log("Process message thread started.");
     agent_log("Crypto initialization");
     processor_crypto_init();
@@ -46,6 +61,9 @@ void thread_loop(HandOver *state)
         if (RequestContext *ctx = state->pending) {
             state->pending = nullptr;
             dispatch_request(ctx);
+        } else if (const std::function<void()> *task = state->pending_task) {
+            state->pending_task = nullptr;
+            run_task(state, *task);
         }
         state->events.set(DONE_EVENT);
     }
@@ -84,6 +102,19 @@ void hand_over_request(HandOver *state, RequestContext *ctx)
     state->events.wait(DONE_EVENT);
     state->pending = nullptr;
     state->busy = 0;
+}
+
+// The shell's work goes through the same slot, so it never overlaps a
+// request. Returns false when a fatal error ended the task.
+bool hand_over_task(HandOver *state, const std::function<void()> &task)
+{
+    std::lock_guard<std::mutex> guard(state->request_mutex);
+    state->task_failed = false;
+    state->pending_task = &task;
+    state->events.set(REQUEST_EVENT);
+    state->events.wait(DONE_EVENT);
+    state->pending_task = nullptr;
+    return !state->task_failed;
 }
 
 }  // namespace
@@ -149,11 +180,19 @@ void submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, 
     }
 }
 
-void set_fatal_shutdown_handler(FatalShutdownHandler handler) { fatal_shutdown_handler = handler; }
-
-void run_fatal_shutdown()
+void run_on_message_thread(const std::function<void()> &task)
 {
-    agent_log("A fatal exception has occurred.  Shutting down now.");
-    if (FatalShutdownHandler handler = fatal_shutdown_handler.load())
-        handler();
+    HandOver *state = hand_over().get();
+    bool ok = true;
+    if (state == nullptr || state->thread_id.load() == std::this_thread::get_id()) {
+        try {
+            task();
+        } catch (const FatalError &) {
+            ok = false;
+        }
+    } else {
+        ok = hand_over_task(state, task);
+    }
+    if (!ok)
+        run_fatal_shutdown();
 }

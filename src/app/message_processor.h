@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 void message_processor_start();
 void message_processor_stop();
@@ -17,7 +18,19 @@ void submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, 
                            uint32_t *reply_length, int32_t *agent_protocol, int32_t *forwarding_chain,
                            uint64_t connection);
 
-// What the shell does when a fatal error is caught on a submitting thread.
-using FatalShutdownHandler = void (*)();
-void set_fatal_shutdown_handler(FatalShutdownHandler handler);
-void run_fatal_shutdown();
+// Runs `task` on the message-processing thread, which owns the agent's
+// state (identity tables, lock flag, passphrase, settings, key store, notice
+// lists), through the same hand-over as a request, and waits for it. Before
+// the thread starts, after it stops, and on the thread itself, the task runs
+// at once on the caller's thread. A fatal error inside the task leads to the
+// fatal shutdown on the caller's thread.
+void run_on_message_thread(const std::function<void()> &task);
+
+// The same for a task with a result.
+template <typename Result, typename Task>
+Result on_message_thread(Task task)
+{
+    Result result{};
+    run_on_message_thread([&] { result = task(); });
+    return result;
+}

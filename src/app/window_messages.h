@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <string>
 
-#include "keys/secure_memory.h"
 
 enum AgentWindowMessage : uint32_t {
     WM_CREATE_MESSAGE = 1,
@@ -42,20 +41,12 @@ enum TrayMenuCommand : uint32_t {
     MENU_EXIT = 40005,
 };
 
-// What a shell provides to the shared window procedure.
-struct WindowShell {
-    void (*post_quit)() = nullptr;          // end the message loop: the agent stops
-    void (*redraw_tray)() = nullptr;        // the lock state may have changed
-    bool (*ask_unlock_passphrase)(SecretString *passphrase) = nullptr;  // unlock dialog
-    void (*show_error)(int text_id) = nullptr;                         // message box
-};
-
-void window_shell_set(const WindowShell &shell);
-const WindowShell &window_shell();
-
 // The ready flag: 1 from "Key Agent started" until the loop ends.
 void agent_ready_set(bool ready);
 bool agent_ready();
 
-// Handles one message; `data` is the copy-data record for message 74.
+// Handles one message on the shell's thread; `data` is the copy-data record
+// for message 74. The work on the agent's state is carried out on the
+// message-processing thread; dialogs stay on the caller's thread. The shell's
+// side (post quit, redraw, dialogs) comes from its services record.
 int64_t agent_window_message(uint32_t message, uint64_t wparam, uint64_t lparam, const std::string &data);

@@ -203,8 +203,7 @@ uint32_t buffer_get_int(Buffer *b)
     uint8_t bytes[4] = {0, 0, 0, 0};
     if (!buffer_get(b, bytes, 4))
         return 0;
-    return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
-           static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
+    return get_u32(bytes);
 }
 
 void buffer_put_int64(Buffer *b, uint64_t value)
@@ -242,9 +241,7 @@ bool buffer_string_available(const Buffer *b)
 {
     if (buffer_len(b) < 4)
         return false;
-    const uint8_t *p = buffer_ptr(b);
-    uint32_t n = static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
-    return n <= buffer_len(b) - 4;
+    return get_u32(buffer_ptr(b)) <= buffer_len(b) - 4;
 }
 
 SecureBytes buffer_get_string(Buffer *b, uint32_t *lenp)

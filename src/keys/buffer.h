@@ -16,6 +16,13 @@ constexpr uint32_t BUFFER_GROWTH_EXTRA = 0x8000;
 constexpr uint32_t BUFFER_MAX_STRING = 0x40000;
 constexpr uint32_t BUFFER_MAX_BIGNUM_BYTES = 8192;
 
+// The big-endian 32-bit number in the 4 bytes at `p`.
+inline uint32_t get_u32(const uint8_t *p)
+{
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 |
+           p[3];
+}
+
 // The storage is zero-filled when created, on free and by the wiping clear,
 // because buffers carry private keys and passphrases. A Buffer owns its
 // storage: it is initialised on construction and freed on destruction.

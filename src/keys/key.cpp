@@ -209,7 +209,7 @@ std::string key_blob_name(const uint8_t *blob, uint32_t len)
     // strings are fatal: a certificate blob begins with DER, not a string.
     if (!blob || len < 4)
         return {};
-    uint32_t n = static_cast<uint32_t>(blob[0]) << 24 | blob[1] << 16 | blob[2] << 8 | blob[3];
+    uint32_t n = get_u32(blob);
     if (n > len - 4)
         return {};
     return std::string(reinterpret_cast<const char *>(blob) + 4, n);

@@ -5,6 +5,7 @@
 
 #include <openssl/evp.h>
 
+#include "keys/buffer.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
 #include "log/log.h"
@@ -47,8 +48,7 @@ bool fields_fit(const uint8_t *blob, size_t len, bool all_fields)
 {
     size_t at = 0;
     while (len - at >= 4) {
-        uint32_t field = static_cast<uint32_t>(blob[at]) << 24 | static_cast<uint32_t>(blob[at + 1]) << 16 |
-                         static_cast<uint32_t>(blob[at + 2]) << 8 | blob[at + 3];
+        uint32_t field = get_u32(blob + at);
         at += 4;
         if (field > len - at)
             return false;

@@ -54,4 +54,7 @@ std::string platform_library_error();
 // Milliseconds since an arbitrary fixed point; used for connection identifiers.
 uint64_t platform_tick_count();
 
+// The calling thread's identifier, as the log lines show it.
+uint32_t platform_thread_id();
+
 char platform_path_separator();

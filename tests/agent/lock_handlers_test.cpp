@@ -48,16 +48,14 @@ void record_shell_calls()
     redraws = 0;
     posted.clear();
     gone_windows.clear();
-    WindowShell shell;
+    ShellServices shell;
     shell.redraw_tray = [] { ++redraws; };
-    window_shell_set(shell);
-    ChangeNoticeHooks hooks;
-    hooks.notify_manager = [] { ++manager_notices; };
-    hooks.post_command = [](uint64_t window, uint32_t command) { posted.emplace_back(window, command); };
-    hooks.window_exists = [](uint64_t window) {
+    shell.notify_manager = [] { ++manager_notices; };
+    shell.post_command = [](uint64_t window, uint32_t command) { posted.emplace_back(window, command); };
+    shell.window_exists = [](uint64_t window) {
         return std::find(gone_windows.begin(), gone_windows.end(), window) == gone_windows.end();
     };
-    change_notice_hooks_set(hooks);
+    shell_services_set(shell);
 }
 
 }  // namespace

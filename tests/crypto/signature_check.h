@@ -12,6 +12,7 @@
 #include <openssl/rsa.h>
 
 #include "crypto/ossl_ptr.h"
+#include "keys/buffer.h"
 #include "keys/key.h"
 #include "support/bytes.h"
 
@@ -38,7 +39,7 @@ inline Bytes take_string(const Bytes &in, size_t *pos)
     EXPECT_LE(*pos + 4, in.size());
     if (*pos + 4 > in.size())
         return {};
-    uint32_t n = uint32_t(in[*pos]) << 24 | uint32_t(in[*pos + 1]) << 16 | uint32_t(in[*pos + 2]) << 8 | in[*pos + 3];
+    uint32_t n = get_u32(in.data() + *pos);
     *pos += 4;
     EXPECT_LE(*pos + n, in.size());
     Bytes value(in.begin() + *pos, in.begin() + std::min(in.size(), *pos + n));

@@ -184,7 +184,7 @@ public:
         Bytes header(4);
         if (!read_exact(header.data(), 4))
             return {};
-        uint32_t n = static_cast<uint32_t>(header[0]) << 24 | header[1] << 16 | header[2] << 8 | header[3];
+        uint32_t n = get_u32(header.data());
         Bytes reply = header;
         reply.resize(4 + n);
         if (!read_exact(reply.data() + 4, n))

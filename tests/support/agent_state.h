@@ -1,5 +1,5 @@
 // A private data folder and a clean process-wide agent state for each test:
-// default settings, no held passphrase, locked, no hooks, no registrations.
+// default settings, no held passphrase, locked, no shell services, no registrations.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,8 +12,7 @@
 #include "agent/handlers.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
-#include "app/window_messages.h"
-#include "agent/change_notice.h"
+#include "agent/shell_services.h"
 #include "support/agent_process.h"
 
 class AgentStateTest : public ::testing::Test {
@@ -50,8 +49,7 @@ private:
         agent_settings() = AgentSettings{};
         forget_agent_passphrase();
         agent_set_locked(true);
-        change_notice_hooks_set(ChangeNoticeHooks{});
-        window_shell_set(WindowShell{});
+        shell_services_set(ShellServices{});
         refresh_registrations_clear();
     }
 };

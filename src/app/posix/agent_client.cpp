@@ -1,27 +1,15 @@
 #include "app/posix/agent_client.h"
 
 #include <cstdlib>
-#include <cstring>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include "app/posix/folders.h"
+#include "agent/protocol.h"
 #include "platform/posix/fd_io.h"
+#include "app/posix/folders.h"
+#include "app/posix/unix_socket.h"
+#include "keys/buffer.h"
 
-AgentConnection::AgentConnection(const std::string &socket_path)
-{
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (socket_path.size() >= sizeof address.sun_path)
-        return;
-    memcpy(address.sun_path, socket_path.c_str(), socket_path.size() + 1);
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd_ >= 0 && connect(fd_, reinterpret_cast<struct sockaddr *>(&address), sizeof address) != 0) {
-        close(fd_);
-        fd_ = -1;
-    }
-}
+AgentConnection::AgentConnection(const std::string &socket_path) : fd_(unix_socket_connect(socket_path)) {}
 
 AgentConnection::~AgentConnection()
 {
@@ -40,17 +28,11 @@ bool AgentConnection::call(const Buffer &body, Buffer *reply)
 {
     if (!send_only(body))
         return false;
-    uint8_t header[4];
-    if (!fd_read_exact(fd_, header, 4))
-        return false;
-    uint32_t len = static_cast<uint32_t>(header[0]) << 24 | header[1] << 16 | header[2] << 8 | header[3];
-    if (len > 0x40000)
-        return false;
-    SecureBytes bytes(len);
-    if (len && !fd_read_exact(fd_, bytes.data(), len))
+    SecureBytes bytes;
+    if (!socket_read_framed(fd_, AGENT_MAX_REQUEST, &bytes))
         return false;
     buffer_clear(reply);
-    buffer_append(reply, bytes.data(), len);
+    buffer_append(reply, bytes.data(), static_cast<uint32_t>(bytes.size()));
     return true;
 }
 

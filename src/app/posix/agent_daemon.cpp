@@ -11,26 +11,21 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "agent/change_notice.h"
-#include "agent/data_folder.h"
-#include "agent/confirmation.h"
-#include "agent/passphrase_prompt.h"
 #include "agent/handlers.h"
-#include "agent/identity_table.h"
-#include "agent/passphrase.h"
-#include "agent/settings.h"
+#include "app/agent_lifecycle.h"
+#include "app/client_connection.h"
 #include "app/message_processor.h"
+#include "app/posix/agent_server.h"
 #include "app/posix/control_channel.h"
 #include "app/posix/control_client.h"
 #include "app/posix/control_protocol.h"
-#include "app/posix/pinentry.h"
-#include "app/program_texts.h"
-#include "app/window_messages.h"
-#include "app/posix/agent_server.h"
 #include "app/posix/folders.h"
+#include "app/posix/pinentry.h"
 #include "app/posix/single_instance.h"
 #include "app/posix/startup_passphrase.h"
 #include "app/posix/unix_socket.h"
+#include "app/program_texts.h"
+#include "app/window_messages.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 
@@ -88,8 +83,13 @@ void fatal_stop()
     request_stop();
 }
 
-// The tray icon's counterpart: watchers learn the lock state.
-void announce_lock_state() { control_channel_broadcast(agent_is_locked() ? "locked" : "unlocked"); }
+// The tray icon's counterpart: watchers learn the lock state. Runs on the
+// message-processing thread, or hands the look over to it.
+void announce_lock_state()
+{
+    bool locked = on_message_thread<bool>([] { return agent_is_locked(); });
+    control_channel_broadcast(locked ? "locked" : "unlocked");
+}
 
 // The manager window's counterpart: watchers learn of every change notice.
 void announce_change() { control_channel_broadcast("changed"); }
@@ -147,6 +147,7 @@ struct Runtime {
     InstanceLock lock;
     int listen_fd = -1;
     int control_fd = -1;
+    StartupPassphrase startup;
 };
 
 Runtime runtime;
@@ -203,6 +204,39 @@ void main_loop()
     }
 }
 
+bool apply_startup_passphrase()
+{
+    run_on_message_thread([] { startup_passphrase_apply(&runtime.startup); });
+    return true;
+}
+
+// No request reaches the agent's state after this: the sockets are closed,
+// every connection has ended or is cut off.
+void close_connections()
+{
+    control_channel_close_all();
+    close(runtime.listen_fd);
+    runtime.listen_fd = -1;
+    unlink(runtime.folders.agent_socket.c_str());
+    close_client_connections();
+}
+
+ShellServices posix_services()
+{
+    ShellServices services;
+    services.post_quit = request_stop;
+    services.redraw_tray = announce_lock_state;
+    services.ask_unlock_passphrase = ask_unlock_passphrase;
+    services.ask_key_passphrase = ask_key_passphrase_through_pinentry;
+    services.confirm_key_operation = confirm_through_pinentry;
+    services.show_error = log_error_text;
+    services.notify_manager = announce_change;
+    services.window_exists = control_channel_subscriber_alive;
+    services.post_command = post_subscriber_command;
+    services.fatal_shutdown = fatal_stop;
+    return services;
+}
+
 }  // namespace
 
 int run_agent(const AgentOptions &options)
@@ -216,11 +250,7 @@ int run_agent(const AgentOptions &options)
             return 1;
         }
     }
-    // The settings come first: every later step, logging included, sees them.
-    agent_data_folder_set(runtime.folders.data);
-    read_agent_settings();
-    agent_log_install(runtime.folders.log, options.debug);
-    apply_create_log_setting();
+    agent_load_settings_and_log(runtime.folders.data, runtime.folders.log, options.debug);
     disable_core_dumps();
 
     std::string message;
@@ -234,8 +264,7 @@ int run_agent(const AgentOptions &options)
                           instance_lock_holder(runtime.folders.lock_file));
         return 0;
     }
-    StartupPassphrase startup;
-    if (!startup_passphrase_prepare(options, &startup, &message)) {
+    if (!startup_passphrase_prepare(options, &runtime.startup, &message)) {
         fprintf(stderr, "tkeyagent: %s\n", message.c_str());
         instance_lock_release(&runtime.lock);
         return 1;
@@ -274,46 +303,17 @@ int run_agent(const AgentOptions &options)
 
     install_signal_handlers();
     fatal_add_cleanup(remove_runtime_files, nullptr);
-    set_fatal_shutdown_handler(fatal_stop);
-    WindowShell shell;
-    shell.post_quit = request_stop;
-    shell.redraw_tray = announce_lock_state;
-    shell.ask_unlock_passphrase = ask_unlock_passphrase;
-    shell.show_error = log_error_text;
-    key_operation_confirmer_set(confirm_through_pinentry);
-    key_passphrase_prompt_set(ask_key_passphrase_through_pinentry);
-    window_shell_set(shell);
-    ChangeNoticeHooks notices;
-    notices.notify_manager = announce_change;
-    notices.window_exists = control_channel_subscriber_alive;
-    notices.post_command = post_subscriber_command;
-    change_notice_hooks_set(notices);
     if (options.owner)
         agent_log("Started for owner window %lld", options.owner);
 
-    message_processor_start();
-    identity_tables_init();
-    startup_passphrase_apply(&startup);
-    agent_log("Key Agent started ===========");
-    agent_ready_set(true);
-    send_change_notice();
-
-    main_loop();
-
-    agent_log("Key Agent stopped ===========");
-    send_change_notice();
-    agent_ready_set(false);
-    control_channel_close_all();
-    close(runtime.listen_fd);
-    runtime.listen_fd = -1;
-    unlink(runtime.folders.agent_socket.c_str());
-    agent_server_close_connections();
-    remove_temporary_identities();
-    forget_agent_passphrase();
-    message_processor_stop();
+    AgentShellSteps steps;
+    steps.initialise_passphrase = apply_startup_passphrase;
+    steps.run_loop = main_loop;
+    steps.close_connections = close_connections;
+    int status = agent_run(posix_services(), steps);
     fatal_remove_cleanup(remove_runtime_files, nullptr);
     remove_runtime_files(nullptr);
-    return 0;
+    return status;
 }
 
 int stop_running_agent(const AgentOptions &options)

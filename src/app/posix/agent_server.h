@@ -1,17 +1,7 @@
-// The agent socket: one listening Unix stream socket, one thread per client.
+// The agent socket: one listening Unix stream socket; each client of this
+// user is served by the shared connection loop on a thread of its own.
 #pragma once
 
-#include <cstdint>
-#include <string>
-
-constexpr int AGENT_MAX_CONNECTIONS = 255;
-
 // Accepts one waiting client on `listen_fd`, checks its uid and starts its
-// connection thread.
+// connection.
 void agent_server_accept(int listen_fd);
-
-// Ends every open connection and waits for their threads to finish.
-void agent_server_close_connections();
-
-// Connections currently served.
-int agent_server_connection_count();

@@ -1,14 +1,20 @@
 #include "app/posix/control_channel.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <poll.h>
+#include <set>
 #include <sys/socket.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 
 #include "app/posix/control_protocol.h"
 #include "app/posix/peer_check.h"
+#include "app/posix/unix_socket.h"
 #include "app/window_messages.h"
 #include "keys/buffer.h"
 #include "platform/posix/fd_io.h"
@@ -17,8 +23,10 @@ namespace {
 
 struct Subscribers {
     std::mutex lock;
+    std::condition_variable ended;
     std::map<uint64_t, int> open;  // handle -> socket
     uint64_t next = 0x10000;      // handles look like window handles, never 0
+    std::set<int> serving;         // clients whose request is being served
 };
 
 Subscribers &subscribers()
@@ -29,19 +37,9 @@ Subscribers &subscribers()
 
 bool read_request(int fd, ControlRequest *request)
 {
-    uint8_t header[4];
-    if (!fd_read_exact(fd, header, 4))
-        return false;
-    uint32_t len = static_cast<uint32_t>(header[0]) << 24 | header[1] << 16 | header[2] << 8 | header[3];
-    if (len > CONTROL_MAX_DATA + 64)
-        return false;
-    std::string bytes(reinterpret_cast<char *>(header), 4);
-    bytes.resize(4 + len);
-    if (!fd_read_exact(fd, bytes.data() + 4, len))
-        return false;
-    bool ok = control_decode_request(bytes, request);
-    wipe_memory(bytes.data(), bytes.size());
-    return ok;
+    SecureBytes body;
+    return socket_read_framed(fd, CONTROL_MAX_DATA + 64, &body) &&
+           control_decode_request(body.data(), body.size(), request);
 }
 
 void write_result(int fd, int64_t result)
@@ -58,21 +56,16 @@ bool gone(int fd)
     return poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
 }
 
-}  // namespace
-
-void control_channel_accept(int listen_fd)
+// Each control client has a thread of its own, so that one that is slow to
+// send its request holds up nobody; the window procedure's work on the
+// agent's state then waits its turn on the message-processing thread.
+// Answers the request; true when the connection stays open as a watch
+// subscription.
+bool answer_control_request(int fd)
 {
-    int fd = accept_this_user(listen_fd);
-    if (fd < 0)
-        return;
-    // The main thread serves this; a client that stalls is cut off.
-    struct timeval limit = {2, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     ControlRequest request;
-    if (!read_request(fd, &request)) {
-        close(fd);
-        return;
-    }
+    if (!read_request(fd, &request))
+        return false;
     if (request.message == CONTROL_WATCH) {
         Subscribers &state = subscribers();
         std::lock_guard<std::mutex> guard(state.lock);
@@ -82,12 +75,46 @@ void control_channel_accept(int listen_fd)
         // read is dropped when its socket fills up.
         fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
         write_result(fd, static_cast<int64_t>(handle));
-        return;
+        return true;
     }
     int64_t result = agent_window_message(request.message, request.wparam, request.lparam, request.data);
     wipe_memory(request.data.data(), request.data.size());
     write_result(fd, result);
-    close(fd);
+    return false;
+}
+
+void serve_control_client(int fd)
+{
+    bool subscribed = answer_control_request(fd);
+    Subscribers &state = subscribers();
+    {
+        std::lock_guard<std::mutex> guard(state.lock);
+        state.serving.erase(fd);
+        if (!subscribed)
+            close(fd);
+    }
+    state.ended.notify_all();
+}
+
+}  // namespace
+
+void control_channel_accept(int listen_fd)
+{
+    int fd = accept_this_user(listen_fd);
+    if (fd < 0)
+        return;
+    // A client that never finishes its request is cut off.
+    struct timeval limit = {10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    Subscribers &state = subscribers();
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.serving.insert(fd);
+    try {
+        std::thread(serve_control_client, fd).detach();
+    } catch (const std::system_error &) {
+        state.serving.erase(fd);
+        close(fd);
+    }
 }
 
 void control_channel_broadcast(const std::string &line)
@@ -137,8 +164,15 @@ bool control_channel_subscriber_alive(uint64_t subscriber)
 void control_channel_close_all()
 {
     Subscribers &state = subscribers();
-    std::lock_guard<std::mutex> guard(state.lock);
+    std::unique_lock<std::mutex> guard(state.lock);
     for (const auto &entry : state.open)
         close(entry.second);
     state.open.clear();
+    // Clients still sending are cut off; those being answered (the stop
+    // command among them) still get their result. A request that waits for
+    // the user (the unlock prompt) is not waited for beyond this; it ends
+    // with the process.
+    for (int fd : state.serving)
+        shutdown(fd, SHUT_RD);
+    state.ended.wait_for(guard, std::chrono::seconds(3), [&] { return state.serving.empty(); });
 }

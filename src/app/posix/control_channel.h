@@ -1,4 +1,4 @@
-// Serves control.sock on the main thread: each request is handed to the
+// Serves control.sock, one thread per client: each request is handed to the
 // shared window procedure; watch subscriptions stay open and receive event
 // lines.
 #pragma once

@@ -1,44 +1,34 @@
 #include "app/posix/control_client.h"
 
-#include <cstring>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "platform/posix/fd_io.h"
+#include "app/posix/unix_socket.h"
 
-int control_connect(const std::string &path)
+int control_open(const std::string &path, const ControlRequest &request, int64_t *result)
 {
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        return -1;
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int fd = unix_socket_connect(path);
     if (fd < 0)
         return -1;
-    if (connect(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) != 0) {
+    std::string bytes = control_encode_request(request);
+    SecureBytes reply;
+    if (!fd_write_all(fd, bytes.data(), bytes.size()) || !socket_read_framed(fd, 8, &reply) || reply.size() != 8) {
         close(fd);
         return -1;
     }
+    uint64_t value = 0;
+    for (uint8_t byte : reply)
+        value = value << 8 | byte;
+    *result = static_cast<int64_t>(value);
     return fd;
 }
 
 bool control_call(const std::string &path, const ControlRequest &request, int64_t *result)
 {
-    int fd = control_connect(path);
+    int fd = control_open(path, request, result);
     if (fd < 0)
         return false;
-    std::string bytes = control_encode_request(request);
-    uint8_t reply[12];
-    bool ok = fd_write_all(fd, bytes.data(), bytes.size()) && fd_read_exact(fd, reply, sizeof reply);
     close(fd);
-    if (!ok)
-        return false;
-    uint64_t value = 0;
-    for (int i = 4; i < 12; ++i)
-        value = value << 8 | reply[i];
-    *result = static_cast<int64_t>(value);
     return true;
 }
 

@@ -14,12 +14,12 @@ std::string control_encode_request(const ControlRequest &request)
     return std::string(reinterpret_cast<const char *>(buffer_ptr(&framed)), buffer_len(&framed));
 }
 
-bool control_decode_request(const std::string &bytes, ControlRequest *request)
+bool control_decode_request(const uint8_t *body, size_t size, ControlRequest *request)
 {
-    Buffer b;
-    buffer_append(&b, bytes.data(), static_cast<uint32_t>(bytes.size()));
-    if (buffer_len(&b) < 4 + 4 + 8 + 8 + 4 || buffer_get_int(&b) != buffer_len(&b))
+    if (size < 4 + 8 + 8 + 4 || size > CONTROL_MAX_DATA + 64)
         return false;
+    Buffer b;
+    buffer_append(&b, body, static_cast<uint32_t>(size));
     request->message = buffer_get_int(&b);
     request->wparam = buffer_get_int64(&b);
     request->lparam = buffer_get_int64(&b);

@@ -26,5 +26,6 @@ struct ControlRequest {
 };
 
 std::string control_encode_request(const ControlRequest &request);
-// False when the bytes are not one well-formed request.
-bool control_decode_request(const std::string &bytes, ControlRequest *request);
+// Decodes a request's body (what follows its length); false when the bytes
+// are not one well-formed request.
+bool control_decode_request(const uint8_t *body, size_t size, ControlRequest *request);

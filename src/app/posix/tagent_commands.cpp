@@ -229,17 +229,12 @@ int cmd_stop(const TagentContext &c, const std::vector<std::string> &)
 
 int cmd_watch(const TagentContext &c, const std::vector<std::string> &)
 {
-    int fd = control_connect(c.control_socket);
-    if (fd < 0)
-        return tagent_unreachable(c.control_socket);
     ControlRequest request;
     request.message = CONTROL_WATCH;
-    std::string bytes = control_encode_request(request);
-    uint8_t reply[12];
-    if (!fd_write_all(fd, bytes.data(), bytes.size()) || !fd_read_exact(fd, reply, sizeof reply)) {
-        close(fd);
+    int64_t subscriber = 0;
+    int fd = control_open(c.control_socket, request, &subscriber);
+    if (fd < 0)
         return tagent_unreachable(c.control_socket);
-    }
     setvbuf(stdout, nullptr, _IOLBF, 0);
     char chunk[256];
     ssize_t n;

@@ -8,3 +8,6 @@
 bool fd_write_all(int fd, const void *data, size_t size);
 // Reads exactly `size` bytes; false on end of file or failure.
 bool fd_read_exact(int fd, void *data, size_t size);
+// Reads what is there, at most `size` bytes: the count, 0 at end of file or
+// on failure.
+size_t fd_read_some(int fd, void *data, size_t size);

@@ -11,6 +11,7 @@
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 #include <vector>
@@ -198,5 +199,7 @@ uint64_t platform_tick_count()
     using namespace std::chrono;
     return static_cast<uint64_t>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
 }
+
+uint32_t platform_thread_id() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
 char platform_path_separator() { return '/'; }

@@ -1,0 +1,173 @@
+#include "app/client_connection.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "agent/handlers.h"
+#include "agent/protocol.h"
+#include "app/message_processor.h"
+#include "keys/buffer.h"
+#include "keys/secure_memory.h"
+#include "log/agent_log.h"
+#include "platform/platform.h"
+
+namespace {
+
+constexpr size_t PIPE_READ_SIZE = 131072;
+
+struct Registry {
+    std::mutex lock;
+    std::condition_variable ended;
+    std::map<uint64_t, ClientStream *> open;  // connection -> its stream
+    uint64_t next_connection = 1;
+};
+
+Registry &registry()
+{
+    static Registry state;
+    return state;
+}
+
+bool read_exact(ClientStream *stream, uint8_t *data, size_t size)
+{
+    while (size > 0) {
+        size_t got = stream->read_some(data, size);
+        if (got == 0)
+            return false;
+        data += got;
+        size -= got;
+    }
+    return true;
+}
+
+bool discard(ClientStream *stream, uint32_t size)
+{
+    uint8_t scratch[16384];
+    while (size > 0) {
+        size_t chunk = size < sizeof scratch ? size : sizeof scratch;
+        if (!read_exact(stream, scratch, chunk))
+            return false;
+        size -= static_cast<uint32_t>(chunk);
+    }
+    return true;
+}
+
+// One request by its length prefix; `skip` is what is left to throw away
+// after it is answered.
+bool read_exact_request(ClientStream *stream, std::vector<uint8_t> *request, uint32_t *skip)
+{
+    uint8_t header[4];
+    if (!read_exact(stream, header, 4))
+        return false;
+    uint32_t length = get_u32(header);
+    uint32_t body = length > AGENT_MAX_REQUEST ? 1 : length;
+    *skip = length - body;
+    request->assign(header, header + 4);
+    request->resize(4 + static_cast<size_t>(body));
+    return read_exact(stream, request->data() + 4, body);
+}
+
+// One pipe read, with the one extra read when it brought under 5 bytes.
+bool read_pipe_request(ClientStream *stream, std::vector<uint8_t> *request)
+{
+    request->resize(PIPE_READ_SIZE);
+    size_t count = stream->read_some(request->data(), PIPE_READ_SIZE);
+    if (count == 0)
+        return false;
+    if (count < 5) {
+        size_t more = stream->read_some(request->data() + count, PIPE_READ_SIZE - count);
+        if (more == 0)
+            return false;
+        count += more;
+    }
+    request->resize(count);
+    return true;
+}
+
+void serve_and_unregister(std::unique_ptr<ClientStream> stream, Framing framing, uint64_t connection)
+{
+    serve_client_connection(stream.get(), framing, connection);
+    Registry &state = registry();
+    {
+        std::lock_guard<std::mutex> guard(state.lock);
+        state.open.erase(connection);
+        stream.reset();
+    }
+    state.ended.notify_all();
+}
+
+}  // namespace
+
+void serve_client_connection(ClientStream *stream, Framing framing, uint64_t connection)
+{
+    uint32_t thread_id = platform_thread_id();
+    agent_log("Connection established (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
+
+    int32_t agent_protocol = 0, forwarding_chain = 0;
+    std::vector<uint8_t> request;
+    std::vector<uint8_t> reply(AGENT_MAX_REPLY);
+    for (;;) {
+        uint32_t skip = 0;
+        bool got = framing == Framing::EXACT_LENGTH ? read_exact_request(stream, &request, &skip)
+                                                    : read_pipe_request(stream, &request);
+        if (!got)
+            break;
+        uint32_t reply_length = 0;
+        submit_client_request(request.data(), static_cast<uint32_t>(request.size()), reply.data(),
+                              static_cast<uint32_t>(reply.size()), &reply_length, &agent_protocol,
+                              &forwarding_chain, connection);
+        wipe_memory(request.data(), request.size());
+        if (skip && !discard(stream, skip))
+            break;
+        if (reply_length && !stream->write_all(reply.data(), reply_length))
+            break;
+        wipe_memory(reply.data(), reply_length);
+    }
+    wipe_memory(request.data(), request.size());
+    agent_log("Connection shutdown (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
+    run_on_message_thread([connection] { forwarding_notice_connection_closed(connection); });
+}
+
+bool start_client_connection(std::unique_ptr<ClientStream> stream, Framing framing)
+{
+    Registry &state = registry();
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (state.open.size() >= AGENT_MAX_CONNECTIONS) {
+        agent_log("Refused a client: %d connections are open already", AGENT_MAX_CONNECTIONS);
+        return false;
+    }
+    uint64_t connection = state.next_connection++;
+    state.open[connection] = stream.get();
+    try {
+        std::thread(serve_and_unregister, std::move(stream), framing, connection).detach();
+        agent_log("Connection thread created.");
+        return true;
+    } catch (const std::system_error &) {
+        agent_log("Error creating connection thread.");
+        state.open.erase(connection);
+        return false;
+    }
+}
+
+void close_client_connections()
+{
+    Registry &state = registry();
+    std::unique_lock<std::mutex> guard(state.lock);
+    for (const auto &entry : state.open)
+        entry.second->interrupt();
+    // A connection waiting on a long request (a prompt for the user) is not
+    // waited for beyond this; it ends with the process.
+    state.ended.wait_for(guard, std::chrono::seconds(3), [&] { return state.open.empty(); });
+}
+
+int client_connection_count()
+{
+    Registry &state = registry();
+    std::lock_guard<std::mutex> guard(state.lock);
+    return static_cast<int>(state.open.size());
+}

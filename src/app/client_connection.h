@@ -1,0 +1,52 @@
+// Serving one client connection, the same for every transport: a shell
+// wraps its socket or pipe in a ClientStream and hands it over here.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+constexpr int AGENT_MAX_CONNECTIONS = 255;
+
+// A connected client's byte stream.
+class ClientStream {
+public:
+    virtual ~ClientStream() = default;
+    // Reads at most `size` bytes; 0 when the client closed or the read
+    // failed.
+    virtual size_t read_some(uint8_t *data, size_t size) = 0;
+    // Writes all bytes; false on failure.
+    virtual bool write_all(const uint8_t *data, size_t size) = 0;
+    // Called from another thread at shutdown: ends a read that blocks.
+    virtual void interrupt() = 0;
+    // The handle that the connection's log lines show.
+    virtual uint32_t log_handle() const = 0;
+};
+
+// How a connection's bytes are cut into requests.
+enum class Framing {
+    // The length prefix is read, then exactly that many bytes, so every
+    // well-formed request is answered; a request above the dispatcher's limit
+    // reaches it as its length and first body byte, and the rest is read and
+    // thrown away to keep the stream in step.
+    EXACT_LENGTH,
+    // Pipe reads of up to 131072 bytes; a read under 5 bytes gets one more
+    // read joined to it, and whatever came is one request.
+    PIPE_READS,
+};
+
+// Admits the connection and serves it on a thread of its own until the
+// client goes away. False (and the stream is dropped, closing it) when
+// AGENT_MAX_CONNECTIONS are open already or no thread could be started.
+bool start_client_connection(std::unique_ptr<ClientStream> stream, Framing framing);
+
+// Serves a connection on the calling thread, without the registry; for
+// transports that make their own threads.
+void serve_client_connection(ClientStream *stream, Framing framing, uint64_t connection);
+
+// Interrupts every open connection and waits (a few seconds at most) for
+// their threads to end.
+void close_client_connections();
+
+// Connections currently served.
+int client_connection_count();
