@@ -177,9 +177,7 @@ void enforce_reply_limit(RequestContext *ctx)
     reply_failure(ctx);
 }
 
-}  // namespace
-
-void dispatch_request(RequestContext *ctx)
+void dispatch_client_request(RequestContext *ctx)
 {
     remove_expired_identities();
 
@@ -225,4 +223,20 @@ void dispatch_request(RequestContext *ctx)
     dispatch_unlocked(ctx, number);
     enforce_reply_limit(ctx);
     agent_log("Done processing client request %s (%d)", request_name(static_cast<uint32_t>(number)), number);
+}
+
+}  // namespace
+
+void dispatch_request(RequestContext *ctx)
+{
+    // Bytes that no well-behaved client sends end this request and this
+    // client's connection; every other client goes on being served.
+    try {
+        ClientInputScope client_input;
+        dispatch_client_request(ctx);
+    } catch (const InputRejected &) {
+        buffer_clear_wipe(&ctx->request);
+        buffer_clear_wipe(&ctx->output);
+        ctx->drop_connection = true;
+    }
 }

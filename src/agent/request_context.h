@@ -17,4 +17,5 @@ struct RequestContext {
     int32_t agent_protocol = 0;     // 1 OpenSSH numbering, 2 version 2 numbering
     int32_t forwarding_chain = 0;   // forwarding notices seen on the connection
     uint64_t connection = 0;        // identifies the client connection
+    bool drop_connection = false;   // the client's bytes were rejected: close it
 };

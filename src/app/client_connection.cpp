@@ -27,10 +27,12 @@ struct Registry {
     uint64_t next_connection = 1;
 };
 
+// Never destroyed: a connection thread that outlives the shutdown wait
+// still finds it while the process exits.
 Registry &registry()
 {
-    static Registry state;
-    return state;
+    static Registry *state = new Registry;
+    return *state;
 }
 
 bool read_exact(ClientStream *stream, uint8_t *data, size_t size)
@@ -93,11 +95,9 @@ void serve_and_unregister(std::unique_ptr<ClientStream> stream, Framing framing,
 {
     serve_client_connection(stream.get(), framing, connection);
     Registry &state = registry();
-    {
-        std::lock_guard<std::mutex> guard(state.lock);
-        state.open.erase(connection);
-        stream.reset();
-    }
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.open.erase(connection);
+    stream.reset();
     state.ended.notify_all();
 }
 
@@ -118,10 +118,12 @@ void serve_client_connection(ClientStream *stream, Framing framing, uint64_t con
         if (!got)
             break;
         uint32_t reply_length = 0;
-        submit_client_request(request.data(), static_cast<uint32_t>(request.size()), reply.data(),
-                              static_cast<uint32_t>(reply.size()), &reply_length, &agent_protocol,
-                              &forwarding_chain, connection);
+        bool keep = submit_client_request(request.data(), static_cast<uint32_t>(request.size()), reply.data(),
+                                          static_cast<uint32_t>(reply.size()), &reply_length, &agent_protocol,
+                                          &forwarding_chain, connection);
         wipe_memory(request.data(), request.size());
+        if (!keep)
+            break;
         if (skip && !discard(stream, skip))
             break;
         if (reply_length && !stream->write_all(reply.data(), reply_length))

@@ -147,7 +147,7 @@ void message_processor_stop()
     state.reset();
 }
 
-void submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, uint32_t reply_capacity,
+bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, uint32_t reply_capacity,
                            uint32_t *reply_length, int32_t *agent_protocol, int32_t *forwarding_chain,
                            uint64_t connection)
 {
@@ -175,9 +175,11 @@ void submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, 
             *agent_protocol = ctx.agent_protocol;
         if (forwarding_chain)
             *forwarding_chain = ctx.forwarding_chain;
+        return !ctx.drop_connection;
     } catch (const FatalError &) {
         run_fatal_shutdown();
     }
+    return true;
 }
 
 void run_on_message_thread(const std::function<void()> &task)

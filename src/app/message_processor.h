@@ -13,8 +13,9 @@ void message_processor_stop();
 // copies the framed reply (at most `reply_capacity` bytes) into `reply`,
 // storing its length (0: nothing to send). `agent_protocol` and
 // `forwarding_chain` may be null; they carry the connection's saved values
-// in and out.
-void submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, uint32_t reply_capacity,
+// in and out. False when the client's bytes were rejected and its
+// connection is to be closed.
+bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, uint32_t reply_capacity,
                            uint32_t *reply_length, int32_t *agent_protocol, int32_t *forwarding_chain,
                            uint64_t connection);
 

@@ -248,7 +248,7 @@ SecureBytes buffer_get_string(Buffer *b, uint32_t *lenp)
 {
     uint32_t len = buffer_get_int(b);
     if (len > BUFFER_MAX_STRING)
-        fatal("buffer_get_string: bad string length %u", len);
+        fatal_input("buffer_get_string: bad string length %u", len);
     SecureBytes value(len, 0);
     if (len)
         buffer_get(b, value.data(), len);
@@ -294,9 +294,9 @@ int buffer_get_bignum(Buffer *b, BIGNUM *value)
     uint32_t bits = buffer_get_short(b);
     uint32_t bytes = (bits + 7) / 8;
     if (bytes > BUFFER_MAX_BIGNUM_BYTES)
-        fatal("buffer_get_bignum: cannot handle BN of size %d", static_cast<int>(bytes));
+        fatal_input("buffer_get_bignum: cannot handle BN of size %d", static_cast<int>(bytes));
     if (buffer_len(b) < bytes)
-        fatal("buffer_get_bignum: input buffer too small");
+        fatal_input("buffer_get_bignum: input buffer too small");
     BN_bin2bn(buffer_ptr(b), static_cast<int>(bytes), value);
     return buffer_consume(b, bytes);
 }
@@ -330,7 +330,7 @@ int buffer_get_bignum2(Buffer *b, BIGNUM *value)
     uint32_t len = 0;
     SecureBytes bytes = buffer_get_string(b, &len);
     if (len > BUFFER_MAX_BIGNUM_BYTES)
-        fatal("buffer_get_bignum2: cannot handle BN of size %d", static_cast<int>(len));
+        fatal_input("buffer_get_bignum2: cannot handle BN of size %d", static_cast<int>(len));
     return BN_bin2bn(bytes.data(), static_cast<int>(len), value) != nullptr ? 1 : 0;
 }
 

@@ -61,6 +61,15 @@ std::atomic<bool> fatal_cleanup_entered{false};
     throw FatalError(message);
 }
 
+[[noreturn]] void vfatal(const char *fmt, va_list args)
+{
+    char message[LOG_MESSAGE_MAX];
+    vsnprintf(message, sizeof message, fmt, args);
+    va_end(args);
+    do_log_text(SYSLOG_LEVEL_FATAL, message);
+    run_cleanups_and_raise(message);
+}
+
 const char *level_prefix(int level)
 {
     switch (level) {
@@ -155,13 +164,30 @@ DEFINE_LOG_WRAPPER(debug3, SYSLOG_LEVEL_DEBUG3)
 
 void fatal(const char *fmt, ...)
 {
-    char message[LOG_MESSAGE_MAX];
     va_list args;
     va_start(args, fmt);
+    vfatal(fmt, args);
+}
+
+namespace {
+thread_local bool reading_client_input = false;
+}  // namespace
+
+ClientInputScope::ClientInputScope() : outer_(reading_client_input) { reading_client_input = true; }
+
+ClientInputScope::~ClientInputScope() { reading_client_input = outer_; }
+
+void fatal_input(const char *fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    if (!reading_client_input)
+        vfatal(fmt, args);
+    char message[LOG_MESSAGE_MAX];
     vsnprintf(message, sizeof message, fmt, args);
     va_end(args);
-    do_log_text(SYSLOG_LEVEL_FATAL, message);
-    run_cleanups_and_raise(message);
+    do_log_text(SYSLOG_LEVEL_ERROR, message);
+    throw InputRejected(message);
 }
 
 int log_level_number(const char *name)

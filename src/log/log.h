@@ -28,6 +28,27 @@ public:
     explicit FatalError(const char *message) : std::runtime_error(message) {}
 };
 
+// Raised by fatal_input() for bad bytes from a client: it ends that request
+// and that client's connection, not the program.
+class InputRejected : public std::runtime_error {
+public:
+    explicit InputRejected(const char *message) : std::runtime_error(message) {}
+};
+
+// While one is alive on a thread, fatal_input() on that thread logs its text
+// at error level and raises InputRejected; elsewhere it is fatal(). The
+// dispatcher holds one while it handles a client's request.
+class ClientInputScope {
+public:
+    ClientInputScope();
+    ~ClientInputScope();
+    ClientInputScope(const ClientInputScope &) = delete;
+    ClientInputScope &operator=(const ClientInputScope &) = delete;
+
+private:
+    bool outer_;
+};
+
 void log_init(const char *name, int level, int facility, LogCallback callback = nullptr, void *context = nullptr);
 void log_set_callback(LogCallback callback, void *context);
 int log_level();
@@ -38,6 +59,9 @@ void do_log(int level, const char *fmt, va_list args) __attribute__((format(prin
 void do_log_text(int level, const char *text);
 
 [[noreturn]] void fatal(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// What reading bytes from outside finds impossible (over-long strings, big
+// numbers): see ClientInputScope.
+[[noreturn]] void fatal_input(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void logit(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void verbose(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

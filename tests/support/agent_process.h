@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -157,6 +158,24 @@ private:
     pid_t pid_ = -1;
     int exit_status_ = -1;
 };
+
+struct TagentRun {
+    int status;
+    std::string output;  // standard output and standard error
+};
+
+// Runs tagent against `agent` with `args`.
+inline TagentRun run_tagent(const AgentProcess &agent, std::vector<std::string> args)
+{
+    static std::atomic<int> n{0};
+    std::string out = (agent.root() / ("tagent-" + std::to_string(n++) + ".txt")).string();
+    args.insert(args.begin(), {TAGENT_PATH, "-a", agent.socket_path()});
+    pid_t pid = AgentProcess::spawn(args, out, out);
+    int status = AgentProcess::wait_exit(pid);
+    TagentRun run{status, AgentProcess::read_file(out)};
+    std::filesystem::remove(out);
+    return run;
+}
 
 // One client connection to an agent socket.
 class AgentClient {

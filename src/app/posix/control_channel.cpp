@@ -29,10 +29,12 @@ struct Subscribers {
     std::set<int> serving;         // clients whose request is being served
 };
 
+// Never destroyed: a control thread that outlives the shutdown wait still
+// finds it while the process exits.
 Subscribers &subscribers()
 {
-    static Subscribers state;
-    return state;
+    static Subscribers *state = new Subscribers;
+    return *state;
 }
 
 bool read_request(int fd, ControlRequest *request)
@@ -87,12 +89,10 @@ void serve_control_client(int fd)
 {
     bool subscribed = answer_control_request(fd);
     Subscribers &state = subscribers();
-    {
-        std::lock_guard<std::mutex> guard(state.lock);
-        state.serving.erase(fd);
-        if (!subscribed)
-            close(fd);
-    }
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.serving.erase(fd);
+    if (!subscribed)
+        close(fd);
     state.ended.notify_all();
 }
 

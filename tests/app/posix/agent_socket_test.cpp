@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "app/posix/control_client.h"
+#include "app/posix/unix_socket.h"
 #include "app/window_messages.h"
 #include "support/agent_process.h"
 
@@ -117,4 +118,44 @@ TEST(AgentSocket, ControlSocketAnswersAndStopsTheAgent)
     killer = AgentProcess::spawn({TKEYAGENT_PATH, "-k", "-a", agent.socket_path()}, out, out);
     EXPECT_EQ(AgentProcess::wait_exit(killer), 2);
     EXPECT_NE(AgentProcess::read_file(out).find("no agent is running"), std::string::npos);
+}
+
+// Bytes that the reading rules find impossible end only their own client's
+// connection, on every message that reads a string, locked or not.
+TEST(AgentSocket, HostileRequestsCloseOnlyTheirConnection)
+{
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    AgentClient bystander(agent.socket_path());
+    for (const char *hostile : {"0000000d 0d 7fffffff 00000000 00000000", "00000005 0d 7fffffff",
+                                "00000005 11 7fffffff", "00000005 ca 7fffffff", "00000005 99 7fffffff"}) {
+        AgentClient client(agent.socket_path());
+        EXPECT_EQ(client.request(hex_bytes(hostile)), Bytes()) << hostile;
+        EXPECT_EQ(client.request(frame(hex_bytes("d5"))), Bytes()) << "the connection stays open after " << hostile;
+        EXPECT_EQ(bystander.request(frame(hex_bytes("d5"))), hex_bytes("00000001 66"));
+    }
+    EXPECT_NE(agent.log_text().find("buffer_get_string: bad string length 2147483647"), std::string::npos);
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+// A control client that dribbles its request and a hundred agent clients
+// that send nothing or half a request hold up no new client.
+TEST(AgentSocket, SlowAndSilentClientsDelayNobody)
+{
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    int dribbler = unix_socket_connect((agent.root() / "run" / "control.sock").string());
+    ASSERT_GE(dribbler, 0);
+    ASSERT_EQ(write(dribbler, "\0", 1), 1);
+    std::vector<std::unique_ptr<AgentClient>> idle;
+    for (int i = 0; i < 100; ++i) {
+        idle.push_back(std::make_unique<AgentClient>(agent.socket_path()));
+        if (i % 2)
+            idle.back()->send_bytes(hex_bytes("00000010 0b"));
+    }
+    auto started = std::chrono::steady_clock::now();
+    AgentClient fresh(agent.socket_path());
+    EXPECT_EQ(fresh.request(frame(hex_bytes("d5"))), hex_bytes("00000001 66"));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
+    close(dribbler);
 }

@@ -4,26 +4,6 @@
 #include "support/agent_process.h"
 #include "support/tool_run.h"
 
-namespace {
-
-struct TagentRun {
-    int status;
-    std::string output;
-};
-
-TagentRun tagent(const AgentProcess &agent, std::vector<std::string> args)
-{
-    static int n = 0;
-    std::string out = (agent.root() / ("tagent-" + std::to_string(n++) + ".txt")).string();
-    args.insert(args.begin(), {TAGENT_PATH, "-a", agent.socket_path()});
-    pid_t pid = AgentProcess::spawn(args, out, out);
-    int status = AgentProcess::wait_exit(pid);
-    return {status, AgentProcess::read_file(out)};
-}
-
-
-}  // namespace
-
 TEST(Tagent, KeysSettingsAndLocking)
 {
     AgentProcess agent({"--empty-passphrase"});
@@ -31,52 +11,52 @@ TEST(Tagent, KeysSettingsAndLocking)
     std::string key = (agent.root() / "work_key").string();
     ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
 
-    TagentRun added = tagent(agent, {"add", key, "--name", "work", "--confirm"});
+    TagentRun added = run_tagent(agent, {"add", key, "--name", "work", "--confirm"});
     EXPECT_EQ(added.status, 0) << added.output;
-    EXPECT_EQ(tagent(agent, {"add", key, "--name", "work"}).output, "Already held: " + key + "\n");
+    EXPECT_EQ(run_tagent(agent, {"add", key, "--name", "work"}).output, "Already held: " + key + "\n");
 
     // The fingerprint is the one ssh-keygen shows.
     std::string expected = run_tool("ssh-keygen -l -E sha256 -f " + key + ".pub").output;
     std::string fingerprint = expected.substr(expected.find("SHA256:"), 50);
-    TagentRun listed = tagent(agent, {"list"});
+    TagentRun listed = run_tagent(agent, {"list"});
     EXPECT_EQ(listed.status, 0);
     EXPECT_EQ(listed.output.rfind("work  ECDSA 256  " + fingerprint.substr(0, fingerprint.find(' ')), 0), 0u)
         << listed.output;
 
     // export gives a block that OpenSSH imports as the same key.
-    TagentRun exported = tagent(agent, {"export", "work", "--comment", "for the server"});
+    TagentRun exported = run_tagent(agent, {"export", "work", "--comment", "for the server"});
     EXPECT_NE(exported.output.find("Comment: \"256-bit ECDSA, for the server\""), std::string::npos);
     std::ofstream(agent.root() / "work.secsh") << exported.output;
     std::string imported = run_tool("ssh-keygen -i -f " + (agent.root() / "work.secsh").string()).output;
     std::string pub = AgentProcess::read_file(key + ".pub");
     EXPECT_EQ(imported.substr(0, 60), pub.substr(0, 60));
 
-    TagentRun status = tagent(agent, {"status"});
+    TagentRun status = run_tagent(agent, {"status"});
     EXPECT_NE(status.output.find("state: unlocked"), std::string::npos);
     EXPECT_NE(status.output.find("identities: 1"), std::string::npos);
 
-    EXPECT_EQ(tagent(agent, {"set", "ConfirmKeyOp", "yes"}).output, "ConfirmKeyOp changed\n");
-    EXPECT_EQ(tagent(agent, {"set", "confirmkeyop", "YES"}).output, "confirmkeyop unchanged\n");
-    EXPECT_EQ(tagent(agent, {"set", "Nonsense", "yes"}).status, 2);
+    EXPECT_EQ(run_tagent(agent, {"set", "ConfirmKeyOp", "yes"}).output, "ConfirmKeyOp changed\n");
+    EXPECT_EQ(run_tagent(agent, {"set", "confirmkeyop", "YES"}).output, "confirmkeyop unchanged\n");
+    EXPECT_EQ(run_tagent(agent, {"set", "Nonsense", "yes"}).status, 2);
 
-    EXPECT_EQ(tagent(agent, {"lock"}).status, 0);
-    EXPECT_NE(tagent(agent, {"status"}).output.find("state: locked"), std::string::npos);
+    EXPECT_EQ(run_tagent(agent, {"lock"}).status, 0);
+    EXPECT_NE(run_tagent(agent, {"status"}).output.find("state: locked"), std::string::npos);
     std::string wrong = (agent.root() / "wrong.txt").string(), empty = (agent.root() / "empty.txt").string();
     std::ofstream(wrong) << "not it\n";
     std::ofstream(empty) << "\n";
-    EXPECT_EQ(tagent(agent, {"unlock", "--passphrase-file", wrong}).status, 1);
-    EXPECT_EQ(tagent(agent, {"unlock", "--passphrase-file", empty}).status, 0);
+    EXPECT_EQ(run_tagent(agent, {"unlock", "--passphrase-file", wrong}).status, 1);
+    EXPECT_EQ(run_tagent(agent, {"unlock", "--passphrase-file", empty}).status, 0);
 
-    EXPECT_EQ(tagent(agent, {"remove", "work"}).status, 0);
-    EXPECT_EQ(tagent(agent, {"remove", "work"}).status, 1);
-    EXPECT_EQ(tagent(agent, {"add", "/nonexistent"}).status, 1);
+    EXPECT_EQ(run_tagent(agent, {"remove", "work"}).status, 0);
+    EXPECT_EQ(run_tagent(agent, {"remove", "work"}).status, 1);
+    EXPECT_EQ(run_tagent(agent, {"add", "/nonexistent"}).status, 1);
 
-    EXPECT_EQ(tagent(agent, {"stop"}).status, 0);
+    EXPECT_EQ(run_tagent(agent, {"stop"}).status, 0);
     EXPECT_EQ(agent.wait_for_exit(), 0);
-    TagentRun gone = tagent(agent, {"status"});
+    TagentRun gone = run_tagent(agent, {"status"});
     EXPECT_EQ(gone.status, 2);
     EXPECT_NE(gone.output.find("no agent is reachable"), std::string::npos);
-    EXPECT_EQ(tagent(agent, {"frobnicate"}).status, 2);
+    EXPECT_EQ(run_tagent(agent, {"frobnicate"}).status, 2);
 }
 
 TEST(Tagent, WatchSeesChangesAndLocks)
@@ -87,15 +67,15 @@ TEST(Tagent, WatchSeesChangesAndLocks)
     pid_t watcher = AgentProcess::spawn({TAGENT_PATH, "-a", agent.socket_path(), "watch"}, out, out);
     // Wait until the subscription is in place: a lock must then be seen.
     for (int i = 0; i < 100 && AgentProcess::read_file(out).find("locked") == std::string::npos; ++i) {
-        tagent(agent, {"lock"});
+        run_tagent(agent, {"lock"});
         std::string empty = (agent.root() / "empty.txt").string();
         std::ofstream(empty) << "\n";
-        tagent(agent, {"unlock", "--passphrase-file", empty});
+        run_tagent(agent, {"unlock", "--passphrase-file", empty});
     }
     std::string key = (agent.root() / "k").string();
     ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
-    tagent(agent, {"add", key});
-    EXPECT_EQ(tagent(agent, {"stop"}).status, 0);
+    run_tagent(agent, {"add", key});
+    EXPECT_EQ(run_tagent(agent, {"stop"}).status, 0);
     EXPECT_EQ(AgentProcess::wait_exit(watcher), 0);
     std::string seen = AgentProcess::read_file(out);
     EXPECT_NE(seen.find("locked\n"), std::string::npos) << seen;
@@ -109,11 +89,11 @@ TEST(Tagent, ResetDestroysTheStoreAndStopsTheAgent)
     ASSERT_TRUE(agent.start());
     std::string key = (agent.root() / "k").string();
     ASSERT_EQ(system(("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).c_str()), 0);
-    ASSERT_EQ(tagent(agent, {"add", key}).status, 0);
+    ASSERT_EQ(run_tagent(agent, {"add", key}).status, 0);
     ASSERT_TRUE(std::filesystem::exists(agent.root() / "data" / "tAgentKeys"));
 
-    EXPECT_EQ(tagent(agent, {"reset"}).status, 2);  // needs --yes
-    EXPECT_EQ(tagent(agent, {"reset", "--yes"}).status, 0);
+    EXPECT_EQ(run_tagent(agent, {"reset"}).status, 2);  // needs --yes
+    EXPECT_EQ(run_tagent(agent, {"reset", "--yes"}).status, 0);
     EXPECT_EQ(agent.wait_for_exit(), 0);
     for (const char *file : {"tAgentKeys", "tAgentKeys.pub", "tAgent"})
         EXPECT_FALSE(std::filesystem::exists(agent.root() / "data" / file)) << file;

@@ -1,0 +1,87 @@
+// Several clients list and sign while tagent locks, unlocks, changes
+// settings and the agent passphrase: every reply is well-formed and right
+// for some state the agent was in. Built under ThreadSanitizer, this is the
+// check that the agent's state has one owner.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "support/agent_process.h"
+#include "support/tool_run.h"
+
+namespace {
+
+Bytes sign_request(const Bytes &blob)
+{
+    Buffer b;
+    buffer_put_char(&b, 13);
+    buffer_put_string(&b, blob.data(), static_cast<uint32_t>(blob.size()));
+    buffer_put_cstring(&b, "data to sign");
+    buffer_put_int(&b, 0);
+    return frame(buffer_bytes(b));
+}
+
+// A list answer holds no identity (locked) or the one key; a sign answer is
+// a signature (unlocked) or the locked agent's answer (170).
+int client_errors(const std::string &socket, const Bytes &blob, int rounds)
+{
+    AgentClient client(socket);
+    if (!client.connected())
+        return rounds;
+    int errors = 0;
+    for (int i = 0; i < rounds; ++i) {
+        Bytes list = client.request(frame(hex_bytes("0b")));
+        bool list_ok = list.size() >= 9 && list[4] == 12 && (list[8] == 0 || list[8] == 1);
+        Bytes signature = client.request(sign_request(blob));
+        bool sign_ok = signature.size() >= 5 && (signature[4] == 14 || signature == hex_bytes("00000001 aa"));
+        errors += !list_ok + !sign_ok;
+    }
+    return errors;
+}
+
+}  // namespace
+
+TEST(StateOwner, ClientsAndControlCommandsInterleave)
+{
+    AgentProcess agent({"--empty-passphrase"});
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    std::string key = (agent.root() / "key").string();
+    ASSERT_TRUE(make_ssh_keygen_key(key, "ecdsa"));
+    ASSERT_EQ(run_tagent(agent, {"add", key}).status, 0);
+    Bytes blob = public_line_blob(key + ".pub");
+
+    std::string first = (agent.root() / "first.txt").string(), second = (agent.root() / "second.txt").string();
+    std::ofstream(first) << "\n";
+    std::ofstream(second) << "second passphrase\n";
+
+    std::vector<int> errors(4, 0);
+    std::vector<std::thread> clients;
+    for (size_t i = 0; i < errors.size(); ++i)
+        clients.emplace_back([&, i] { errors[i] = client_errors(agent.socket_path(), blob, 150); });
+
+    int control_failures = 0;
+    std::string old_file = first, new_file = second;
+    for (int round = 0; round < 6; ++round) {
+        control_failures += run_tagent(agent, {"lock"}).status != 0;
+        control_failures += run_tagent(agent, {"unlock", "--passphrase-file", old_file}).status != 0;
+        control_failures += run_tagent(agent, {"set", "UseOnlySha1", round % 2 ? "no" : "yes"}).status != 0;
+        control_failures +=
+            run_tagent(agent, {"passphrase", "--old-file", old_file, "--new-file", new_file}).status != 0;
+        std::swap(old_file, new_file);
+    }
+    for (auto &client : clients)
+        client.join();
+
+    EXPECT_EQ(control_failures, 0);
+    for (int count : errors)
+        EXPECT_EQ(count, 0);
+    // The key store follows the last passphrase: a restart unlocks with it
+    // and signs.
+    agent.stop();
+    agent.set_extra_args({"--passphrase-file", old_file});
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    AgentClient client(agent.socket_path());
+    Bytes signature = client.request(sign_request(blob));
+    ASSERT_GE(signature.size(), 5u);
+    EXPECT_EQ(signature[4], 14) << agent.log_text();
+}
