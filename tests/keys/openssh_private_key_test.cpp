@@ -1,0 +1,89 @@
+// OpenSSH-format private key files as ssh-keygen writes them.
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+
+#include "keys/key_blob.h"
+#include "keys/openssh_private_key.h"
+#include "support/tool_run.h"
+
+namespace {
+
+OpensshKeyResult read_text(const std::string &text, OpensshPrivateKey *key, std::string *why)
+{
+    return openssh_private_key_read(text.data(), text.size(), key, why);
+}
+
+// The file's text with its decoded body changed by `change`.
+std::string altered(const std::string &file, void (*change)(Bytes *))
+{
+    std::string text = read_text_file(file), body;
+    size_t begin = text.find('\n') + 1, end = text.find("-----END");
+    for (char c : text.substr(begin, end - begin))
+        if (c != '\n')
+            body += c;
+    Bytes raw = base64_decode(body);
+    change(&raw);
+    std::string b64(4 * ((raw.size() + 2) / 3) + 1, '\0');
+    b64.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(b64.data()), raw.data(),
+                                                   static_cast<int>(raw.size()))));
+    return text.substr(0, begin) + b64 + "\n" + text.substr(end);
+}
+
+}  // namespace
+
+TEST(OpensshPrivateKey, ReadsEveryTypeSshKeygenWrites)
+{
+    TempFolder folder;
+    struct Case { const char *type; int bits; int key_type; };
+    for (const Case &c : {Case{"rsa", 2048, KEY_RSA}, Case{"dsa", 1024, KEY_DSA}, Case{"ecdsa", 256, KEY_ECDSA},
+                          Case{"ecdsa", 521, KEY_ECDSA}, Case{"ed25519", 256, KEY_ED25519}}) {
+        std::string file = folder.path(std::string(c.type) + std::to_string(c.bits));
+        SCOPED_TRACE(file);
+        ASSERT_EQ(run_tool("ssh-keygen -q -N '' -C 'my comment' -t " + std::string(c.type) + " -b " +
+                           std::to_string(c.bits) + " -f " + file).status, 0);
+        std::string text = read_text_file(file);
+        ASSERT_TRUE(openssh_private_key_present(text.data(), text.size()));
+        OpensshPrivateKey key;
+        std::string why;
+        ASSERT_EQ(read_text(text, &key, &why), OpensshKeyResult::ok) << why;
+        EXPECT_EQ(key.key->type, c.key_type);
+        EXPECT_EQ(key.comment, "my comment");
+        Bytes pub = public_line_blob(file + ".pub");
+        KeyPtr listed = key_from_blob(pub.data(), static_cast<uint32_t>(pub.size()));
+        EXPECT_NE(key_equal(key.key.get(), listed.get()), 0);
+    }
+}
+
+TEST(OpensshPrivateKey, EncryptedAndDamagedFilesAreRefusedWithTheirReason)
+{
+    TempFolder folder;
+    std::string plain = folder.path("plain"), locked = folder.path("locked");
+    ASSERT_EQ(run_tool("ssh-keygen -q -N '' -C abc -t ed25519 -f " + plain).status, 0);
+    ASSERT_EQ(run_tool("ssh-keygen -q -N secret -a 2 -t ed25519 -f " + locked).status, 0);
+    OpensshPrivateKey key;
+    std::string why;
+    EXPECT_EQ(read_text(read_text_file(locked), &key, &why), OpensshKeyResult::encrypted);
+    EXPECT_EQ(why, "encrypted with aes256-ctr");
+
+    // Offsets in an unencrypted Ed25519 file: magic 0-14, "none", "none",
+    // "" 15-34, count 35-38, public blob 39-93, private section length
+    // 94-97, check numbers 98-105, key type 106-120, public key 121-156.
+    struct Case { std::string text; const char *why; };
+    const Case cases[] = {
+        {"no key here", "no readable OpenSSH private key block"},
+        {altered(plain, [](Bytes *b) { (*b)[0] = 'O'; }),
+         "the OpenSSH private key block does not begin with its magic text"},
+        {altered(plain, [](Bytes *b) { (*b)[38] = 2; }), "the file holds 2 keys; only one is read"},
+        {altered(plain, [](Bytes *b) { (*b)[102] ^= 1; }), "the private section's check numbers differ"},
+        {altered(plain, [](Bytes *b) { (*b)[117] = 'x'; }), "key type \"ssh-ed2x519\" is not supported"},
+        {altered(plain, [](Bytes *b) { (*b)[93] ^= 1; }), "the public key does not match the private key"},
+        {altered(plain, [](Bytes *b) { (*b)[130] ^= 1; }), "the ssh-ed25519 private key fields are damaged"},
+        {altered(plain, [](Bytes *b) { b->back() ^= 0x40; }), "the private section's padding is damaged"},
+        {altered(plain, [](Bytes *b) { b->resize(120); }), "the OpenSSH private key is cut short"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(read_text(c.text, &key, &why), OpensshKeyResult::bad) << c.why;
+        EXPECT_EQ(why, c.why);
+    }
+}
