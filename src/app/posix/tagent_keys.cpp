@@ -107,8 +107,9 @@ PkeyPtr read_private_key(const std::string &path, std::string *why)
         }
     }
     BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    return PkeyPtr(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, password_callback, const_cast<char *>(path.c_str()))
-                       : nullptr);
+    if (!bio)
+        return nullptr;
+    return PkeyPtr(PEM_read_bio_PrivateKey(bio.get(), nullptr, password_callback, const_cast<char *>(path.c_str())));
 }
 
 // The public key of FILE: FILE.pub, FILE as a public key line, or the
