@@ -122,6 +122,12 @@ KeyPtr read_private_key(Buffer *b)
         return key_with_material(KEY_ECDSA, ecdsa_private_from_numbers(nid, point.data(), point.size(), scalar.get()),
                                  nid);
     }
+    case KEY_ED25519: {
+        SecureBytes public_key = buffer_get_string(b);
+        SecureBytes secret = buffer_get_string(b);
+        return key_with_material(KEY_ED25519, ed25519_private_from_bytes(public_key.data(), public_key.size(),
+                                                                          secret.data(), secret.size()));
+    }
     case KEY_X509_RSA:
     case KEY_X509_DSA:
     case KEY_X509_ECDSA: {

@@ -100,6 +100,16 @@ int plain_key_rule(Listing *l, Identity *identity, int local)
             break;
         written += offer_plain_key(l, identity, local, key_ssh_name(key));
         break;
+    case KEY_ED25519:
+        // Like ECDSA: no SHA-1 form to offer, and unknown to SunSSH.
+        if (l->server_kind == SERVER_KIND_SUNSSH || (!local && l->use_only_sha1))
+            break;
+        if (!crypto_fips_allows_ed25519()) {
+            agent_log("Not listing %s, Ed25519 signatures not allowed in FIPS mode.", key_ssh_name(key));
+            break;
+        }
+        written += offer_plain_key(l, identity, local, key_ssh_name(key));
+        break;
     default: break;
     }
     return written;

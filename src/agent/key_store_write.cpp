@@ -35,6 +35,7 @@ void append_private_record(Identity &identity, const char *password, uint64_t ge
     case KEY_RSA:
     case KEY_DSA:
     case KEY_ECDSA:
+    case KEY_ED25519:
         if (identity.stored_pem.empty() || identity.stored_pem_generation != generation) {
             identity.stored_pem_generation = 0;
             if (!private_key_pem_write(key, password, &identity.stored_pem))

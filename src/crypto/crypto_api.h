@@ -53,6 +53,10 @@ struct CryptoApi {
     // The CA chain of `cert`, the certificate itself first; the caller owns
     // the list and its references. Null when no chain can be built.
     STACK_OF(X509) *(*pki_ca_chain)(PkiObject *pki, X509 *cert);
+
+    // True when the library's FIPS implementation provides the signature
+    // algorithm `name` (a library name such as "ED25519").
+    int (*fips_provides_signature)(const char *name);
 };
 
 // The signature of the library's export.

@@ -17,3 +17,12 @@ bool crypto_fips_required()
 void crypto_fips_flag_set(bool enabled) { fips_flag = enabled; }
 
 bool crypto_fips_enabled() { return fips_flag.load() || crypto_fips_required(); }
+
+bool crypto_fips_allows_ed25519()
+{
+    if (!crypto_fips_enabled())
+        return true;
+    // A module built for an older table has no such entry: it provides none.
+    const CryptoApi *api = crypto_module_get();
+    return api && api->fips_provides_signature && api->fips_provides_signature("ED25519");
+}

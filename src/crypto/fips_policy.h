@@ -13,3 +13,7 @@ void crypto_fips_flag_set(bool enabled);
 // /proc/sys/crypto/fips_enabled reads 1 or the environment variable
 // TARNWELL_FIPS is 1. False while the module cannot be loaded.
 bool crypto_fips_required();
+
+// True unless FIPS rules apply and the crypto module's FIPS implementation
+// lacks Ed25519 signatures.
+bool crypto_fips_allows_ed25519();

@@ -2,6 +2,7 @@
 
 #include "crypto/dsa_signature.h"
 #include "crypto/ecdsa_signature.h"
+#include "crypto/ed25519_signature.h"
 #include "crypto/rsa_signature.h"
 #include "log/log.h"
 
@@ -25,6 +26,7 @@ int key_sign(PkiObject *pki, uint64_t parent_window, const Key *key, SecureBytes
     case KEY_ECDSA:
     case KEY_X509_ECDSA:
         return ssh_ecdsa_sign(key, sigp, data, datalen, compat);
+    case KEY_ED25519: return ssh_ed25519_sign(key, sigp, data, datalen);
     case KEY_X509_RSA:
     case KEY_X509_DSA:
         error("key_sign: certificate signatures are not supported for key type %d", key->type);
@@ -55,6 +57,7 @@ int key_verify(const Key *key, const uint8_t *signature, size_t signaturelen, co
         int ret = ssh_ecdsa_verify(key, signature, signaturelen, data, datalen, 0);
         return ret == 1 || ret == 0 ? ret : -1;
     }
+    case KEY_ED25519: return ssh_ed25519_verify(key, signature, signaturelen, data, datalen);
     case KEY_X509_RSA:
     case KEY_X509_DSA:
         error("key_verify: certificate verification is not supported for key type %d", key->type);

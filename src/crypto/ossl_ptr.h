@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
@@ -29,6 +30,7 @@ using EcPointPtr = OsslPtr<EC_POINT, EC_POINT_clear_free>;
 using ParamBldPtr = OsslPtr<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
 using ParamPtr = OsslPtr<OSSL_PARAM, OSSL_PARAM_free>;
 using X509Ptr = OsslPtr<X509, X509_free>;
+using BioPtr = OsslPtr<BIO, BIO_free_all>;
 
 inline void x509_stack_free(STACK_OF(X509) *stack) { sk_X509_pop_free(stack, X509_free); }
 using X509StackPtr = OsslPtr<STACK_OF(X509), x509_stack_free>;

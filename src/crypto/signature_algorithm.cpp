@@ -23,6 +23,8 @@ const SignatureAlgorithm rows[SIGNATURE_ALGORITHM_COUNT] = {
     {"x509v3-ecdsa-sha2-nistp256", "ecdsa-sha2-nistp256", "", NID_sha256},
     {"x509v3-ecdsa-sha2-nistp384", "ecdsa-sha2-nistp384", "", NID_sha384},
     {"x509v3-ecdsa-sha2-nistp521", "ecdsa-sha2-nistp521", "", NID_sha512},
+    // PureEdDSA: the data is signed whole, with no separate digest step.
+    {"ssh-ed25519", "ssh-ed25519", "ssh-ed25519", NID_undef},
 };
 
 template <class Column>

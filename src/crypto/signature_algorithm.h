@@ -14,7 +14,7 @@ struct SignatureAlgorithm {
 // The product's own alias of rsa-sha2-256.
 #define SSH_RSA_SHA256_VENDOR_ALIAS "ssh-rsa-sha2-256@tarnwell.com"
 
-constexpr size_t SIGNATURE_ALGORITHM_COUNT = 15;
+constexpr size_t SIGNATURE_ALGORITHM_COUNT = 16;
 
 // All rows, in lookup order.
 const SignatureAlgorithm *signature_algorithms();

@@ -39,6 +39,7 @@ KeyPtr key_new(int type)
     case KEY_DSA:
     case KEY_ECDSA:
     case KEY_X509_ECDSA:
+    case KEY_ED25519:
     case KEY_UNSPEC:
         break;
     default:
@@ -62,7 +63,7 @@ void key_free(Key *key)
 {
     if (!key)
         return;
-    if (key->type < KEY_RSA || (key->type > KEY_X509_ECDSA && key->type != KEY_UNSPEC))
+    if (key->type < KEY_RSA || (key->type > KEY_X509_ECDSA && key->type != KEY_UNSPEC && key->type != KEY_ED25519))
         error("key_free: bad key type %d", key->type);
     delete key;
 }
@@ -75,6 +76,7 @@ int key_equal(const Key *a, const Key *b)
     case KEY_RSA:
     case KEY_DSA:
     case KEY_ECDSA:
+    case KEY_ED25519:
         return a->pkey && b->pkey && EVP_PKEY_eq(a->pkey.get(), b->pkey.get()) == 1;
     case KEY_X509_RSA:
     case KEY_X509_DSA:
@@ -103,6 +105,7 @@ const char *key_type(const Key *key)
     case KEY_X509_DSA: return material ? "DSA+cert" : "X509(dsa)";
     case KEY_ECDSA: return "ECDSA";
     case KEY_X509_ECDSA: return material ? "ECDSA+cert" : "X509(ecdsa)";
+    case KEY_ED25519: return "ED25519";
     default: return "unknown";
     }
 }
@@ -132,6 +135,7 @@ const char *key_ssh_name(const Key *key)
         case KEY_NID_P521: return "x509v3-ecdsa-sha2-nistp521";
         default: return "ssh-unknown";
         }
+    case KEY_ED25519: return "ssh-ed25519";
     default: return "ssh-unknown";
     }
 }
@@ -166,6 +170,8 @@ int key_type_from_name(const char *name)
             return KEY_ECDSA;
         if (strncasecmp(name, "x509v3-ecdsa-sha2-", 18) == 0)
             return KEY_X509_ECDSA;
+        if (strcasecmp(name, "ssh-ed25519") == 0)
+            return KEY_ED25519;
         if (strcasecmp(name, "null") == 0)
             return KEY_NULL;
     }
@@ -181,13 +187,16 @@ int key_type_from_short_name(const char *name)
         return KEY_DSA;
     if (name && strcasecmp(name, "ecdsa") == 0)
         return KEY_ECDSA;
+    if (name && strcasecmp(name, "ed25519") == 0)
+        return KEY_ED25519;
     return KEY_UNSPEC;
 }
 
 KeyPtr key_from_private(const Key *key)
 {
     int material = key && key->pkey ? EVP_PKEY_get_base_id(key->pkey.get()) : EVP_PKEY_NONE;
-    if (material != EVP_PKEY_RSA && material != EVP_PKEY_DSA && material != EVP_PKEY_EC) {
+    if (material != EVP_PKEY_RSA && material != EVP_PKEY_DSA && material != EVP_PKEY_EC &&
+        material != EVP_PKEY_ED25519) {
         error("key_from_private: failed to extract public key, type=%d", key ? key->type : KEY_NULL);
         return nullptr;
     }

@@ -19,6 +19,8 @@ enum KeyType : int32_t {
     KEY_X509_ECDSA = 6,
     KEY_NULL = 7,
     KEY_UNSPEC = 8,
+    // Added after the original codes, which stay as they are.
+    KEY_ED25519 = 9,
 };
 
 // Where a certificate identity comes from.
@@ -57,7 +59,7 @@ struct KeyFree {
 };
 using KeyPtr = std::unique_ptr<Key, KeyFree>;
 
-// Types 1 to 6 and 8; any other type is fatal. Types 3 and 4 get an empty
+// Types 1 to 6, 8 and 9; any other type is fatal. Types 3 and 4 get an empty
 // certificate.
 KeyPtr key_new(int type);
 KeyPtr key_new_private(int type);
@@ -66,7 +68,7 @@ KeyPtr key_new_private(int type);
 // certificate identities: the same certificate public-key hash).
 int key_equal(const Key *a, const Key *b);
 
-// "RSA", "DSA", "ECDSA", "X509(rsa)" / "RSA+cert", ... , "unknown".
+// "RSA", "DSA", "ECDSA", "ED25519", "X509(rsa)" / "RSA+cert", ... , "unknown".
 const char *key_type(const Key *key);
 // The key's algorithm name: its own row's, else one by type.
 const char *key_ssh_name(const Key *key);
@@ -80,7 +82,8 @@ int key_type_from_short_name(const char *name);
 // A new key holding only the public half of `key`'s material.
 KeyPtr key_from_private(const Key *key);
 
-// A new private key: RSA or DSA of `bits`, ECDSA of 256, 384 or 521 bits.
+// A new private key: RSA or DSA of `bits`, ECDSA of 256, 384 or 521 bits,
+// Ed25519 (bits ignored).
 KeyPtr key_generate(int type, unsigned bits);
 
 // Curve tables: -1, null or 0 for anything not listed.
@@ -91,6 +94,10 @@ int key_ecdsa_bits_to_nid(int bits);
 int key_ecdsa_nid_to_bits(int nid);
 // The OpenSSL group name ("P-256", ...) of a curve nid; null if not listed.
 const char *key_curve_nid_to_group(int nid);
+
+// Size of an Ed25519 public key, private seed and signature.
+constexpr size_t ED25519_KEY_BYTES = 32;
+constexpr size_t ED25519_SIGNATURE_BYTES = 64;
 
 // The first string of a key blob; empty when the blob is null or empty.
 std::string key_blob_name(const uint8_t *blob, uint32_t len);

@@ -227,6 +227,16 @@ uint32_t key_to_blob(const Key *key, SecureBytes *blobp, uint32_t *lenp, const c
             return static_cast<uint32_t>(code);
         break;
     }
+    case KEY_ED25519: {
+        SecureBytes point = pkey_ed25519_public_bytes(key->pkey.get());
+        if (point.empty()) {
+            blob_error("key_to_blob: Ed25519 key without its public key.");
+            return 0;
+        }
+        buffer_put_cstring(&b, name);
+        buffer_put_string(&b, point.data(), static_cast<uint32_t>(point.size()));
+        break;
+    }
     case KEY_X509_RSA:
     case KEY_X509_DSA:
     case KEY_X509_ECDSA:
@@ -287,6 +297,18 @@ KeyPtr key_from_blob(const uint8_t *blob, uint32_t len, const char *plain_cert_n
         if (!key)
             return nullptr;
         break;
+    case KEY_ED25519: {
+        SecureBytes point = buffer_string_available(&b) ? buffer_get_string(&b) : SecureBytes();
+        PkeyPtr pkey = pkey_ed25519_from_public(point.data(), point.size());
+        if (!pkey) {
+            blob_error("key_from_blob: invalid Ed25519 key");
+            return nullptr;
+        }
+        key = key_new(KEY_ED25519);
+        key->sigalg = signature_algorithm_by_name(name.c_str());
+        key->pkey = std::move(pkey);
+        break;
+    }
     case KEY_UNSPEC:
         // Callers test the type: an unknown algorithm is not an error here.
         return key_new(KEY_UNSPEC);

@@ -81,6 +81,17 @@ PkeyPtr ecdsa_generate_private_key(unsigned bits, int *nid_out)
     return PkeyPtr(key);
 }
 
+PkeyPtr ed25519_generate_private_key()
+{
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_ED25519, nullptr));
+    EVP_PKEY *key = nullptr;
+    if (!ctx || EVP_PKEY_keygen_init(ctx.get()) <= 0 || EVP_PKEY_keygen(ctx.get(), &key) <= 0) {
+        generator_error("ed25519_generate_private_key: key generation failed.");
+        return nullptr;
+    }
+    return PkeyPtr(key);
+}
+
 }  // namespace
 
 KeyPtr key_generate(int type, unsigned bits)
@@ -96,6 +107,7 @@ KeyPtr key_generate(int type, unsigned bits)
             key->ecdsa_nid = nid;
         break;
     }
+    case KEY_ED25519: key->pkey = ed25519_generate_private_key(); break;
     default: error("key_generate: unknown type %d", type); break;
     }
     if (!key->pkey)

@@ -3,6 +3,8 @@
 #include <openssl/core_names.h>
 #include <openssl/objects.h>
 
+#include "keys/key.h"
+
 PkeyPtr pkey_from_params(const char *type_name, OSSL_PARAM_BLD *builder, int selection)
 {
     ParamPtr params(OSSL_PARAM_BLD_to_param(builder));
@@ -60,4 +62,21 @@ SecureBytes pkey_ec_public_octets(const EVP_PKEY *pkey)
         return {};
     octets.resize(len);
     return octets;
+}
+
+SecureBytes pkey_ed25519_public_bytes(const EVP_PKEY *pkey)
+{
+    SecureBytes bytes(ED25519_KEY_BYTES);
+    size_t len = bytes.size();
+    if (!pkey || EVP_PKEY_get_base_id(pkey) != EVP_PKEY_ED25519 ||
+        EVP_PKEY_get_raw_public_key(pkey, bytes.data(), &len) != 1 || len != ED25519_KEY_BYTES)
+        return {};
+    return bytes;
+}
+
+PkeyPtr pkey_ed25519_from_public(const uint8_t *bytes, size_t len)
+{
+    if (!bytes || len != ED25519_KEY_BYTES)
+        return nullptr;
+    return PkeyPtr(EVP_PKEY_new_raw_public_key_ex(nullptr, "ED25519", nullptr, bytes, len));
 }

@@ -20,3 +20,9 @@ int pkey_ec_curve_nid(const EVP_PKEY *pkey);
 
 // The encoded public point of an EC key, as the key holds it; empty if none.
 SecureBytes pkey_ec_public_octets(const EVP_PKEY *pkey);
+
+// The raw 32-byte public key of an Ed25519 key; empty for other keys.
+SecureBytes pkey_ed25519_public_bytes(const EVP_PKEY *pkey);
+
+// An Ed25519 public key from its raw bytes; null unless `len` is 32.
+PkeyPtr pkey_ed25519_from_public(const uint8_t *bytes, size_t len);

@@ -1,9 +1,11 @@
 #include "keys/private_key_material.h"
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
 
@@ -79,6 +81,19 @@ EVP_PKEY *ecdsa_private_from_numbers(int nid, const uint8_t *point, size_t point
     return key.release();
 }
 
+EVP_PKEY *ed25519_private_from_bytes(const uint8_t *public_key, size_t public_len, const uint8_t *secret,
+                                     size_t secret_len)
+{
+    if (public_len != ED25519_KEY_BYTES || secret_len != 2 * ED25519_KEY_BYTES ||
+        CRYPTO_memcmp(secret + ED25519_KEY_BYTES, public_key, ED25519_KEY_BYTES) != 0)
+        return nullptr;
+    PkeyPtr key(EVP_PKEY_new_raw_private_key_ex(nullptr, "ED25519", nullptr, secret, ED25519_KEY_BYTES));
+    SecureBytes derived = pkey_ed25519_public_bytes(key.get());
+    if (derived.size() != ED25519_KEY_BYTES || CRYPTO_memcmp(derived.data(), public_key, ED25519_KEY_BYTES) != 0)
+        return nullptr;
+    return key.release();
+}
+
 namespace {
 
 bool put_param(EVP_PKEY *key, const char *name, Buffer *b)
@@ -120,6 +135,19 @@ bool private_key_put_agent_fields(EVP_PKEY *key, Buffer *b)
         buffer_put_cstring(b, curve);
         buffer_put_string(b, point.data(), static_cast<uint32_t>(point.size()));
         return put_param(key, OSSL_PKEY_PARAM_PRIV_KEY, b);
+    }
+    if (EVP_PKEY_is_a(key, "ED25519")) {
+        SecureBytes pub = pkey_ed25519_public_bytes(key);
+        SecureBytes secret(2 * ED25519_KEY_BYTES);
+        size_t seed_len = ED25519_KEY_BYTES;
+        if (pub.empty() || EVP_PKEY_get_raw_private_key(key, secret.data(), &seed_len) != 1 ||
+            seed_len != ED25519_KEY_BYTES)
+            return false;
+        std::copy(pub.begin(), pub.end(), secret.begin() + ED25519_KEY_BYTES);
+        buffer_put_cstring(b, "ssh-ed25519");
+        buffer_put_string(b, pub.data(), static_cast<uint32_t>(pub.size()));
+        buffer_put_string(b, secret.data(), static_cast<uint32_t>(secret.size()));
+        return true;
     }
     return false;
 }

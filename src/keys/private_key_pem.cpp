@@ -13,11 +13,6 @@
 
 namespace {
 
-struct BioFree {
-    void operator()(BIO *bio) const { BIO_free(bio); }
-};
-using BioPtr = std::unique_ptr<BIO, BioFree>;
-
 // Hands the password to the library; never prompts, unlike its default.
 int password_callback(char *buf, int size, int, void *password)
 {
@@ -54,6 +49,7 @@ int key_type_of(const EVP_PKEY *pkey, int *nid)
     case EVP_PKEY_EC:
         *nid = pkey_ec_curve_nid(pkey);
         return key_ecdsa_nid_to_bits(*nid) > 0 ? KEY_ECDSA : KEY_UNSPEC;
+    case EVP_PKEY_ED25519: return KEY_ED25519;
     default: return KEY_UNSPEC;
     }
 }
@@ -63,7 +59,8 @@ int key_type_of(const EVP_PKEY *pkey, int *nid)
 bool private_key_pem_write(const Key *key, const char *password, SecretString *pem)
 {
     pem->wipe();
-    bool plain = key && (key->type == KEY_RSA || key->type == KEY_DSA || key->type == KEY_ECDSA);
+    bool plain = key && (key->type == KEY_RSA || key->type == KEY_DSA || key->type == KEY_ECDSA ||
+                         key->type == KEY_ED25519);
     if (!plain || !key->pkey) {
         error("private_key_pem_write: no private key to write");
         return false;

@@ -8,15 +8,15 @@
 #include "keys/key.h"
 #include "keys/secure_memory.h"
 
-// Writes the private half of an RSA, DSA or ECDSA key to `pem` (replacing
-// its contents). False, with an error line, when the key holds no private
+// Writes the private half of an RSA, DSA, ECDSA or Ed25519 key to `pem`
+// (replacing its contents). False, with an error line, when the key holds no private
 // material or the library refuses it.
 bool private_key_pem_write(const Key *key, const char *password, SecretString *pem);
 
 // Reads the first PEM private key in `text` (lines before its BEGIN line are
 // skipped). `*consumed` gets the length up to and including the END line's
 // line feed, or all of `len` when the block has no END line; `*block_start`
-// where its BEGIN line starts. Null when nothing readable of type RSA, DSA
-// or ECDSA was found (a wrong password included).
+// where its BEGIN line starts. Null when nothing readable of type RSA, DSA,
+// ECDSA or Ed25519 was found (a wrong password included).
 KeyPtr private_key_pem_read(const char *text, size_t len, const char *password, size_t *consumed,
                             size_t *block_start = nullptr);

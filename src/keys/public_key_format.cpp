@@ -140,7 +140,7 @@ int key_read_by_type(Key *key, int type, uint32_t cert_source, const char **line
     // Which fields must fit follows the blob's own name, not the type the
     // line claims: a damaged store may pair any name with any blob.
     int blob_type = key_type_from_name(key_blob_name(decoded.data(), static_cast<uint32_t>(len)).c_str());
-    bool plain = blob_type == KEY_RSA || blob_type == KEY_DSA || blob_type == KEY_ECDSA;
+    bool plain = blob_type == KEY_RSA || blob_type == KEY_DSA || blob_type == KEY_ECDSA || blob_type == KEY_ED25519;
     KeyPtr found;
     if (cert_source != CERT_SOURCE_NONE)
         found = certificate_by_reference(cert_source, decoded.data(), static_cast<size_t>(len));

@@ -4,6 +4,7 @@
 
 #include "agent/handlers.h"
 #include "agent/settings.h"
+#include "crypto/crypto_module.h"
 #include "keys/key_blob.h"
 #include "pki/agent_enum.h"
 #include "support/dispatch_helper.h"
@@ -121,6 +122,8 @@ TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
     Unlocked unlocked;
     add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "r");
     add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+    add_test_identity(key_generate(KEY_ED25519, 0), "ed", "d");
+    EXPECT_EQ(names(list("0b")).back(), "ssh-ed25519");
 
     set_use_only_sha1(1);
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"ssh-rsa"}));
@@ -129,8 +132,17 @@ TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
     setenv("TARNWELL_FIPS", "1", 1);
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ecdsa-sha2-nistp256"}));
     EXPECT_TRUE(log.contains("Not listing ssh-rsa, MD5 and SHA1 signatures not allowed in FIPS mode."));
+    // This library's FIPS implementation has no Ed25519: it is left out.
+    EXPECT_TRUE(log.contains("Not listing ssh-ed25519, Ed25519 signatures not allowed in FIPS mode."));
     // A local list still offers ssh-rsa.
     EXPECT_EQ(names(list("9b", 1, true)), (std::vector<std::string>{"ssh-rsa", "ecdsa-sha2-nistp256"}));
+
+    // A module whose FIPS implementation provides Ed25519 lists it.
+    CryptoApi api = *crypto_module_get();
+    api.fips_provides_signature = [](const char *name) { return std::string(name) == "ED25519" ? 1 : 0; };
+    crypto_module_replace_api(&api);
+    EXPECT_EQ(names(list("0b")).back(), "ssh-ed25519");
+    crypto_module_replace_api(nullptr);
 }
 
 TEST(IdentityListing, CertificatesFollowTheEnumerationMode)

@@ -54,7 +54,7 @@ std::optional<Signature> signature_of(const Bytes &reply)
     return s;
 }
 
-// Checks an RSA signature with OpenSSL alone.
+// Checks an RSA (or, with no digest, Ed25519) signature with OpenSSL alone.
 bool rsa_verifies(EVP_PKEY *key, const EVP_MD *md, const Bytes &signature)
 {
     EVP_MD_CTX *ctx = EVP_MD_CTX_new();
@@ -119,6 +119,14 @@ TEST(SigningRequests, FlagsChooseTheRsaAlgorithmAndEverySignatureVerifies)
     ASSERT_TRUE(ec_sig);
     EXPECT_EQ(ec_sig->name, "ecdsa-sha2-nistp384");
     EXPECT_TRUE(ecdsa_verifies(ec->key->pkey.get(), EVP_sha384(), ec_sig->bytes));
+
+    // Ed25519 signs the data whole (PureEdDSA).
+    Identity *ed = add_test_identity(key_generate(KEY_ED25519, 0), "ed", "id_ED25519_256");
+    auto ed_sig = signature_of(dispatch_bytes(sign_request(13, public_blob(ed->key.get()), 6)).reply);
+    ASSERT_TRUE(ed_sig);
+    EXPECT_EQ(ed_sig->name, "ssh-ed25519");
+    EXPECT_EQ(ed_sig->bytes.size(), 64u);
+    EXPECT_TRUE(rsa_verifies(ed->key->pkey.get(), nullptr, ed_sig->bytes));
 
     // An unknown key fails with the one-byte failure.
     KeyPtr stranger = key_generate(KEY_ECDSA, 256);

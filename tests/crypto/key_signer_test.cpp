@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "crypto/crypto_module.h"
 #include "crypto/key_signer.h"
 #include "crypto/signature_check.h"
 #include "support/fips_environment.h"
@@ -31,6 +32,7 @@ TEST(KeySigner, DispatchesByKeyType)
         {signing_key(KEY_DSA, 1024), "ssh-dss"},
         {signing_key(KEY_ECDSA, 256), "ecdsa-sha2-nistp256"},
         {std::move(identity), "ecdsa-sha2-nistp521"},
+        {signing_key(KEY_ED25519, 0), "ssh-ed25519"},
     };
     for (const auto &[key, name] : keys) {
         SCOPED_TRACE(name);
@@ -67,7 +69,20 @@ TEST(KeySigner, RefusalsAndErrors)
     EXPECT_EQ(verify(cert.get(), blob), -1);
 
     KeyPtr dsa = signing_key(KEY_DSA, 1024);
+    KeyPtr ed = signing_key(KEY_ED25519, 0);
+    SecureBytes ed_blob;
+    ASSERT_EQ(sign(ed.get(), &ed_blob), 0);
     FipsEnvironment fips;
     EXPECT_EQ(sign(dsa.get(), &none), 0);
     EXPECT_TRUE(none.empty());
+    // Ed25519 is used under the FIPS rules only when the module's FIPS
+    // implementation provides it (this library's has none); verifying stays.
+    EXPECT_EQ(sign(ed.get(), &none), -1);
+    EXPECT_TRUE(log.contains("ssh_ed25519_sign: FIPS does not allow Ed25519 keys"));
+    EXPECT_EQ(verify(ed.get(), ed_blob), 1);
+    CryptoApi api = *crypto_module_get();
+    api.fips_provides_signature = [](const char *) { return 1; };
+    crypto_module_replace_api(&api);
+    EXPECT_EQ(sign(ed.get(), &none), 0);
+    crypto_module_replace_api(nullptr);
 }

@@ -24,7 +24,10 @@ TEST(SignatureAlgorithmTable, LookupsByNameAndSignatureName)
     EXPECT_EQ(signature_algorithm_by_name("x509v3-rsa2048-sha256")->hash_nid, NID_sha256);
     EXPECT_STREQ(signature_algorithm_by_name("x509v3-rsa2048-sha256")->signature_name, "rsa2048-sha256");
     EXPECT_EQ(signature_algorithm_by_name("ecdsa-sha2-nistp521")->hash_nid, NID_sha512);
-    EXPECT_EQ(signature_algorithm_by_name("ssh-ed25519"), nullptr);
+    // Ed25519 has no separate digest step.
+    EXPECT_STREQ(signature_algorithm_by_name("SSH-ED25519")->base_name, "ssh-ed25519");
+    EXPECT_EQ(signature_algorithm_by_name("ssh-ed25519")->hash_nid, NID_undef);
+    EXPECT_EQ(signature_algorithm_by_name("ssh-ed448"), nullptr);
     EXPECT_EQ(signature_algorithm_by_name(nullptr), nullptr);
 
     // The signature name "ssh-rsa" belongs first to the plain row.

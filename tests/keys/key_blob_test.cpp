@@ -159,3 +159,18 @@ TEST(KeyBlob, WriterRefusals)
     EXPECT_TRUE(log.contains("key_to_blob: unsupported key type 8"));
     EXPECT_EQ(get_ec_from_blob(p256_point().data(), 65, nullptr, nullptr), 0);
 }
+
+TEST(KeyBlob, Ed25519LayoutAndRefusals)
+{
+    // The layout itself is checked against ssh-keygen's blobs.
+    LogCapture log;
+    Bytes blob = blob_of(key_generate(KEY_ED25519, 0).get(), "ssh-ed25519");
+    ASSERT_EQ(blob.size(), 19u + 32);
+    // A public key of any other length, or none at all, is refused.
+    for (size_t cut : {1u, 32u}) {
+        Bytes short_blob(blob.begin(), blob.end() - static_cast<long>(cut));
+        short_blob[18] = static_cast<uint8_t>(32 - cut);
+        EXPECT_EQ(read_blob(short_blob), nullptr) << cut;
+    }
+    EXPECT_TRUE(log.contains("key_from_blob: invalid Ed25519 key"));
+}

@@ -59,6 +59,7 @@ TEST(KeyDescription, TextsByType)
     EXPECT_EQ(key_description(key_generate(KEY_ECDSA, 256).get()), "ECDSA P256, " + user);
     EXPECT_EQ(key_description(key_generate(KEY_RSA, 2048).get()), "2048-bit RSA, " + user);
     EXPECT_EQ(key_description(key_generate(KEY_DSA, 1024).get()), "1024-bit DSA, " + user);
+    EXPECT_EQ(key_description(key_generate(KEY_ED25519, 0).get()), "256-bit ED25519, " + user);
     EXPECT_EQ(key_description(key_new(KEY_UNSPEC).get()), "");
     EXPECT_EQ(key_size(key_new(KEY_RSA).get()), 0u);
 }

@@ -4,6 +4,7 @@
 
 #include "crypto/signature_types.h"
 #include "keys/key.h"
+#include "keys/key_fingerprint.h"
 #include "support/bytes.h"
 #include "support/log_capture.h"
 
@@ -19,6 +20,7 @@ TEST(KeyNames, TypeCodesFromNames)
     EXPECT_EQ(key_type_from_name("x509v3-sign-dss"), KEY_X509_DSA);
     EXPECT_EQ(key_type_from_name("ecdsa-sha2-nistp999"), KEY_ECDSA);
     EXPECT_EQ(key_type_from_name("x509v3-ecdsa-sha2-nistp384"), KEY_X509_ECDSA);
+    EXPECT_EQ(key_type_from_name("SSH-ED25519"), KEY_ED25519);
     EXPECT_EQ(key_type_from_name("null"), KEY_NULL);
     EXPECT_EQ(key_type_from_name("ssh-foo"), KEY_UNSPEC);
     EXPECT_TRUE(log.contains("key_type_from_name: unknown key type 'ssh-foo'"));
@@ -26,6 +28,7 @@ TEST(KeyNames, TypeCodesFromNames)
     EXPECT_EQ(key_type_from_short_name("RSA"), KEY_RSA);
     EXPECT_EQ(key_type_from_short_name("dsa"), KEY_DSA);
     EXPECT_EQ(key_type_from_short_name("Ecdsa"), KEY_ECDSA);
+    EXPECT_EQ(key_type_from_short_name("Ed25519"), KEY_ED25519);
     EXPECT_EQ(key_type_from_short_name("ssh-rsa"), KEY_UNSPEC);
 }
 
@@ -66,6 +69,9 @@ TEST(KeyNames, ShortTypeNamesAndCurveTables)
     EXPECT_STREQ(key_type(key_new(KEY_X509_DSA).get()), "X509(dsa)");
     EXPECT_STREQ(key_type(key_new(KEY_X509_ECDSA).get()), "X509(ecdsa)");
     EXPECT_STREQ(key_type(key_new(KEY_ECDSA).get()), "ECDSA");
+    EXPECT_STREQ(key_type(key_new(KEY_ED25519).get()), "ED25519");
+    EXPECT_STREQ(key_ssh_name(key_new(KEY_ED25519).get()), "ssh-ed25519");
+    EXPECT_STREQ(key_blob_type_name(key_new(KEY_ED25519).get()), "ssh-ed25519");
     EXPECT_STREQ(key_type(key_new(KEY_UNSPEC).get()), "unknown");
 
     EXPECT_EQ(key_curve_name_to_nid("nistp384"), 715);
@@ -121,13 +127,13 @@ TEST(KeyObject, GeneratedKeysAndTheirPublicHalves)
 {
     struct Case { int type; unsigned bits; int nid; };
     for (Case c : {Case{KEY_RSA, 2048, -1}, Case{KEY_DSA, 1024, -1}, Case{KEY_ECDSA, 256, 415},
-                   Case{KEY_ECDSA, 384, 715}, Case{KEY_ECDSA, 521, 716}}) {
+                   Case{KEY_ECDSA, 384, 715}, Case{KEY_ECDSA, 521, 716}, Case{KEY_ED25519, 256, -1}}) {
         SCOPED_TRACE(c.bits);
         KeyPtr key = key_generate(c.type, c.bits);
         ASSERT_NE(key, nullptr);
         EXPECT_EQ(key->type, c.type);
         EXPECT_EQ(key->ecdsa_nid, c.nid);
-        EXPECT_EQ(EVP_PKEY_get_bits(key->pkey.get()), static_cast<int>(c.bits));
+        EXPECT_EQ(key_size(key.get()), c.bits);
 
         KeyPtr pub = key_from_private(key.get());
         ASSERT_NE(pub, nullptr);
@@ -139,6 +145,8 @@ TEST(KeyObject, GeneratedKeysAndTheirPublicHalves)
         const char *param = c.type == KEY_RSA ? OSSL_PKEY_PARAM_RSA_D : OSSL_PKEY_PARAM_PRIV_KEY;
         EXPECT_EQ(EVP_PKEY_get_bn_param(pub->pkey.get(), param, &secret), 0);
         BN_free(secret);
+        size_t seed_len = 0;
+        EXPECT_NE(EVP_PKEY_get_raw_private_key(pub->pkey.get(), nullptr, &seed_len), 1);
 
         KeyPtr other = key_generate(c.type, c.bits);
         EXPECT_EQ(key_equal(key.get(), other.get()), 0);

@@ -16,6 +16,7 @@ TEST(OpensshCompatibility, BlobsAndFingerprintsMatchSshKeygen)
         {"rsa", 1024, KEY_RSA},   {"rsa", 2048, KEY_RSA},     {"rsa", 3072, KEY_RSA},
         {"rsa", 4096, KEY_RSA},   {"rsa", 8192, KEY_RSA},     {"dsa", 1024, KEY_DSA},
         {"ecdsa", 256, KEY_ECDSA}, {"ecdsa", 384, KEY_ECDSA}, {"ecdsa", 521, KEY_ECDSA},
+        {"ed25519", 256, KEY_ED25519},
     };
     for (const Case &c : cases) {
         std::string file = folder.path(std::string(c.type) + std::to_string(c.bits));
@@ -54,7 +55,8 @@ TEST(OpensshCompatibility, GeneratedKeysReadBackBySshKeygen)
     // The other direction: blobs written here are keys ssh-keygen accepts
     // with the same fingerprint.
     TempFolder folder;
-    for (auto [type, bits] : {std::pair{KEY_RSA, 2048u}, std::pair{KEY_DSA, 1024u}, std::pair{KEY_ECDSA, 384u}}) {
+    for (auto [type, bits] : {std::pair{KEY_RSA, 2048u}, std::pair{KEY_DSA, 1024u}, std::pair{KEY_ECDSA, 384u},
+                              std::pair{KEY_ED25519, 256u}}) {
         KeyPtr key = key_generate(type, bits);
         ASSERT_NE(key, nullptr);
         SecureBytes blob;

@@ -6,6 +6,8 @@
 #include <openssl/dsa.h>
 #include <openssl/obj_mac.h>
 
+#include "keys/buffer.h"
+#include "keys/key.h"
 #include "keys/private_key_material.h"
 
 namespace {
@@ -94,4 +96,24 @@ TEST(PrivateKeyMaterial, RebuildsRsaDsaAndEcdsaKeysThatSign)
     EXPECT_TRUE(signs_for(dsa_rebuilt.get(), dsa.get()));
     for (BIGNUM *v : {dp, dq, dg, dy, dx})
         BN_free(v);
+}
+
+TEST(PrivateKeyMaterial, Ed25519FromOpensshFieldsAndBack)
+{
+    KeyPtr key = key_generate(KEY_ED25519, 0);
+    Buffer fields;
+    ASSERT_TRUE(private_key_put_agent_fields(key->pkey.get(), &fields));
+    EXPECT_EQ(buffer_get_string_text(&fields), "ssh-ed25519");
+    SecureBytes pub = buffer_get_string(&fields);
+    SecureBytes secret = buffer_get_string(&fields);
+    ASSERT_EQ(pub.size(), 32u);
+    ASSERT_EQ(secret.size(), 64u);
+    Pkey rebuilt(ed25519_private_from_bytes(pub.data(), pub.size(), secret.data(), secret.size()));
+    ASSERT_TRUE(rebuilt);
+    EXPECT_EQ(EVP_PKEY_eq(rebuilt.get(), key->pkey.get()), 1);
+
+    // Both copies of the public key must be the one the seed makes.
+    pub[0] ^= 1;
+    secret[32] ^= 1;
+    EXPECT_EQ(ed25519_private_from_bytes(pub.data(), pub.size(), secret.data(), secret.size()), nullptr);
 }

@@ -27,7 +27,7 @@ TEST(PrivateKeyPem, RoundTripsEachTypeUnderAPasswordAndWithout)
         unsigned bits;
     };
     for (Case c : {Case{KEY_RSA, 2048}, Case{KEY_DSA, 1024}, Case{KEY_ECDSA, 256}, Case{KEY_ECDSA, 384},
-                   Case{KEY_ECDSA, 521}}) {
+                   Case{KEY_ECDSA, 521}, Case{KEY_ED25519, 256}}) {
         SCOPED_TRACE(c.type * 1000 + c.bits);
         KeyPtr key = key_generate(c.type, c.bits);
         ASSERT_TRUE(key);
@@ -88,8 +88,8 @@ TEST(PrivateKeyPem, RefusesWhatIsNotAPrivateKeyOfAKnownType)
     EXPECT_TRUE(pem.empty());
     EXPECT_TRUE(log.contains("private_key_pem_write: cannot write the private key"));
 
-    // An Ed25519 key read from PEM has no type here.
-    EVP_PKEY *ed = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519");
+    // An Ed448 key read from PEM has no type here.
+    EVP_PKEY *ed = EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448");
     Key other;
     other.type = KEY_RSA;
     other.pkey.reset(ed);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <sstream>
 
@@ -18,6 +19,7 @@
 #include "crypto/ossl_ptr.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
+#include "keys/openssh_private_key.h"
 #include "keys/private_key_material.h"
 #include "keys/public_key_format.h"
 
@@ -83,15 +85,31 @@ int password_callback(char *buffer, int size, int, void *file)
     return static_cast<int>(pin->size());
 }
 
-// A PEM or PKCS#8 private key; its password is asked through pinentry.
-PkeyPtr read_private_key(const std::string &path)
+// A private key file: OpenSSH's own format when it is not encrypted, else
+// PEM or PKCS#8, whose password is asked through pinentry. Null with the
+// reason in `*why`.
+PkeyPtr read_private_key(const std::string &path, std::string *why)
 {
-    FILE *file = fopen(path.c_str(), "r");
-    if (!file)
+    std::ifstream in(path, std::ios::binary);
+    SecretString text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    *why = "cannot read a private key from " + path;
+    if (!in)
         return nullptr;
-    PkeyPtr key(PEM_read_PrivateKey(file, nullptr, password_callback, const_cast<char *>(path.c_str())));
-    fclose(file);
-    return key;
+    if (openssh_private_key_present(text.data(), text.size())) {
+        OpensshPrivateKey key;
+        std::string reason;
+        switch (openssh_private_key_read(text.data(), text.size(), &key, &reason)) {
+        case OpensshKeyResult::ok: return std::move(key.key->pkey);
+        case OpensshKeyResult::encrypted:
+            *why = path + " is an encrypted OpenSSH private key; add it with ssh-add, which decrypts it itself";
+            return nullptr;
+        case OpensshKeyResult::bad: *why = path + ": " + reason; return nullptr;
+        }
+    }
+    BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    if (!bio)
+        return nullptr;
+    return PkeyPtr(PEM_read_bio_PrivateKey(bio.get(), nullptr, password_callback, const_cast<char *>(path.c_str())));
 }
 
 // The public key of FILE: FILE.pub, FILE as a public key line, or the
@@ -108,7 +126,8 @@ KeyPtr read_public_key(const std::string &path)
                 return key;
         }
     }
-    PkeyPtr pkey = read_private_key(path);
+    std::string why;
+    PkeyPtr pkey = read_private_key(path, &why);
     if (!pkey)
         return nullptr;
     Buffer fields;
@@ -158,16 +177,17 @@ int tagent_add(const TagentContext &c, const std::vector<std::string> &args)
     auto file = operand(args, {"--name", "--lifetime"});
     if (!file)
         return tagent_usage_error("add needs a private key file");
-    PkeyPtr key = read_private_key(*file);
+    std::string why;
+    PkeyPtr key = read_private_key(*file, &why);
     if (!key) {
-        fprintf(stderr, "tagent: cannot read a private key from %s\n", file->c_str());
+        fprintf(stderr, "tagent: %s\n", why.c_str());
         return TAGENT_REFUSED;
     }
     auto name = tagent_option(args, "--name");
     Buffer body;
     buffer_put_char(&body, name ? SSH2_AGENTC_ZEM_ADD_IDENTITY : SSH2_AGENTC_ADD_ID_CONSTRAINED);
     if (!private_key_put_agent_fields(key.get(), &body)) {
-        fprintf(stderr, "tagent: %s holds a key type the agent does not take (RSA, DSA and ECDSA only)\n",
+        fprintf(stderr, "tagent: %s holds a key type the agent does not take (RSA, DSA, ECDSA and Ed25519 only)\n",
                 file->c_str());
         return TAGENT_REFUSED;
     }

@@ -81,3 +81,16 @@ int module_prng_status() { return RAND_status(); }
 const char *module_version_text() { return OpenSSL_version(OPENSSL_VERSION_STRING); }
 
 const char *module_version_detail() { return OpenSSL_version(OPENSSL_PLATFORM); }
+
+int module_fips_provides_signature(const char *name)
+{
+    if (!name)
+        return 0;
+    EVP_SIGNATURE *signature = EVP_SIGNATURE_fetch(nullptr, name, "fips=yes");
+    if (!signature) {
+        ERR_clear_error();
+        return 0;
+    }
+    EVP_SIGNATURE_free(signature);
+    return 1;
+}

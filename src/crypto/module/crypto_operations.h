@@ -12,6 +12,7 @@ int module_fips_set_by_policy();
 int module_prng_status();
 const char *module_version_text();
 const char *module_version_detail();
+int module_fips_provides_signature(const char *name);
 
 PkiObject *module_pki_new();
 void module_pki_delete(PkiObject *pki);

@@ -20,6 +20,7 @@ extern "C" __attribute__((visibility("default"))) const CryptoApi *GetCryptoApi(
         module_pki_initialize,
         module_pki_terminate,
         module_pki_ca_chain,
+        module_fips_provides_signature,
     };
     return &api;
 }

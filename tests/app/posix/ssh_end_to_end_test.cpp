@@ -30,8 +30,8 @@ std::string make_key(const AgentProcess &agent, const std::string &name, const s
     return path;
 }
 
-// An agent holding RSA, ECDSA (three curves) and DSA keys, and an sshd that
-// accepts them.
+// An agent holding RSA, ECDSA (three curves), DSA and Ed25519 keys, and an
+// sshd that accepts them.
 class SshEndToEnd : public ::testing::Test {
 protected:
     void SetUp() override
@@ -42,7 +42,7 @@ protected:
         std::string authorized;
         for (auto [name, type, bits] : std::vector<std::tuple<std::string, std::string, int>>{
                  {"rsa", "rsa", 3072}, {"p256", "ecdsa", 256}, {"p384", "ecdsa", 384}, {"p521", "ecdsa", 521},
-                 {"dsa", "dsa", 0}}) {
+                 {"dsa", "dsa", 0}, {"ed", "ed25519", 0}}) {
             std::string path = make_key(agent, name, type, bits);
             Outcome added = run(agent, {"/usr/bin/ssh-add", path});
             ASSERT_EQ(added.status, 0) << added.output;
@@ -83,6 +83,23 @@ TEST_F(SshEndToEnd, EveryKeyTypeLogsIn)
     }
     Outcome dsa = ssh("dsa", {"-o", "PubkeyAcceptedAlgorithms=+ssh-dss"}, "echo dsa-ok");
     EXPECT_EQ(dsa.status, 0) << dsa.output;
+    Outcome ed = ssh("ed", {}, "echo ed-ok");
+    EXPECT_EQ(ed.status, 0) << ed.output;
+    EXPECT_NE(ed.output.find("ed-ok"), std::string::npos);
+    EXPECT_NE(agent.log_text().find("Signing using key id_ED25519_256 (as type: ssh-ed25519,  hash: UNDEF)"),
+              std::string::npos);
+}
+
+TEST_F(SshEndToEnd, SshKeygenSignsFilesThroughTheAgent)
+{
+    // Given only the public key, ssh-keygen -Y sign has the agent sign.
+    std::string data = (agent.root() / "message.txt").string(), pub = (agent.root() / "ed.pub").string();
+    std::ofstream(data) << "signed through the agent\n";
+    Outcome signed_file = run(agent, {"/usr/bin/ssh-keygen", "-Y", "sign", "-n", "file", "-f", pub, data});
+    ASSERT_EQ(signed_file.status, 0) << signed_file.output;
+    Outcome checked = run(agent, {"/bin/sh", "-c", "ssh-keygen -Y check-novalidate -n file -s " + data + ".sig < " + data});
+    EXPECT_EQ(checked.status, 0) << checked.output;
+    EXPECT_NE(checked.output.find("Good \"file\" signature with ED25519 key"), std::string::npos) << checked.output;
 }
 
 TEST_F(SshEndToEnd, ForwardedAgentListsKeysOnTheFarSide)
@@ -128,6 +145,10 @@ for key in keys:
         public = paramiko.ECDSAKey(data=key.asbytes())
     elif name == "ssh-rsa":
         public = paramiko.RSAKey(data=key.asbytes())
+    elif name == "ssh-dss":
+        public = paramiko.DSSKey(data=key.asbytes())
+    elif name == "ssh-ed25519":
+        public = paramiko.Ed25519Key(data=key.asbytes())
     else:
         continue
     signature = paramiko.Message(key.sign_ssh_data(data))
@@ -135,7 +156,48 @@ for key in keys:
 )";
     Outcome paramiko = run(agent, {"/usr/bin/python3", script});
     EXPECT_EQ(paramiko.status, 0) << paramiko.output;
-    EXPECT_NE(paramiko.output.find("ecdsa-sha2-nistp521 verified"), std::string::npos) << paramiko.output;
-    EXPECT_NE(paramiko.output.find("ssh-rsa verified"), std::string::npos);
+    for (const char *name : {"ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521",
+                             "ssh-ed25519"})
+        EXPECT_NE(paramiko.output.find(std::string(name) + " verified"), std::string::npos) << paramiko.output;
     EXPECT_EQ(paramiko.output.find("FAILED"), std::string::npos);
+}
+
+TEST_F(SshEndToEnd, NodeSsh2ListsAndSignsWithEveryKeyType)
+{
+    if (system("command -v node > /dev/null") != 0)
+        GTEST_SKIP() << "node is not installed, so the ssh2 npm client cannot run";
+    // The project script installs ssh2 into the cache folder when missing.
+    const char *cache = getenv("XDG_CACHE_HOME");
+    std::string modules = (cache && *cache ? std::string(cache) : std::string(getenv("HOME")) + "/.cache") +
+                          "/tarnwell/node-clients";
+    ASSERT_EQ(system((std::string(TARNWELL_SOURCE_DIR) + "/scripts/install-node-clients " + modules).c_str()), 0);
+    std::string script = (agent.root() / "ssh2_check.js").string();
+    std::ofstream(script) << R"(
+const dir = process.argv[2] + '/node_modules/ssh2';
+const { OpenSSHAgent } = require(dir);
+const { sigSSHToASN1 } = require(dir + '/lib/protocol/utils.js');
+const agent = new OpenSSHAgent(process.env.SSH_AUTH_SOCK);
+const data = Buffer.from('data to be signed');
+agent.getIdentities((err, keys) => {
+  if (err) { console.log('FAILED to list:', err.message); process.exit(1); }
+  let pending = keys.length;
+  for (const key of keys) {
+    agent.sign(key, data, { hash: 'sha256' }, (err, sig) => {
+      if (err) {
+        console.log(key.type, 'FAILED to sign:', err.message);
+      } else {
+        const ok = key.verify(data, sigSSHToASN1(sig, key.type), key.type === 'ssh-rsa' ? 'sha256' : undefined);
+        console.log(key.type, ok === true ? 'verified' : 'FAILED');
+      }
+      if (--pending === 0) process.exit(0);
+    });
+  }
+});
+)";
+    Outcome node = run(agent, {"/usr/bin/env", "node", script, modules});
+    EXPECT_EQ(node.status, 0) << node.output;
+    for (const char *name : {"ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521",
+                             "ssh-ed25519"})
+        EXPECT_NE(node.output.find(std::string(name) + " verified"), std::string::npos) << node.output;
+    EXPECT_EQ(node.output.find("FAILED"), std::string::npos) << node.output;
 }
