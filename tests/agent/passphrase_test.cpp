@@ -77,7 +77,7 @@ TEST_F(Passphrase, ChangeNeedsTheOldPassphrase)
 TEST_F(Passphrase, DigestThatWouldReadBackShiftedIsNeverStored)
 {
     LogCapture log;
-    std::string bad = unstorable_passphrase();
+    std::string bad = search_passphrase();
     EXPECT_FALSE(agent_passphrase_storable(bad.c_str()));
     EXPECT_EQ(set_agent_passphrase(bad.c_str(), 0), 0);
     EXPECT_FALSE(agent_passphrase_is_set());
@@ -85,7 +85,7 @@ TEST_F(Passphrase, DigestThatWouldReadBackShiftedIsNeverStored)
     EXPECT_TRUE(log.contains("begins with a white-space byte"));
 
     ASSERT_EQ(set_agent_passphrase("old", 0), 1);
-    EXPECT_EQ(change_agent_passphrase("old", unstorable_passphrase(bad.size()).c_str(), 0), 0);
+    EXPECT_EQ(change_agent_passphrase("old", bad.c_str(), 0), 0);
     EXPECT_TRUE(log.contains("Change passphrase failed: this passphrase cannot be stored"));
     forget_agent_passphrase();
     read_agent_settings();

@@ -14,18 +14,10 @@ inline bool digest_starts_with_space(const std::string &passphrase)
     return digest[0] == ' ' || (digest[0] >= '\t' && digest[0] <= '\r');
 }
 
-// The first "candidate-N" (or the first after `after`) that is such a passphrase.
-inline std::string unstorable_passphrase(int after = -1)
-{
-    for (int i = after + 1;; ++i)
-        if (digest_starts_with_space("candidate-" + std::to_string(i)))
-            return "candidate-" + std::to_string(i);
-}
-
-// The first "candidate-N" that is storable.
-inline std::string storable_passphrase()
+// The first "candidate-N" whose digest does (or does not) begin so.
+inline std::string search_passphrase(bool starts_with_space = true)
 {
     for (int i = 0;; ++i)
-        if (!digest_starts_with_space("candidate-" + std::to_string(i)))
+        if (digest_starts_with_space("candidate-" + std::to_string(i)) == starts_with_space)
             return "candidate-" + std::to_string(i);
 }

@@ -144,8 +144,8 @@ TEST(KeyStoreRecovery, DamagedSettingsOrStoreLosesNoIntactKey)
 TEST(KeyStoreRecovery, PassphraseWhoseDigestReadsBackShiftedIsRefused)
 {
     AgentProcess agent;
-    std::string bad = write_text(agent, "bad.txt", unstorable_passphrase() + "\n");
-    std::string good = write_text(agent, "good.txt", storable_passphrase() + "\n");
+    std::string bad = write_text(agent, "bad.txt", search_passphrase() + "\n");
+    std::string good = write_text(agent, "good.txt", search_passphrase(false) + "\n");
     agent.set_extra_args({"--passphrase-file", bad});
     EXPECT_FALSE(agent.start());
     EXPECT_EQ(agent.exit_status(), 1);
