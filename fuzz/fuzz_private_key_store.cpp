@@ -1,8 +1,11 @@
 // Reads arbitrary bytes as a private key-store file, with the empty
 // passphrase, over a table that holds one identity loaded from the public
-// file. The identities read must form a consistent table of private keys.
+// file. The identities read must form a consistent table of private keys,
+// and each record that cannot be read is kept as a piece of the input (the
+// input also serves as the public file).
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "agent/identity_table.h"
 #include "agent/key_store.h"
@@ -25,7 +28,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     (void)quiet;
     identity_tables_init();
     identity_add(identity_table_for_version(2), make_identity_record(public_key(), std::string("saved"), 0, 0, 0));
-    read_private_key_store(reinterpret_cast<const char *>(data), size, "", 1);
+    std::string_view input(reinterpret_cast<const char *>(data), size);
+    read_private_key_store(input.data(), input.size(), "", 1, input);
+    size_t kept = 0;
+    for (const UnreadableRecord &record : unreadable_records()) {
+        kept += record.private_record.size();
+        if (record.private_record.empty() || input.find(record.private_record.c_str(), 0, record.private_record.size()) == std::string_view::npos ||
+            input.find(record.public_record) == std::string_view::npos)
+            __builtin_trap();
+    }
+    if (kept > size)
+        __builtin_trap();
     IdentityTable *table = identity_table_for_version(2);
     if (table->nentries != static_cast<int32_t>(table->identities.size()) || table->ncerts > table->nentries)
         __builtin_trap();
@@ -40,5 +53,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         first = false;
     }
     identity_tables_init();
+    unreadable_records().clear();
     return 0;
 }

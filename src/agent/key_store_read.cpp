@@ -12,6 +12,7 @@
 #include "keys/private_key_pem.h"
 #include "keys/public_key_format.h"
 #include "log/log.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -82,6 +83,63 @@ std::vector<std::optional<std::string>> take_comments(int version)
     return comments;
 }
 
+// One record of the private file as read under a password.
+struct PrivateRecord {
+    std::string name;
+    KeyPtr key;              // null when it could not be read
+    std::string_view block;  // the PEM block, when a key was read
+    std::string_view raw;    // the whole record, through its ending line feed
+};
+
+// Reads the next record; false at the end of the text.
+bool next_private_record(StoreText *in, const char *password, PrivateRecord *record)
+{
+    size_t start = in->pos;
+    if (!in->read_name_line(&record->name))
+        return false;
+    record->key.reset();
+    record->block = {};
+    size_t at = 0;
+    uint32_t location = find_cert_source_marker(record->name, &at);
+    if (location != CERT_SOURCE_NONE) {
+        record->name.resize(at);
+        std::string reference;
+        in->read_line(&reference);
+        record->key = certificate_from_reference(location, reference);
+    } else {
+        size_t consumed = 0, block_start = 0;
+        record->key = private_key_pem_read(in->rest(), in->rest_len(), password, &consumed, &block_start);
+        if (record->key)
+            record->block = std::string_view(in->rest() + block_start, consumed - block_start);
+        in->pos += consumed;
+    }
+    in->skip_line_feed();
+    record->raw = std::string_view(in->data + start, in->pos - start);
+    return true;
+}
+
+// The lines of the public file's record named `name`, or empty.
+std::string public_record_named(std::string_view public_text, const std::string &name)
+{
+    StoreText in{public_text.data(), public_text.size()};
+    std::string line, key_line;
+    for (size_t start = in.pos; in.read_name_line(&line); start = in.pos) {
+        in.read_line(&key_line);
+        if (line == name)
+            return std::string(public_text.substr(start, in.pos - start));
+    }
+    return {};
+}
+
+size_t public_only_identities()
+{
+    size_t n = 0;
+    for (int version : {1, 2})
+        for (const auto &identity : identity_table_for_version(version)->identities)
+            n += identity->public_only ? 1 : 0;
+    return n;
+}
+
 }  // namespace
 
 void read_public_key_store(const char *text, size_t len)
@@ -98,12 +156,16 @@ void read_public_key_store(const char *text, size_t len)
         if (*cursor == ' ')
             comment = std::string(cursor + 1);
         key->name = name;
-        identity_add(table, make_identity_record(std::move(key), std::move(comment), 0, 0, 0));
+        auto identity = make_identity_record(std::move(key), std::move(comment), 0, 0, 0);
+        identity->public_only = true;
+        identity_add(table, std::move(identity));
     }
 }
 
-void read_private_key_store(const char *text, size_t len, const char *password, uint64_t generation)
+void read_private_key_store(const char *text, size_t len, const char *password, uint64_t generation,
+                            std::string_view public_text)
 {
+    unreadable_records().clear();
     if (len == 0) {
         debug("No keys in the private key file");
         return;
@@ -116,40 +178,69 @@ void read_private_key_store(const char *text, size_t len, const char *password, 
 
     IdentityTable *table = identity_table_for_version(2);
     StoreText in{text, len};
-    std::string name;
-    while (in.read_name_line(&name)) {
-        KeyPtr key;
-        SecretString block;
-        size_t at = 0;
-        uint32_t location = find_cert_source_marker(name, &at);
-        if (location != CERT_SOURCE_NONE) {
-            name.resize(at);
-            std::string reference;
-            in.read_line(&reference);
-            key = certificate_from_reference(location, reference);
-        } else {
-            size_t consumed = 0, start = 0;
-            key = private_key_pem_read(in.rest(), in.rest_len(), password, &consumed, &start);
-            std::string_view found(in.rest() + start, consumed - start);
-            if (key && block_fits_password(found, password))
-                block.assign(found.data(), found.size());
-            in.pos += consumed;
+    PrivateRecord record;
+    while (next_private_record(&in, password, &record)) {
+        if (!record.key) {
+            UnreadableRecord kept;
+            kept.name = record.name;
+            kept.public_record = public_record_named(public_text, record.name);
+            kept.private_record.assign(record.raw.data(), record.raw.size());
+            unreadable_records().push_back(std::move(kept));
+            continue;
         }
-        if (key && !lookup_identity(key.get(), 2)) {
-            std::optional<std::string> comment;
-            if (next_comment < comments.size())
-                comment = comments[next_comment++];
-            key->name = name;
-            auto identity = make_identity_record(std::move(key), std::move(comment), 0, 0, 0);
-            if (!block.empty()) {
-                identity->stored_pem = std::move(block);
-                identity->stored_pem_generation = generation;
-            }
-            identity_add(table, std::move(identity));
+        if (lookup_identity(record.key.get(), 2))
+            continue;
+        std::optional<std::string> comment;
+        if (next_comment < comments.size())
+            comment = comments[next_comment++];
+        record.key->name = record.name;
+        auto identity = make_identity_record(std::move(record.key), std::move(comment), 0, 0, 0);
+        if (!record.block.empty() && block_fits_password(record.block, password)) {
+            identity->stored_pem.assign(record.block.data(), record.block.size());
+            identity->stored_pem_generation = generation;
         }
-        in.skip_line_feed();
+        identity_add(table, std::move(identity));
     }
 }
+
+std::vector<UnreadableRecord> &unreadable_records()
+{
+    static std::vector<UnreadableRecord> records;
+    return records;
+}
+
+size_t key_store_unreadable_count()
+{
+    return unreadable_records().size() + (agent_passphrase_held() ? public_only_identities() : 0);
+}
+
+bool key_store_password_opens(const char *password)
+{
+    bool ok = false;
+    SecureBytes data = read_whole_file(key_store_paths().private_file, &ok);
+    StoreText in{reinterpret_cast<const char *>(data.data()), data.size()};
+    PrivateRecord record;
+    while (ok && next_private_record(&in, password, &record))
+        if (record.key && !record.block.empty() && block_fits_password(record.block, password))
+            return true;
+    return false;
+}
+
+namespace {
+
+// Once per load, at error level: what could not be read, and where.
+void report_unreadable(const KeyStorePaths &paths, bool private_file_read)
+{
+    for (const UnreadableRecord &record : unreadable_records())
+        error("%s: the stored key \"%s\" cannot be read; it is kept as it stands", paths.private_file.c_str(),
+              record.name.c_str());
+    size_t public_only = public_only_identities();
+    if (!private_file_read && public_only > 0)
+        error("%s is %s but %s lists %zu keys: they stay listed and cannot sign", paths.private_file.c_str(),
+              platform_file_exists(paths.private_file) ? "empty" : "missing", paths.public_file.c_str(), public_only);
+}
+
+}  // namespace
 
 void load_public_key_store()
 {
@@ -173,10 +264,14 @@ void load_private_key_store()
     key_store_recover(paths);
     bool ok = false;
     SecureBytes data = read_whole_file(paths.private_file, &ok);
-    if (!ok) {
+    if (!ok)
         debug("Failed to open the private key file");
-        return;
+    else {
+        bool public_ok = false;
+        SecureBytes public_data = read_whole_file(paths.public_file, &public_ok);
+        read_private_key_store(reinterpret_cast<const char *>(data.data()), data.size(), password,
+                               agent_passphrase_generation(),
+                               std::string_view(reinterpret_cast<const char *>(public_data.data()), public_data.size()));
     }
-    read_private_key_store(reinterpret_cast<const char *>(data.data()), data.size(), password,
-                           agent_passphrase_generation());
+    report_unreadable(paths, ok && !data.empty());
 }

@@ -31,6 +31,8 @@ void append_public_record(const Identity &identity, std::string *out)
 void append_private_record(Identity &identity, const char *password, uint64_t generation, SecretString *out)
 {
     const Key *key = identity.key.get();
+    if (identity.public_only)
+        return;
     switch (key->type) {
     case KEY_RSA:
     case KEY_DSA:
@@ -61,25 +63,33 @@ void append_private_record(Identity &identity, const char *password, uint64_t ge
 
 }  // namespace
 
-void save_key_store_until(int last_step)
+void key_store_texts(const char *password, uint64_t generation, std::string *public_text, SecretString *private_text)
 {
-    KeyStorePaths paths = key_store_paths();
-    const char *password = agent_passphrase_text();
-    if (paths.private_fresh.empty() || password == nullptr)
-        return;
-    uint64_t generation = agent_passphrase_generation();
-    std::string public_text;
-    SecretString private_text;
     for (int version : {2, 1}) {
         for (auto &identity : identity_table_for_version(version)->identities) {
             if (identity->temporary || !identity->key)
                 continue;
             if (identity->key->name.empty())
                 identity->key->name = make_identity_name(identity->key.get());
-            append_public_record(*identity, &public_text);
-            append_private_record(*identity, password, generation, &private_text);
+            append_public_record(*identity, public_text);
+            append_private_record(*identity, password, generation, private_text);
         }
     }
+    for (const UnreadableRecord &record : unreadable_records()) {
+        *public_text += record.public_record;
+        private_text->append(record.private_record);
+    }
+}
+
+void save_key_store_until(int last_step)
+{
+    KeyStorePaths paths = key_store_paths();
+    const char *password = agent_passphrase_text();
+    if (paths.private_fresh.empty() || password == nullptr)
+        return;
+    std::string public_text;
+    SecretString private_text;
+    key_store_texts(password, agent_passphrase_generation(), &public_text, &private_text);
     key_store_replace(paths, public_text, private_text, last_step);
 }
 

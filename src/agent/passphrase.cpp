@@ -8,6 +8,7 @@
 #include "agent/data_folder.h"
 #include "agent/handlers.h"
 #include "agent/key_store.h"
+#include "agent/key_store_files.h"
 #include "agent/local_lock.h"
 #include "agent/settings.h"
 #include "agent/shell_services.h"
@@ -38,6 +39,26 @@ void hold_passphrase(const char *passphrase)
 }
 
 const char *or_empty(const char *text) { return text ? text : ""; }
+
+// The settings file has lost its digest but a key store exists: the
+// passphrase is proved by the store itself, and its digest written again.
+bool verify_against_key_store(const char *candidate)
+{
+    if (agent_passphrase_is_set() || !key_store_present(key_store_paths()) || !key_store_password_opens(candidate))
+        return false;
+    AgentSettings &settings = agent_settings();
+    if (agent_passphrase_storable(candidate)) {
+        agent_passphrase_digest(candidate, settings.passphrase_digest);
+        settings.AttemptEmpty = candidate[0] == '\0' ? 1 : 0;
+        write_agent_settings();
+        error("Agent passphrase proved by the key store; its digest is stored again in %s",
+              agent_data_path(AGENT_SETTINGS_FILE).c_str());
+    } else {
+        error("Agent passphrase proved by the key store, but %s cannot hold its digest; change the passphrase",
+              agent_data_path(AGENT_SETTINGS_FILE).c_str());
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -75,8 +96,21 @@ void forget_agent_passphrase()
     ++generation();
 }
 
+bool agent_passphrase_storable(const char *passphrase)
+{
+    uint8_t digest[AGENT_DIGEST_LENGTH];
+    agent_passphrase_digest(passphrase, digest);
+    bool storable = settings_digest_reads_back(digest);
+    wipe_memory(digest, sizeof digest);
+    return storable;
+}
+
 int set_agent_passphrase(const char *passphrase, uint32_t attempt_empty)
 {
+    if (!agent_passphrase_storable(passphrase)) {
+        error("%s", AGENT_PASSPHRASE_UNSTORABLE);
+        return 0;
+    }
     forget_agent_passphrase();
     hold_passphrase(or_empty(passphrase));
     agent_set_locked(false);
@@ -101,6 +135,7 @@ int verify_agent_passphrase(const char *passphrase)
     agent_passphrase_digest(candidate, digest);
     bool match = CRYPTO_memcmp(digest, agent_settings().passphrase_digest, AGENT_DIGEST_LENGTH) == 0;
     wipe_memory(digest, sizeof digest);
+    match = match || verify_against_key_store(candidate);
     if (match) {
         hold_passphrase(candidate);
         load_private_key_store();
@@ -110,13 +145,45 @@ int verify_agent_passphrase(const char *passphrase)
 
 int change_agent_passphrase(const char *old_passphrase, const char *new_passphrase, uint32_t attempt_empty)
 {
+    return change_agent_passphrase_until(old_passphrase, new_passphrase, attempt_empty, CHANGE_STEP_DONE);
+}
+
+int change_agent_passphrase_until(const char *old_passphrase, const char *new_passphrase, uint32_t attempt_empty,
+                                  int last_step)
+{
     if (!verify_agent_passphrase(old_passphrase)) {
         agent_log("Change passphrase failed: wrong passphrase");
         return 0;
     }
+    if (!agent_passphrase_storable(new_passphrase)) {
+        error("Change passphrase failed: %s", AGENT_PASSPHRASE_UNSTORABLE);
+        return 0;
+    }
     agent_local_unlock(old_passphrase);
-    set_agent_passphrase(new_passphrase, attempt_empty);
-    save_key_store();
+
+    // The settings file, the private file and the public file move to the
+    // new passphrase together: every key is encrypted under it into new
+    // files beside the old ones, and one rename commits all three.
+    KeyStorePaths paths = key_store_paths();
+    SecretString previous(or_empty(agent_passphrase_text()));
+    AgentSettings previous_settings = agent_settings();
+    hold_passphrase(or_empty(new_passphrase));
+    AgentSettings &settings = agent_settings();
+    agent_passphrase_digest(new_passphrase, settings.passphrase_digest);
+    settings.AttemptEmpty = attempt_empty;
+    if (!paths.private_fresh.empty()) {
+        std::string public_text;
+        SecretString private_text;
+        key_store_texts(agent_passphrase_text(), agent_passphrase_generation(), &public_text, &private_text);
+        if (!key_store_replace_with_settings(paths, public_text, private_text, format_agent_settings(settings),
+                                             last_step)) {
+            settings = previous_settings;
+            hold_passphrase(previous.c_str());
+            error("Change passphrase failed: cannot write the key store in %s", agent_data_folder().c_str());
+            return 0;
+        }
+    }
+    agent_log("Agent passphrase has been set");
     agent_log("Change passphrase succeeded");
     return 1;
 }

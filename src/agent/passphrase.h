@@ -16,17 +16,34 @@ const char *agent_passphrase_text();
 // that whatever was encrypted under an earlier one can be recognised.
 uint64_t agent_passphrase_generation();
 
+// Why a passphrase is refused by agent_passphrase_storable, for prompts and logs.
+constexpr const char *AGENT_PASSPHRASE_UNSTORABLE =
+    "this passphrase cannot be stored: its SHA-1 digest begins with a white-space byte, which the settings file "
+    "would read back shifted; choose another passphrase";
+// False for a passphrase whose digest the settings file would not read back
+// as written (about 1 in 43): storing it would lock the user out.
+bool agent_passphrase_storable(const char *passphrase);
+
 // Makes `passphrase` the agent passphrase: holds it, unlocks the agent and
-// stores its digest and `attempt_empty` as `AttemptEmpty`. Returns 1.
+// stores its digest and `attempt_empty` as `AttemptEmpty`. Returns 1, or 0
+// with nothing changed when the passphrase is not storable.
 int set_agent_passphrase(const char *passphrase, uint32_t attempt_empty);
 // Nonzero when `passphrase` is the agent passphrase. The first success of a
-// run holds it and loads the private key store.
+// run holds it and loads the private key store. While the settings file
+// holds no digest but a key store exists, a passphrase that decrypts a
+// stored key is the agent passphrase, and its digest is stored again.
 int verify_agent_passphrase(const char *passphrase);
 // Wipes and drops the held passphrase.
 void forget_agent_passphrase();
 // Unlocks with `old_passphrase`, sets the new one and rewrites the key store
-// under it. Returns 1, or 0 when `old_passphrase` is wrong.
+// under it, the settings file and both key-store files as one step (see
+// agent/key_store_files.h). Returns 1, or 0 when `old_passphrase` is wrong,
+// the new one is not storable or the files cannot be written.
 int change_agent_passphrase(const char *old_passphrase, const char *new_passphrase, uint32_t attempt_empty);
+// The same, stopping after the given PassphraseChangeStep as a kill at that
+// moment would.
+int change_agent_passphrase_until(const char *old_passphrase, const char *new_passphrase, uint32_t attempt_empty,
+                                  int last_step);
 // Destroys the key store and the settings file and asks the shell to stop.
 void reset_agent_data();
 

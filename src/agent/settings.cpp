@@ -6,6 +6,7 @@
 #include <string>
 
 #include "agent/data_folder.h"
+#include "agent/key_store_files.h"
 #include "log/agent_log.h"
 #include "platform/platform.h"
 
@@ -104,6 +105,20 @@ void apply_field(AgentSettings *settings, const SettingField &field, const std::
     }
 }
 
+SettingsFileState &file_state()
+{
+    static SettingsFileState state = SETTINGS_FILE_MISSING;
+    return state;
+}
+
+bool digest_is_zero(const uint8_t *digest)
+{
+    for (size_t i = 0; i < AGENT_DIGEST_LENGTH; ++i)
+        if (digest[i])
+            return false;
+    return true;
+}
+
 int change_flag(uint32_t AgentSettings::*field, uint32_t value)
 {
     AgentSettings &settings = agent_settings();
@@ -165,10 +180,32 @@ SecureBytes format_agent_settings(const AgentSettings &settings)
 
 void read_agent_settings()
 {
+    key_store_recover(key_store_paths());
     bool ok = false;
     SecureBytes data = read_whole_file(agent_data_path(AGENT_SETTINGS_FILE), &ok);
     agent_settings() = ok ? parse_agent_settings(data.data(), data.size()) : AgentSettings{};
+    if (!ok)
+        file_state() = SETTINGS_FILE_MISSING;
+    else if (data.empty())
+        file_state() = SETTINGS_FILE_EMPTY;
+    else
+        file_state() = digest_is_zero(agent_settings().passphrase_digest) ? SETTINGS_FILE_DAMAGED : SETTINGS_FILE_READ;
 }
+
+SettingsFileState agent_settings_file_state() { return file_state(); }
+
+const char *settings_file_state_text(SettingsFileState state)
+{
+    switch (state) {
+    case SETTINGS_FILE_READ: return "is read";
+    case SETTINGS_FILE_MISSING: return "is missing";
+    case SETTINGS_FILE_EMPTY: return "is empty";
+    case SETTINGS_FILE_DAMAGED: return "is damaged (no passphrase digest)";
+    }
+    return "is damaged";
+}
+
+bool settings_digest_reads_back(const uint8_t digest[AGENT_DIGEST_LENGTH]) { return !is_space(digest[0]); }
 
 void write_agent_settings()
 {

@@ -27,8 +27,26 @@ struct AgentSettings {
 // settings commands, which never run at the same time.
 AgentSettings &agent_settings();
 
-// Reads the file into the process-wide block; defaults when it cannot be read.
+// Reads the file into the process-wide block; defaults when it cannot be
+// read. First settles a save or change of passphrase that an earlier run
+// left unfinished, so that the digest read belongs with the key store.
 void read_agent_settings();
+
+// What the last read_agent_settings found, so that a lost digest is not
+// taken for a first run while a key store exists.
+enum SettingsFileState {
+    SETTINGS_FILE_READ,     // a digest was read
+    SETTINGS_FILE_MISSING,  // no file, or it cannot be opened
+    SETTINGS_FILE_EMPTY,
+    SETTINGS_FILE_DAMAGED,  // no "Passphrase" line with a digest
+};
+SettingsFileState agent_settings_file_state();
+// "is missing", "is empty" or "is damaged (no passphrase digest)".
+const char *settings_file_state_text(SettingsFileState state);
+
+// True when the reading rule gives `digest` back as it was written: a first
+// byte that is white space would be skipped and the digest read shifted.
+bool settings_digest_reads_back(const uint8_t digest[AGENT_DIGEST_LENGTH]);
 // Writes the process-wide block to the file, whole. Nothing is reported when
 // the file cannot be written.
 void write_agent_settings();

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "agent/handlers.h"
+#include "agent/key_store.h"
 #include "agent/local_lock.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
@@ -110,6 +111,8 @@ int64_t agent_window_message(uint32_t message, uint64_t wparam, uint64_t lparam,
     case WM_CLOSE_MESSAGE: shell_post_quit(); return 1;
     case WM_COMMAND_MESSAGE: return menu_command(static_cast<uint32_t>(wparam & 0xffff));
     case WM_REDRAW_TRAY_ICON: shell_redraw_tray(); return 0;
+    case WM_QUERY_UNREADABLE_RECORDS:
+        return on_message_thread<int64_t>([] { return static_cast<int64_t>(key_store_unreadable_count()); });
     case WM_QUERY_READY:
         agent_log("Key agent %s ready to create pipe connections.", agent_ready() ? "is" : "is NOT");
         return agent_ready() ? 1 : 0;

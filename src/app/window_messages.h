@@ -25,6 +25,9 @@ enum AgentWindowMessage : uint32_t {
     WM_CREATE_PIPE = 1034,
     WM_QUERY_READY = 1035,
     WM_SET_CREATE_LOG = 1036,
+    // Not a Windows message: the control socket's question how many stored
+    // records could not be read (tagent status).
+    WM_QUERY_UNREADABLE_RECORDS = 0x8001,
 };
 
 // Copy-data identifier of the change-passphrase record: the old passphrase

@@ -70,6 +70,22 @@ bool decrypts_with(const std::string &block, const char *password)
     return private_key_pem_read(block.data(), block.size(), password, &consumed) != nullptr;
 }
 
+// The loaded key signs, and the original key's public half verifies it.
+bool signs_like(const Key *loaded, const Key *original)
+{
+    const unsigned char message[] = "sign me";
+    unsigned char signature[1024];
+    size_t length = sizeof signature;
+    EVP_MD_CTX *sign = EVP_MD_CTX_new(), *check = EVP_MD_CTX_new();
+    bool ok = EVP_DigestSignInit(sign, nullptr, EVP_sha256(), nullptr, loaded->pkey.get()) == 1 &&
+              EVP_DigestSign(sign, signature, &length, message, sizeof message) == 1 &&
+              EVP_DigestVerifyInit(check, nullptr, EVP_sha256(), nullptr, original->pkey.get()) == 1 &&
+              EVP_DigestVerify(check, signature, length, message, sizeof message) == 1;
+    EVP_MD_CTX_free(sign);
+    EVP_MD_CTX_free(check);
+    return ok;
+}
+
 struct Listed {
     std::string name;
     std::string comment;
@@ -397,4 +413,48 @@ TEST_F(KeyStore, InterruptedSaveLeavesOldOrNewStore)
     save_key_store();
     restart_and_load();
     EXPECT_EQ(names_of(table_two()), (std::vector<std::string>{"two", "three"}));
+}
+
+// A change of passphrase stopped after each of its file steps, as a kill
+// would stop it, then a new start: the settings file accepts exactly one of
+// the two passphrases, and every stored key signs after unlocking with it.
+TEST_F(KeyStore, InterruptedPassphraseChangeKeepsEveryKeyUnderTheAcceptedPassphrase)
+{
+    for (int step = CHANGE_STEP_PRIVATE_WRITTEN; step <= CHANGE_STEP_DONE + 1; ++step) {
+        SCOPED_TRACE(step);
+        std::filesystem::remove_all(folder_);
+        std::filesystem::create_directories(folder_);
+        agent_settings() = AgentSettings{};
+        identity_tables_init();
+        set_agent_passphrase("old", 0);
+        add_test_identity(copy_key(0), "c1", "one");
+        add_test_identity(copy_key(2), "c2", "two");
+        save_key_store();
+        // One step past the end: the discarding of an uncommitted change
+        // cut short, with the settings' ".change" file left alone.
+        if (step > CHANGE_STEP_DONE) {
+            ASSERT_EQ(change_agent_passphrase_until("old", "new", 0, CHANGE_STEP_SETTINGS_WRITTEN), 1);
+            std::filesystem::remove(path("tAgentKeys.pub.new"));
+            std::filesystem::remove(path("tAgentKeys.new"));
+        } else {
+            ASSERT_EQ(change_agent_passphrase_until("old", "new", 0, step), 1);
+        }
+
+        forget_agent_passphrase();
+        identity_tables_init();
+        read_agent_settings();
+        load_public_key_store();
+        bool changed = step >= CHANGE_STEP_COMMITTED && step <= CHANGE_STEP_DONE;
+        EXPECT_EQ(verify_agent_passphrase(changed ? "old" : "new"), 0);
+        ASSERT_EQ(verify_agent_passphrase(changed ? "new" : "old"), 1);
+        std::vector<Listed> listed = table_two();
+        EXPECT_EQ(names_of(listed), (std::vector<std::string>{"one", "two"}));
+        EXPECT_EQ(listed.back().comment, "c2");
+        const auto &identities = identity_table_for_version(2)->identities;
+        ASSERT_EQ(identities.size(), 2u);
+        EXPECT_TRUE(signs_like(identities.front()->key.get(), sample_key(0)));
+        EXPECT_TRUE(signs_like(identities.back()->key.get(), sample_key(2)));
+        for (const char *left : {"tAgentKeys.new", "tAgentKeys.pub.new", "tAgent.change"})
+            EXPECT_FALSE(std::filesystem::exists(path(left))) << left;
+    }
 }

@@ -3,6 +3,7 @@
 #include "agent/key_store.h"
 #include "support/agent_state.h"
 #include "support/log_capture.h"
+#include "support/unstorable_passphrase.h"
 
 namespace {
 
@@ -69,6 +70,26 @@ TEST_F(Passphrase, ChangeNeedsTheOldPassphrase)
     forget_agent_passphrase();
     read_agent_settings();
     EXPECT_EQ(verify_agent_passphrase("new"), 1);
+}
+
+// Neither set nor change ever stores a digest that would read back shifted;
+// the passphrase in force stays.
+TEST_F(Passphrase, DigestThatWouldReadBackShiftedIsNeverStored)
+{
+    LogCapture log;
+    std::string bad = search_passphrase();
+    EXPECT_FALSE(agent_passphrase_storable(bad.c_str()));
+    EXPECT_EQ(set_agent_passphrase(bad.c_str(), 0), 0);
+    EXPECT_FALSE(agent_passphrase_is_set());
+    EXPECT_FALSE(agent_passphrase_held());
+    EXPECT_TRUE(log.contains("begins with a white-space byte"));
+
+    ASSERT_EQ(set_agent_passphrase("old", 0), 1);
+    EXPECT_EQ(change_agent_passphrase("old", bad.c_str(), 0), 0);
+    EXPECT_TRUE(log.contains("Change passphrase failed: this passphrase cannot be stored"));
+    forget_agent_passphrase();
+    read_agent_settings();
+    EXPECT_EQ(verify_agent_passphrase("old"), 1);
 }
 
 TEST_F(Passphrase, ResetDestroysTheFilesAndStopsTheAgent)

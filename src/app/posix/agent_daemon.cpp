@@ -269,6 +269,8 @@ int run_agent(const AgentOptions &options)
         instance_lock_release(&runtime.lock);
         return 1;
     }
+    if (!runtime.startup.notice.empty() && !options.debug)
+        fprintf(stderr, "tkeyagent: %s\n", runtime.startup.notice.c_str());
     runtime.listen_fd = unix_socket_listen(runtime.folders.agent_socket, &message);
     if (runtime.listen_fd >= 0)
         runtime.control_fd = unix_socket_listen(runtime.folders.control_socket, &message);

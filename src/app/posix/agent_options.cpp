@@ -5,7 +5,8 @@
 
 const char *const AGENT_USAGE =
     "usage: tkeyagent [-D | -d] [-s | -c] [-a PATH] [--data-dir DIR] [--log-dir DIR]\n"
-    "                 [--passphrase-file FILE | --empty-passphrase] [--owner N]\n"
+    "                 [--passphrase-file FILE | --empty-passphrase] [--start-over]\n"
+    "                 [--owner N]\n"
     "       tkeyagent -k [-a PATH]\n"
     "\n"
     "Tarnwell Key Agent: holds SSH private keys and answers SSH clients on a\n"
@@ -27,23 +28,30 @@ const char *const AGENT_USAGE =
     "                      with it (a wrong one leaves the agent locked)\n"
     "  --empty-passphrase  first run only: no agent passphrase; also switches the\n"
     "                      setting AttemptEmpty on, so later runs start unlocked\n"
+    "  --start-over        only when tAgent is missing or damaged while a key store\n"
+    "                      exists: renames tAgentKeys and tAgentKeys.pub aside (with\n"
+    "                      a time stamp, never deleted) and starts as a first run\n"
     "  --owner N           window handle of the launching client (logged only)\n"
     "  -h, --help          show this text\n"
     "\n"
     "A first run takes --passphrase-file or --empty-passphrase, else asks through\n"
     "pinentry ($TARNWELL_PINENTRY, else pinentry on the PATH); an empty entry,\n"
     "confirmed, means no passphrase. Later runs start locked unless AttemptEmpty\n"
-    "or --passphrase-file unlocks them.\n";
+    "or --passphrase-file unlocks them. When tAgent is missing or damaged but a key\n"
+    "store exists, the agent keeps the store, says so in its log and starts locked:\n"
+    "the old passphrase unlocks it (and is stored again), or --start-over sets the\n"
+    "store aside.\n";
 
 bool parse_agent_options(int argc, char **argv, AgentOptions *options, bool *help, std::string *message)
 {
-    enum { DATA_DIR = 1000, LOG_DIR, OWNER, PASSPHRASE_FILE, EMPTY_PASSPHRASE };
+    enum { DATA_DIR = 1000, LOG_DIR, OWNER, PASSPHRASE_FILE, EMPTY_PASSPHRASE, START_OVER };
     static const struct option long_options[] = {
         {"data-dir", required_argument, nullptr, DATA_DIR},
         {"log-dir", required_argument, nullptr, LOG_DIR},
         {"owner", required_argument, nullptr, OWNER},
         {"passphrase-file", required_argument, nullptr, PASSPHRASE_FILE},
         {"empty-passphrase", no_argument, nullptr, EMPTY_PASSPHRASE},
+        {"start-over", no_argument, nullptr, START_OVER},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -64,6 +72,7 @@ bool parse_agent_options(int argc, char **argv, AgentOptions *options, bool *hel
         case OWNER: options->owner = strtoll(optarg, nullptr, 10); break;
         case PASSPHRASE_FILE: options->passphrase_file = optarg; break;
         case EMPTY_PASSPHRASE: options->empty_passphrase = true; break;
+        case START_OVER: options->start_over = true; break;
         case 'h': *help = true; return true;
         default:
             *message = optopt ? std::string("unknown or incomplete option -") + static_cast<char>(optopt)

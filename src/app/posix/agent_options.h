@@ -14,6 +14,7 @@ struct AgentOptions {
     long long owner = 0;
     std::string passphrase_file;  // first run: sets it; later runs: unlocks
     bool empty_passphrase = false;  // first run: no passphrase, AttemptEmpty on
+    bool start_over = false;  // settings file lost: set the key store aside, first run
 };
 
 // Parses argv; on a usage error returns false with `message` set. Sets

@@ -3,15 +3,20 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
+#include "agent/data_folder.h"
 #include "agent/handlers.h"
 #include "agent/key_store.h"
+#include "agent/key_store_files.h"
 #include "agent/local_lock.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
 #include "app/posix/pinentry.h"
 #include "app/program_texts.h"
 #include "log/agent_log.h"
+#include "log/log.h"
+#include "platform/platform.h"
 
 bool read_passphrase_file(const std::string &path, SecretString *text, std::string *message)
 {
@@ -40,13 +45,21 @@ namespace {
 
 // The first-passphrase dialog through pinentry. An empty entry is the "no
 // passphrase" choice, which the user then confirms.
+// A passphrase that cannot be stored is refused and asked for again.
 bool ask_first_passphrase(StartupPassphrase *startup, std::string *message)
 {
     agent_log("Agent not initialized with passphrase yet");
     startup->announced = true;
-    auto pin = pinentry_get_pin({program_text(TEXT_FIRST_PASSPHRASE_DIALOG),
-                                 program_text(TEXT_FIRST_PASSPHRASE_DESCRIPTION),
-                                 program_text(TEXT_PASSPHRASE_PROMPT), program_text(TEXT_REPEAT_PASSPHRASE)});
+    std::string description = program_text(TEXT_FIRST_PASSPHRASE_DESCRIPTION);
+    std::optional<SecretString> pin;
+    for (;;) {
+        pin = pinentry_get_pin({program_text(TEXT_FIRST_PASSPHRASE_DIALOG), description,
+                                program_text(TEXT_PASSPHRASE_PROMPT), program_text(TEXT_REPEAT_PASSPHRASE)});
+        if (!pin || agent_passphrase_storable(pin->c_str()))
+            break;
+        error("%s", AGENT_PASSPHRASE_UNSTORABLE);
+        description = std::string(AGENT_PASSPHRASE_UNSTORABLE) + ".";
+    }
     bool chosen = pin.has_value();
     if (pin && pin->empty())
         chosen = startup->empty_choice = pinentry_confirm({program_text(TEXT_FIRST_PASSPHRASE_DIALOG),
@@ -64,18 +77,65 @@ bool ask_first_passphrase(StartupPassphrase *startup, std::string *message)
     return true;
 }
 
+// A local time stamp for the names of a store set aside.
+std::string time_stamp()
+{
+    LocalTime t = platform_local_time();
+    char text[32];
+    snprintf(text, sizeof text, "%04u%02u%02u-%02u%02u%02u", t.year, t.month, t.day, t.hour, t.minute, t.second);
+    return text;
+}
+
 }  // namespace
+
+bool startup_keep_or_set_aside_store(bool start_over, StartupPassphrase *startup, std::string *message)
+{
+    std::string settings = agent_data_path(AGENT_SETTINGS_FILE);
+    if (agent_passphrase_is_set()) {
+        if (start_over) {
+            *message = "--start-over: " + settings + " holds a passphrase digest, so there is nothing to start "
+                       "over; tagent reset destroys the store";
+            return false;
+        }
+        return true;
+    }
+    KeyStorePaths paths = key_store_paths();
+    if (!key_store_present(paths))
+        return true;
+    const char *problem = settings_file_state_text(agent_settings_file_state());
+    if (!start_over) {
+        startup->notice = settings + " " + problem + " but a key store exists in " + agent_data_folder() +
+                          ": it is kept; unlock with the old passphrase, or start tkeyagent with --start-over "
+                          "to set it aside";
+        startup->store_kept = true;
+    } else {
+        std::string suffix = "set-aside-" + time_stamp();
+        if (!key_store_set_aside(paths, suffix, message))
+            return false;
+        startup->notice = settings + " " + problem + ": the key store is set aside as " + paths.private_file + "." +
+                          suffix + " and " + paths.public_file + "." + suffix + "; starting over";
+    }
+    error("%s", startup->notice.c_str());
+    return true;
+}
 
 bool startup_passphrase_prepare(const AgentOptions &options, StartupPassphrase *startup, std::string *message)
 {
-    startup->first_run = !agent_passphrase_is_set();
+    if (!startup_keep_or_set_aside_store(options.start_over, startup, message))
+        return false;
+    startup->first_run = !agent_passphrase_is_set() && !startup->store_kept;
     startup->empty_choice = options.empty_passphrase;
     startup->from_file = !options.passphrase_file.empty();
     if (startup->first_run && !startup->from_file && !startup->empty_choice)
         return ask_first_passphrase(startup, message);
     // Read now: the agent leaves its working folder when it detaches.
-    if (startup->from_file)
-        return read_passphrase_file(options.passphrase_file, &startup->text, message);
+    if (startup->from_file && !read_passphrase_file(options.passphrase_file, &startup->text, message))
+        return false;
+    if (startup->first_run && startup->from_file && !agent_passphrase_storable(startup->text.c_str())) {
+        agent_log("Failed to initialize with the given passphrase");
+        *message = "the passphrase in " + options.passphrase_file + ": " + AGENT_PASSPHRASE_UNSTORABLE;
+        return false;
+    }
     return true;
 }
 
@@ -91,7 +151,9 @@ void startup_passphrase_apply(StartupPassphrase *startup)
         agent_log("Agent has a passphrase now");
     } else {
         load_public_key_store();
-        if (agent_settings().AttemptEmpty)
+        // A kept store without its digest that is not encrypted opens as
+        // the empty passphrase's store did.
+        if (agent_settings().AttemptEmpty || (startup->store_kept && key_store_password_opens("")))
             agent_local_unlock("");
         if (startup->from_file && agent_is_locked())
             agent_local_unlock(startup->text.c_str());

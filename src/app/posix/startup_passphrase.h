@@ -12,11 +12,21 @@ struct StartupPassphrase {
     bool from_file = false;   // --passphrase-file was given
     bool empty_choice = false;  // --empty-passphrase
     bool announced = false;   // the first-run line is logged already
+    bool store_kept = false;  // the settings file lost its digest; the store is kept
+    std::string notice;       // a line for the user's terminal (also logged)
     SecretString text;        // the file's first line, or the typed passphrase
 };
 
 // Reads the first line of `path` (without its line ending).
 bool read_passphrase_file(const std::string &path, SecretString *text, std::string *message);
+
+// The settings file holds no digest but a key store exists. Unless
+// `start_over` is set this is not a first run: the store is kept, one error
+// line says what is wrong, and the old passphrase unlocks (and is stored
+// again). With it the store is set aside, never deleted, and a first run
+// follows. False with `message` set when the store cannot be set aside, or
+// when `start_over` is given while the settings file is intact.
+bool startup_keep_or_set_aside_store(bool start_over, StartupPassphrase *startup, std::string *message);
 
 // Runs before the agent detaches, with the settings already read, so that a
 // start that cannot succeed is reported to the caller with exit status 1.

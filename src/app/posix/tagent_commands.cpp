@@ -9,6 +9,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include "agent/passphrase.h"
 #include "agent/protocol.h"
 #include "app/posix/agent_client.h"
 #include "app/posix/control_client.h"
@@ -25,7 +26,8 @@ const char *const TAGENT_USAGE =
     "Talks to the running Tarnwell Key Agent (the socket from -a, else\n"
     "$SSH_AUTH_SOCK, else the default runtime folder).\n"
     "\n"
-    "  status                         locked or unlocked, and how many identities\n"
+    "  status                         locked or unlocked, how many identities, and\n"
+    "                                 how many stored records could not be read\n"
     "  list                           each identity's name, type and bits, SHA-256\n"
     "                                 fingerprint and comment\n"
     "  add FILE [--name N] [--lifetime S] [--confirm] [--temporary]\n"
@@ -125,6 +127,11 @@ int cmd_status(const TagentContext &c, const std::vector<std::string> &)
     printf("state: %s\n", state == SSH_AGENT_ZEM_LOCKED ? "locked" : state == SSH_AGENT_ZEM_UNLOCKED ? "unlocked" : "unknown");
     if (code == SSH2_AGENT_IDENTITIES_ANSWER)
         printf("identities: %u\n", buffer_get_int(&list_reply));
+    int64_t unreadable = 0;
+    ControlRequest query;
+    query.message = WM_QUERY_UNREADABLE_RECORDS;
+    if (control_call(c.control_socket, query, &unreadable))
+        printf("unreadable stored records: %lld\n", static_cast<long long>(unreadable));
     return TAGENT_DONE;
 }
 
@@ -192,6 +199,15 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
     std::optional<SecretString> new_passphrase = SecretString();
     if (!empty)
         new_passphrase = passphrase_from(args, "--new-file", TEXT_FIRST_PASSPHRASE_DESCRIPTION);
+    // A passphrase the settings file would read back shifted is refused
+    // here, with the reason, and asked for again when it was typed.
+    while (new_passphrase && !agent_passphrase_storable(new_passphrase->c_str())) {
+        fprintf(stderr, "tagent: %s\n", AGENT_PASSPHRASE_UNSTORABLE);
+        if (tagent_option(args, "--new-file"))
+            return TAGENT_REFUSED;
+        new_passphrase = pinentry_get_pin({program_text(TEXT_APPLICATION_TITLE), AGENT_PASSPHRASE_UNSTORABLE,
+                                           program_text(TEXT_PASSPHRASE_PROMPT), ""});
+    }
     if (!new_passphrase)
         return TAGENT_REFUSED;
     if (old_passphrase->size() > 255 || new_passphrase->size() > 255)
