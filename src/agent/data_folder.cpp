@@ -21,8 +21,7 @@ std::string agent_data_path(const char *name)
     const std::string &folder = folder_storage();
     if (folder.empty())
         return {};
-    char separator = platform_path_separator();
-    return folder.back() == separator ? folder + name : folder + separator + name;
+    return platform_join_path(folder, name);
 }
 
 SecureBytes read_whole_file(const std::string &path, bool *ok)

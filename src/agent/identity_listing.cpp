@@ -120,15 +120,8 @@ int cert_as_key_rule(Listing *l, Identity *identity)
 {
     Key *key = identity->key.get();
     int saved = key->type;
-    switch (saved) {
-    case KEY_RSA:
-    case KEY_X509_RSA: key->type = KEY_RSA; break;
-    case KEY_DSA:
-    case KEY_X509_DSA: key->type = KEY_DSA; break;
-    case KEY_ECDSA:
-    case KEY_X509_ECDSA: key->type = KEY_ECDSA; break;
-    default: key->type = KEY_UNSPEC; break;
-    }
+    int plain = plain_key_type(saved);
+    key->type = plain == KEY_RSA || plain == KEY_DSA || plain == KEY_ECDSA ? plain : KEY_UNSPEC;
     int written = plain_key_rule(l, identity, 0);
     key->type = saved;
     return written;

@@ -115,12 +115,6 @@ const char *component_name(int component)
     }
 }
 
-std::string join_path(const std::string &folder, const char *name)
-{
-    if (folder.empty())
-        return name;
-    return folder.back() == platform_path_separator() ? folder + name : folder + platform_path_separator() + name;
-}
 
 }  // namespace
 
@@ -131,7 +125,7 @@ void log_file_configure(LogFileState *state, int component, const std::string &f
     state->append = false;
     std::string configured_path;
 
-    std::ifstream control(join_path(folder, "kvllog.ini"), std::ios::binary);
+    std::ifstream control(platform_join_path(folder, "kvllog.ini"), std::ios::binary);
     std::string line;
     while (control && std::getline(control, line)) {
         if (line.size() > 1023)
@@ -154,7 +148,7 @@ void log_file_configure(LogFileState *state, int component, const std::string &f
         }
     }
     state->enabled = state->forced;
-    state->path = configured_path.empty() ? join_path(folder, log_file_name_for_component(component))
+    state->path = configured_path.empty() ? platform_join_path(folder, log_file_name_for_component(component))
                                           : configured_path;
 }
 

@@ -57,4 +57,5 @@ uint64_t platform_tick_count();
 // The calling thread's identifier, as the log lines show it.
 uint32_t platform_thread_id();
 
-char platform_path_separator();
+// `name` in `folder` (just `name` when the folder is empty).
+std::string platform_join_path(const std::string &folder, const std::string &name);

@@ -22,9 +22,10 @@
 #include "app/posix/folders.h"
 #include "app/posix/pinentry.h"
 #include "app/posix/single_instance.h"
-#include "app/posix/startup_passphrase.h"
+#include "app/posix/first_passphrase_prompt.h"
 #include "app/posix/unix_socket.h"
 #include "app/program_texts.h"
+#include "app/startup_passphrase.h"
 #include "app/window_messages.h"
 #include "log/agent_log.h"
 #include "log/log.h"
@@ -264,7 +265,8 @@ int run_agent(const AgentOptions &options)
                           instance_lock_holder(runtime.folders.lock_file));
         return 0;
     }
-    if (!startup_passphrase_prepare(options, &runtime.startup, &message)) {
+    StartupChoice choice{options.start_over, options.empty_passphrase, options.passphrase_file};
+    if (!startup_passphrase_prepare(choice, ask_first_passphrase_through_pinentry, &runtime.startup, &message)) {
         fprintf(stderr, "tkeyagent: %s\n", message.c_str());
         instance_lock_release(&runtime.lock);
         return 1;

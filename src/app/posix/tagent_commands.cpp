@@ -17,6 +17,7 @@
 #include "app/posix/tagent_args.h"
 #include "app/posix/tagent_keys.h"
 #include "app/program_texts.h"
+#include "app/startup_passphrase.h"
 #include "app/window_messages.h"
 #include "platform/posix/fd_io.h"
 
@@ -51,33 +52,17 @@ const char *const TAGENT_USAGE =
 
 namespace {
 
-
-
-
-// First line of a file, without its line end.
-std::optional<SecretString> first_line(const std::string &path)
-{
-    std::ifstream in(path);
-    if (!in)
-        return std::nullopt;
-    std::string line;
-    std::getline(in, line);
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    SecretString result(line.c_str(), line.size());
-    wipe_memory(line.data(), line.size());
-    return result;
-}
-
 // The passphrase of --passphrase-file F (or `option`), else asked for.
 std::optional<SecretString> passphrase_from(const std::vector<std::string> &args, const char *option,
                                             int description)
 {
     if (auto file = tagent_option(args, option)) {
-        auto line = first_line(*file);
-        if (!line)
-            fprintf(stderr, "tagent: cannot read %s\n", file->c_str());
-        return line;
+        SecretString line;
+        std::string message;
+        if (read_passphrase_file(*file, &line, &message))
+            return line;
+        fprintf(stderr, "tagent: %s\n", message.c_str());
+        return std::nullopt;
     }
     auto pin = pinentry_get_pin({program_text(TEXT_APPLICATION_TITLE), program_text(description),
                                  program_text(TEXT_PASSPHRASE_PROMPT), ""});

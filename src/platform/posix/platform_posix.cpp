@@ -202,4 +202,9 @@ uint64_t platform_tick_count()
 
 uint32_t platform_thread_id() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
-char platform_path_separator() { return '/'; }
+std::string platform_join_path(const std::string &folder, const std::string &name)
+{
+    if (folder.empty())
+        return name;
+    return folder.back() == '/' ? folder + name : folder + '/' + name;
+}

@@ -1,9 +1,8 @@
-#include "app/posix/startup_passphrase.h"
+#include "app/startup_passphrase.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 
 #include "agent/data_folder.h"
 #include "agent/handlers.h"
@@ -12,8 +11,6 @@
 #include "agent/local_lock.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
-#include "app/posix/pinentry.h"
-#include "app/program_texts.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 #include "platform/platform.h"
@@ -42,40 +39,6 @@ bool read_passphrase_file(const std::string &path, SecretString *text, std::stri
 }
 
 namespace {
-
-// The first-passphrase dialog through pinentry. An empty entry is the "no
-// passphrase" choice, which the user then confirms.
-// A passphrase that cannot be stored is refused and asked for again.
-bool ask_first_passphrase(StartupPassphrase *startup, std::string *message)
-{
-    agent_log("Agent not initialized with passphrase yet");
-    startup->announced = true;
-    std::string description = program_text(TEXT_FIRST_PASSPHRASE_DESCRIPTION);
-    std::optional<SecretString> pin;
-    for (;;) {
-        pin = pinentry_get_pin({program_text(TEXT_FIRST_PASSPHRASE_DIALOG), description,
-                                program_text(TEXT_PASSPHRASE_PROMPT), program_text(TEXT_REPEAT_PASSPHRASE)});
-        if (!pin || agent_passphrase_storable(pin->c_str()))
-            break;
-        error("%s", AGENT_PASSPHRASE_UNSTORABLE);
-        description = std::string(AGENT_PASSPHRASE_UNSTORABLE) + ".";
-    }
-    bool chosen = pin.has_value();
-    if (pin && pin->empty())
-        chosen = startup->empty_choice = pinentry_confirm({program_text(TEXT_FIRST_PASSPHRASE_DIALOG),
-                                                           program_text(TEXT_NO_PASSPHRASE_CONFIRM), "", ""});
-    if (!chosen) {
-        agent_log("User cancelled agent passphrase initialization");
-        *message = "no agent passphrase was chosen; start tkeyagent with --passphrase-file FILE or "
-                   "--empty-passphrase, or answer the passphrase prompt";
-        return false;
-    }
-    if (!startup->empty_choice) {
-        startup->from_file = true;
-        startup->text = std::move(*pin);
-    }
-    return true;
-}
 
 // A local time stamp for the names of a store set aside.
 std::string time_stamp()
@@ -119,21 +82,32 @@ bool startup_keep_or_set_aside_store(bool start_over, StartupPassphrase *startup
     return true;
 }
 
-bool startup_passphrase_prepare(const AgentOptions &options, StartupPassphrase *startup, std::string *message)
+bool startup_passphrase_prepare(const StartupChoice &choice, FirstPassphrasePrompt ask_first,
+                                StartupPassphrase *startup, std::string *message)
 {
-    if (!startup_keep_or_set_aside_store(options.start_over, startup, message))
+    if (!startup_keep_or_set_aside_store(choice.start_over, startup, message))
         return false;
     startup->first_run = !agent_passphrase_is_set() && !startup->store_kept;
-    startup->empty_choice = options.empty_passphrase;
-    startup->from_file = !options.passphrase_file.empty();
-    if (startup->first_run && !startup->from_file && !startup->empty_choice)
-        return ask_first_passphrase(startup, message);
+    startup->empty_choice = choice.empty_passphrase;
+    startup->from_file = !choice.passphrase_file.empty();
+    if (startup->first_run && !startup->from_file && !startup->empty_choice) {
+        agent_log("Agent not initialized with passphrase yet");
+        startup->announced = true;
+        if (ask_first && ask_first(startup)) {
+            startup->from_file = !startup->empty_choice;
+            return true;
+        }
+        agent_log("User cancelled agent passphrase initialization");
+        *message = "no agent passphrase was chosen; start tkeyagent with --passphrase-file FILE or "
+                   "--empty-passphrase, or answer the passphrase prompt";
+        return false;
+    }
     // Read now: the agent leaves its working folder when it detaches.
-    if (startup->from_file && !read_passphrase_file(options.passphrase_file, &startup->text, message))
+    if (startup->from_file && !read_passphrase_file(choice.passphrase_file, &startup->text, message))
         return false;
     if (startup->first_run && startup->from_file && !agent_passphrase_storable(startup->text.c_str())) {
         agent_log("Failed to initialize with the given passphrase");
-        *message = "the passphrase in " + options.passphrase_file + ": " + AGENT_PASSPHRASE_UNSTORABLE;
+        *message = "the passphrase in " + choice.passphrase_file + ": " + AGENT_PASSPHRASE_UNSTORABLE;
         return false;
     }
     return true;

@@ -1,10 +1,10 @@
-// The agent passphrase at start-up: a first run sets it from a file or takes
-// the empty passphrase; later runs start locked and unlock when they can.
+// The agent passphrase at start-up, the same for every shell: a first run
+// sets it from a file, the shell's prompt or the empty passphrase; later
+// runs start locked and unlock when they can.
 #pragma once
 
 #include <string>
 
-#include "app/posix/agent_options.h"
 #include "keys/secure_memory.h"
 
 struct StartupPassphrase {
@@ -28,12 +28,23 @@ bool read_passphrase_file(const std::string &path, SecretString *text, std::stri
 // when `start_over` is given while the settings file is intact.
 bool startup_keep_or_set_aside_store(bool start_over, StartupPassphrase *startup, std::string *message);
 
-// Runs before the agent detaches, with the settings already read, so that a
-// start that cannot succeed is reported to the caller with exit status 1.
-// False with `message` set when the agent must not start.
-bool startup_passphrase_prepare(const AgentOptions &options, StartupPassphrase *startup, std::string *message);
+// What the user asked for on the command line.
+struct StartupChoice {
+    bool start_over = false;       // set an orphaned key store aside
+    bool empty_passphrase = false;  // a first run takes the empty passphrase
+    std::string passphrase_file;    // its first line sets or unlocks
+};
 
-// Runs once the message-processing thread is up: sets the passphrase on a
-// first run, else loads the public key store and unlocks with the empty
+// The shell's first-passphrase prompt: true with `startup->text` set, or
+// with `startup->empty_choice` set for "no passphrase"; false on cancel.
+using FirstPassphrasePrompt = bool (*)(StartupPassphrase *startup);
+
+// Runs with the settings already read and before the message-processing
+// thread starts, so that a start that cannot succeed is reported to the
+// caller. False with `message` set when the agent must not start.
+bool startup_passphrase_prepare(const StartupChoice &choice, FirstPassphrasePrompt ask_first,
+                                StartupPassphrase *startup, std::string *message);
+
+// Runs on the message-processing thread: sets the passphrase on a first run, else loads the public key store and unlocks with the empty
 // passphrase (`AttemptEmpty`) or the file's line.
 void startup_passphrase_apply(StartupPassphrase *startup);
