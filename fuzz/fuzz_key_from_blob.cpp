@@ -5,26 +5,20 @@
 #include <cstdint>
 
 #include "keys/key_blob.h"
-#include "log/log.h"
+#include "fuzz_input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static bool quiet = (log_init("fuzz", 0, 1), true);
-    (void)quiet;
-    if (size > 0x50000)
-        return 0;
-    try {
+    return fuzz_one_input(data, size, [](const uint8_t *data, size_t size) {
         KeyPtr key = key_from_blob(data, static_cast<uint32_t>(size), "x509v3-sign-rsa");
         if (!key || key->type == KEY_UNSPEC || !key->pkey)
-            return 0;
+            return;
         SecureBytes blob;
         uint32_t len = key_to_blob(key.get(), &blob, nullptr, key_ssh_name(key.get()));
         if (len == 0 || blob.empty())
-            return 0;
+            return;
         KeyPtr again = key_from_blob(blob.data(), len);
         if (!again || !key_equal(key.get(), again.get()))
             __builtin_trap();
-    } catch (const FatalError &) {
-    }
-    return 0;
+    });
 }
