@@ -13,6 +13,7 @@
 #include "app/window_messages.h"
 #include "log/agent_log.h"
 #include "log/log.h"
+#include "pki/cert_store.h"
 #include "platform/platform.h"
 
 namespace {
@@ -116,6 +117,7 @@ int change_agent_passphrase(const char *old_passphrase, const char *new_passphra
     }
     agent_local_unlock(old_passphrase);
     set_agent_passphrase(new_passphrase, attempt_empty);
+    cert_store_reencrypt(cert_store_folder(), old_passphrase, new_passphrase);
     save_key_store();
     agent_log("Change passphrase succeeded");
     return 1;
