@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include "crypto/fips_policy.h"
 #include "log/log.h"
 #include "pki/cert_providers.h"
 
@@ -47,6 +48,24 @@ const CertProvider *cert_provider_for(uint32_t location)
     return default_provider(location);
 }
 
+// The FIPS key check of certificate identities (no legacy lengths).
+bool fips_acceptable(const Key *key)
+{
+    if (!crypto_fips_enabled())
+        return true;
+    int bits = EVP_PKEY_get_bits(key->pkey.get());
+    if (key->type == KEY_X509_DSA) {
+        error("In FIPS mode, DSA keys are not supported.");
+        return false;
+    }
+    if (key->type == KEY_X509_RSA && bits != 2048 && bits != 3072 && bits != 4096 && bits != 8192) {
+        error("Invalid key length %lu. In FIPS mode, RSA key length must be %s2048, 3072, 4096 or 8192.",
+              static_cast<unsigned long>(bits), "");
+        return false;
+    }
+    return true;
+}
+
 KeyPtr cert_identity_lookup(uint32_t location, const std::string &identifier)
 {
     const CertProvider *provider = cert_provider_for(location);
@@ -54,7 +73,8 @@ KeyPtr cert_identity_lookup(uint32_t location, const std::string &identifier)
         error("cert_identity_lookup: unknown certificate location %u", location);
         return nullptr;
     }
-    return provider->lookup(identifier);
+    KeyPtr key = provider->lookup(identifier);
+    return key && fips_acceptable(key.get()) ? std::move(key) : nullptr;
 }
 
 KeyPtr cert_identity_from_reference(uint32_t location, const std::string &line)

@@ -192,6 +192,8 @@ CertDigestSigner software_digest_signer(PkeyPtr key)
     std::shared_ptr<EVP_PKEY> owned(key.release(), EVP_PKEY_free);
     return [owned](int hash_nid, const uint8_t *digest, size_t len, SignPromptCallback, SecureBytes *raw) {
         SignatureDigest d;
+        if (len > sizeof d.bytes)
+            return false;
         memcpy(d.bytes, digest, len);
         d.len = static_cast<unsigned>(len);
         const EVP_MD *md = EVP_get_digestbynid(hash_nid);

@@ -57,6 +57,7 @@ struct Pkcs11Test : AgentStateTest {
     void SetUp() override
     {
         AgentStateTest::SetUp();
+        identity_tables_init();
         set_agent_passphrase("agent pass", 0);
         pkcs11_modules_reset();  // a fresh process: no session, nobody logged in
         pin_answers.clear();
