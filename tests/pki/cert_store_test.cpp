@@ -16,13 +16,13 @@
 #include "pki/cert_provider.h"
 #include "pki/cert_store.h"
 #include "pki/x509_key_blob.h"
+#include "pki/cert_signature_check.h"
 #include "support/agent_state.h"
 #include "support/dispatch_helper.h"
 #include "support/fips_environment.h"
 #include "support/identity_fixture.h"
 #include "support/log_capture.h"
 #include "support/test_pki.h"
-#include "crypto/signature_check.h"
 
 namespace {
 
@@ -61,27 +61,6 @@ struct CertStoreTest : AgentStateTest {
 };
 
 const Bytes DATA = text_bytes("session identifier and user auth request");
-
-// Checks a signature blob against the certificate's public key with
-// OpenSSL alone; `form` says how the signature string is laid out.
-void expect_verifies(const SecureBytes &blob, EVP_PKEY *pub, const char *name, const char *md, const char *form)
-{
-    ParsedBlob parsed = parse_blob(blob);
-    EXPECT_EQ(parsed.name, name);
-    Bytes der = parsed.sig;
-    std::string f = form;
-    if (f == "raw") {
-        ASSERT_EQ(parsed.sig.size(), 40u);
-        der = der_from_rs(Bytes(parsed.sig.begin(), parsed.sig.begin() + 20), Bytes(parsed.sig.begin() + 20, parsed.sig.end()));
-    } else if (f == "mpint") {
-        size_t pos = 0;
-        Bytes r = take_string(parsed.sig, &pos), s = take_string(parsed.sig, &pos);
-        der = der_from_rs(r, s);
-    } else if (f == "rsa") {
-        EXPECT_EQ(parsed.sig.size(), static_cast<size_t>(EVP_PKEY_get_size(pub)));
-    }
-    EXPECT_TRUE(openssl_verifies(pub, md, der, DATA)) << name << " " << md;
-}
 
 struct SignCase {
     const char *leaf;
@@ -131,7 +110,7 @@ TEST_F(CertStoreTest, SignsUnderEveryAlgorithmName)
         key->sigalg = signature_algorithm_by_name(c.algorithm);
         SecureBytes blob;
         ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
-        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), c.signature_name, c.md, c.form);
+        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), c.signature_name, c.md, c.form, DATA);
     }
 }
 
@@ -150,7 +129,7 @@ TEST_F(CertStoreTest, FipsRulesApplyToCertificates)
     EXPECT_TRUE(log.contains("FIPS: MD5 and SHA1 signatures not allowed."));
     rsa->sigalg = signature_algorithm_by_name("x509v3-rsa2048-sha256");
     EXPECT_EQ(key_sign(nullptr, 0, rsa.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
-    expect_verifies(blob, X509_get0_pubkey(rsa->cert.get()), "rsa2048-sha256", "SHA256", "rsa");
+    expect_verifies(blob, X509_get0_pubkey(rsa->cert.get()), "rsa2048-sha256", "SHA256", "rsa", DATA);
     blob.clear();
     dsa->sigalg = signature_algorithm_by_name("x509v3-sign-dss");
     EXPECT_EQ(key_sign(nullptr, 0, dsa.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);

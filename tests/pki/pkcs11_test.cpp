@@ -6,8 +6,8 @@
 #include "agent/identity_table.h"
 #include "agent/key_store.h"
 #include "crypto/key_signer.h"
-#include "crypto/signature_check.h"
 #include "pki/cert_provider.h"
+#include "pki/cert_signature_check.h"
 #include "pki/pkcs11_token.h"
 #include "support/agent_state.h"
 #include "support/dispatch_helper.h"
@@ -103,15 +103,8 @@ TEST_F(Pkcs11Test, SignsWithEveryAlgorithmAndAsksThePinOnce)
             key->type = key->type == KEY_X509_RSA ? KEY_RSA : KEY_ECDSA;
         SecureBytes blob;
         ASSERT_EQ(sign(key.get(), c.algorithm, &blob), 0);
-        ParsedBlob parsed = parse_blob(blob);
-        EXPECT_EQ(parsed.name, c.signature_name);
-        Bytes sig = parsed.sig;
-        if (key->type == KEY_X509_ECDSA || key->type == KEY_ECDSA) {
-            size_t pos = 0;
-            Bytes r = take_string(parsed.sig, &pos), s = take_string(parsed.sig, &pos);
-            sig = der_from_rs(r, s);
-        }
-        EXPECT_TRUE(openssl_verifies(X509_get0_pubkey(key->cert.get()), c.md, sig, DATA));
+        bool ec = key->type == KEY_X509_ECDSA || key->type == KEY_ECDSA;
+        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), c.signature_name, c.md, ec ? "mpint" : "rsa", DATA);
     }
     EXPECT_EQ(pin_asked, 1);
 }
@@ -186,10 +179,7 @@ TEST_F(Pkcs11Test, SystemStoreIsTheNssDatabase)
     EXPECT_EQ(key->cert_source, CERT_SOURCE_SYSTEM);
     SecureBytes blob;
     ASSERT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp256", &blob), 0);
-    ParsedBlob parsed = parse_blob(blob);
-    size_t pos = 0;
-    Bytes r = take_string(parsed.sig, &pos), s = take_string(parsed.sig, &pos);
-    EXPECT_TRUE(openssl_verifies(X509_get0_pubkey(key->cert.get()), "SHA256", der_from_rs(r, s), DATA));
+    expect_verifies(blob, X509_get0_pubkey(key->cert.get()), "ecdsa-sha2-nistp256", "SHA256", "mpint", DATA);
     EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_SYSTEM, pki->sha1(pki->path("nss-user.crt")))->cert_source,
               CERT_SOURCE_SYSTEM);
     pkcs11_modules_reset();
