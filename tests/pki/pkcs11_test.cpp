@@ -170,8 +170,11 @@ TEST_F(Pkcs11Test, RestartWithTheTokenAbsentAndBack)
 TEST_F(Pkcs11Test, SystemStoreIsTheNssDatabase)
 {
     TempFolder nssdb;
-    ToolResult made = run_tool("certutil -N -d sql:" + nssdb.path() + " --empty-password && pk12util -i " +
-                               pki->path("nss-user.p12") + " -d sql:" + nssdb.path() + " -W p12pass");
+    // A database under a password: the signature logs in with it as a PIN.
+    std::ofstream(nssdb.path("pw")) << TOKEN_PIN << "\n";
+    ToolResult made = run_tool("certutil -N -d sql:" + nssdb.path() + " -f " + nssdb.path("pw") + " && pk12util -i " +
+                               pki->path("nss-user.p12") + " -d sql:" + nssdb.path() + " -k " + nssdb.path("pw") +
+                               " -W p12pass");
     ASSERT_EQ(made.status, 0) << made.output;
     setenv("TARNWELL_NSS_DB", nssdb.path().c_str(), 1);
     KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "nss-user");
@@ -180,6 +183,7 @@ TEST_F(Pkcs11Test, SystemStoreIsTheNssDatabase)
     SecureBytes blob;
     ASSERT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp256", &blob), 0);
     expect_verifies(blob, X509_get0_pubkey(key->cert.get()), "ecdsa-sha2-nistp256", "SHA256", "mpint", DATA);
+    EXPECT_EQ(pin_asked, 1);
     EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_SYSTEM, pki->sha1(pki->path("nss-user.crt")))->cert_source,
               CERT_SOURCE_SYSTEM);
     pkcs11_modules_reset();

@@ -1,6 +1,6 @@
 // OpenSSH's ssh logs into a private sshd with the public keys of
-// certificates offered as keys: one whose private key lives in a SoftHSM2
-// token, one in the agent's own store. Both come back after a restart.
+// certificates offered as keys, one from each location: a SoftHSM2 token,
+// the agent's own store and the NSS database. All come back after a restart.
 #include <gtest/gtest.h>
 
 #include "keys/buffer.h"
@@ -45,19 +45,22 @@ void offer_certificates_as_keys(const AgentProcess &agent)
 
 }  // namespace
 
-TEST(CertLogin, TokenAndStoreCertificatesLogInAsKeys)
+TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
 {
     if (!SshdServer::available())
         GTEST_SKIP() << "sshd is not installed";
     TestPki pki;
-    std::string token_leaf = pki.leaf("token-user", "RSA:2048"), store_leaf = pki.leaf("store-user", "EC:P-256");
+    std::string token_leaf = pki.leaf("token-user", "RSA:2048"), store_leaf = pki.leaf("store-user", "EC:P-256"),
+                nss_leaf = pki.leaf("nss-user", "EC:P-384");
     SoftHsmToken token;
     token.put(token_leaf, "0a");
+    pki.ok("mkdir nssdb && certutil -N -d sql:nssdb --empty-password && pk12util -i nss-user.p12 -d sql:nssdb -W p12pass");
 
     AgentProcess agent({"--empty-passphrase"}, "certlogin");
     std::string pinlog = (agent.root() / "pinentry.log").string();
     agent.set_env({"SOFTHSM2_CONF=" + token.dir.path("softhsm2.conf"), std::string("TARNWELL_PKCS11_MODULE=") + SOFTHSM_MODULE,
                    "TARNWELL_PINENTRY=" + std::string(TARNWELL_SOURCE_DIR) + "/tests/support/scripted_pinentry.sh",
+                   "TARNWELL_NSS_DB=" + pki.path("nssdb"),
                    std::string("PINENTRY_PIN=") + TOKEN_PIN, "PINENTRY_LOG=" + pinlog});
     ASSERT_TRUE(agent.start()) << agent.log_text();
 
@@ -70,7 +73,7 @@ TEST(CertLogin, TokenAndStoreCertificatesLogInAsKeys)
     Outcome listed = run(agent, {TAGENT_PATH, "cert", "list", "--data-dir", agent.data_dir()});
     EXPECT_NE(listed.output.find("identity store-user"), std::string::npos) << listed.output;
     EXPECT_NE(listed.output.find("ca       Test Root"), std::string::npos) << listed.output;
-    for (auto [location, id] : {std::pair{"3", "store-user"}, {"pkcs11", "token-user"}}) {
+    for (auto [location, id] : {std::pair{"3", "store-user"}, {"pkcs11", "token-user"}, {"system", "nss-user"}}) {
         Outcome added = run(agent, {TAGENT_PATH, "-a", agent.socket_path(), "add-cert", location, id});
         EXPECT_EQ(added.status, 0) << added.output << agent.log_text();
     }
@@ -78,7 +81,7 @@ TEST(CertLogin, TokenAndStoreCertificatesLogInAsKeys)
 
     // authorized_keys: the certificates' public keys as OpenSSH lines.
     std::string authorized;
-    for (const std::string &leaf : {token_leaf, store_leaf}) {
+    for (const std::string &leaf : {token_leaf, store_leaf, nss_leaf}) {
         pki.ok("openssl x509 -pubkey -noout -in " + leaf + ".crt > " + leaf + ".spki && ssh-keygen -i -m PKCS8 -f " +
                leaf + ".spki > " + leaf + ".pub");
         authorized += read_text_file(leaf + ".pub");
@@ -98,6 +101,7 @@ TEST(CertLogin, TokenAndStoreCertificatesLogInAsKeys)
         EXPECT_TRUE(logs_in(token_leaf, "token-ok"));
         EXPECT_TRUE(logs_in(token_leaf, "token-again"));
         EXPECT_TRUE(logs_in(store_leaf, "store-ok"));
+        EXPECT_TRUE(logs_in(nss_leaf, "nss-ok"));
         agent.stop();
         ASSERT_TRUE(agent.start()) << agent.log_text();
     }
