@@ -5,6 +5,7 @@
 #include "crypto/rsa_signature.h"
 #include "log/log.h"
 #include "pki/x509_signer.h"
+#include "pki/x509_verifier.h"
 
 int key_sign(PkiObject *pki, uint64_t parent_window, const Key *key, SecureBytes *sigp, const uint8_t *data,
              size_t datalen, SignPromptCallback prompt, int compat)
@@ -60,9 +61,7 @@ int key_verify(const Key *key, const uint8_t *signature, size_t signaturelen, co
         return ret == 1 || ret == 0 ? ret : -1;
     }
     case KEY_X509_RSA:
-    case KEY_X509_DSA:
-        error("key_verify: certificate verification is not supported for key type %d", key->type);
-        return -1;
+    case KEY_X509_DSA: return cert_identity_verify(key, signature, signaturelen, data, datalen);
     default:
         error("key_verify: illegal key type %d", key->type);
         return -1;
