@@ -3,6 +3,9 @@
 // OpenSSL, the PIN through the prompt, token absence and a restart.
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <p11-kit-1/p11-kit/pkcs11.h>
+
 #include "agent/identity_table.h"
 #include "agent/key_store.h"
 #include "crypto/key_signer.h"
@@ -122,6 +125,27 @@ TEST_F(Pkcs11Test, WrongPinFailsCleanlyAndIsAskedAgain)
     EXPECT_EQ(pin_asked, 2);
     EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_PKCS11, "nobody"), nullptr);
     EXPECT_TRUE(log.contains("pkcs11: no certificate with a key id matches \"nobody\""));
+}
+
+// The token's sessions end under the agent (as when it is pulled out and
+// put back): the next signature opens a new one and logs in again.
+TEST_F(Pkcs11Test, SessionLostIsOpenedAgain)
+{
+    KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, "tok-ec");
+    SecureBytes blob;
+    ASSERT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), 0);
+    void *module = dlopen(SOFTHSM_MODULE, RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(module, nullptr);
+    CK_FUNCTION_LIST *f = nullptr;
+    reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"))(&f);
+    CK_SLOT_ID slots[8];
+    CK_ULONG count = 8;
+    ASSERT_EQ(f->C_GetSlotList(CK_TRUE, slots, &count), CKR_OK);
+    for (CK_ULONG i = 0; i < count; ++i)
+        f->C_CloseAllSessions(slots[i]);
+    dlclose(module);
+    EXPECT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), 0);
+    EXPECT_EQ(pin_asked, 2);
 }
 
 TEST_F(Pkcs11Test, RestartWithTheTokenAbsentAndBack)

@@ -175,9 +175,14 @@ std::vector<std::string> platform_folder_files(const std::string &path)
     DIR *dir = opendir(path.c_str());
     if (!dir)
         return names;
-    while (struct dirent *entry = readdir(dir))
-        if (entry->d_type == DT_REG)
+    while (struct dirent *entry = readdir(dir)) {
+        struct stat st;
+        bool regular = entry->d_type == DT_REG ||
+                       (entry->d_type == DT_UNKNOWN && stat((path + "/" + entry->d_name).c_str(), &st) == 0 &&
+                        S_ISREG(st.st_mode));
+        if (regular)
             names.push_back(entry->d_name);
+    }
     closedir(dir);
     std::sort(names.begin(), names.end());
     return names;
