@@ -17,6 +17,7 @@
 #include "keys/secsh_private_key.h"
 #include "log/agent_log.h"
 #include "log/log.h"
+#include "pki/cert_provider.h"
 
 namespace {
 
@@ -131,11 +132,10 @@ KeyPtr read_private_key(Buffer *b)
     case KEY_X509_RSA:
     case KEY_X509_DSA:
     case KEY_X509_ECDSA: {
-        // Certificate identities come from a certificate store, which this
-        // agent does not have: the reference is read and not found.
-        buffer_get_char(b);
-        buffer_get_string(b);
-        return nullptr;
+        // A location byte and the identifier the certificate is found by.
+        uint32_t location = buffer_get_char(b);
+        std::string identifier = buffer_get_string_text(b);
+        return cert_identity_lookup(location, identifier);
     }
     default: return nullptr;
     }

@@ -13,6 +13,7 @@
 #include "keys/public_key_format.h"
 #include "log/log.h"
 #include "platform/platform.h"
+#include "pki/cert_provider.h"
 
 namespace {
 
@@ -56,10 +57,10 @@ struct StoreText {
     }
 };
 
-// The certificate providers that resolve a stored reference are not part of
-// this agent yet: a certificate identity's record is read past and finds
-// nothing.
-KeyPtr certificate_from_reference(uint32_t, const std::string &) { return nullptr; }
+KeyPtr certificate_from_reference(uint32_t location, const std::string &line)
+{
+    return cert_identity_from_reference(location, line);
+}
 
 // A key read back under the passphrase is kept in the form it was stored
 // in, as long as that form is the one a save would write now.

@@ -14,6 +14,7 @@
 #include "agent/shell_services.h"
 #include "log/agent_log.h"
 #include "log/log.h"
+#include "pki/cert_store.h"
 #include "platform/platform.h"
 
 namespace {
@@ -183,6 +184,8 @@ int change_agent_passphrase_until(const char *old_passphrase, const char *new_pa
             return 0;
         }
     }
+    // Keys of the agent's own certificate store follow the passphrase too.
+    cert_store_reencrypt(cert_store_folder(), old_passphrase, new_passphrase);
     agent_log("Agent passphrase has been set");
     agent_log("Change passphrase succeeded");
     return 1;

@@ -5,19 +5,24 @@
 #include "crypto/ed25519_signature.h"
 #include "crypto/rsa_signature.h"
 #include "log/log.h"
+#include "pki/x509_signer.h"
+#include "pki/x509_verifier.h"
 
 int key_sign(PkiObject *pki, uint64_t parent_window, const Key *key, SecureBytes *sigp, const uint8_t *data,
              size_t datalen, SignPromptCallback prompt, int compat)
 {
-    // The PKI object, the dialog parent and the prompt serve certificate
-    // identities, whose signer is not part of this build yet.
+    // The dialog parent belongs to the Windows shell's PIN dialog, which the
+    // prompt callback already stands for.
     (void)pki;
     (void)parent_window;
-    (void)prompt;
     if (!key) {
         error("key_sign: no key");
         return -1;
     }
+    // A certificate identity whose private key lives with its provider
+    // signs there, as a certificate or as the plain key inside it.
+    if (cert_identity_handle(key))
+        return cert_identity_sign(key, sigp, data, datalen, prompt);
     switch (key->type) {
     case KEY_RSA:
         return ssh_rsa_sign(key, sigp, data, datalen, compat);
@@ -59,9 +64,7 @@ int key_verify(const Key *key, const uint8_t *signature, size_t signaturelen, co
     }
     case KEY_ED25519: return ssh_ed25519_verify(key, signature, signaturelen, data, datalen);
     case KEY_X509_RSA:
-    case KEY_X509_DSA:
-        error("key_verify: certificate verification is not supported for key type %d", key->type);
-        return -1;
+    case KEY_X509_DSA: return cert_identity_verify(key, signature, signaturelen, data, datalen);
     default:
         error("key_verify: illegal key type %d", key->type);
         return -1;

@@ -9,6 +9,7 @@
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
 #include "log/log.h"
+#include "pki/cert_provider.h"
 #include "pki/kvl.h"
 #include "pki/x509_key_blob.h"
 
@@ -34,9 +35,11 @@ std::string base64(const uint8_t *data, size_t len)
     return out;
 }
 
-// The certificate providers that resolve a reference are not part of this
-// agent: a reference whose certificate is not at hand finds nothing.
-KeyPtr certificate_by_reference(uint32_t, const uint8_t *, size_t) { return nullptr; }
+// The certificate providers resolve a certificate by its public-key hash.
+KeyPtr certificate_by_reference(uint32_t source, const uint8_t *hash, size_t len)
+{
+    return cert_identity_by_public_key_hash(source, hash, len);
+}
 
 // The blob reader treats a huge string length as fatal, as it must on the
 // wire, but reading a key from text never aborts: a length that runs past
@@ -159,6 +162,8 @@ int key_read_by_type(Key *key, int type, uint32_t cert_source, const char **line
     key->pkey = std::move(found->pkey);
     key->ecdsa_nid = found->ecdsa_nid;
     key->cert = std::move(found->cert);
+    key->cert_extra = std::move(found->cert_extra);
+    key->cert_reference = std::move(found->cert_reference);
     key->cert_source = cert_source != CERT_SOURCE_NONE ? cert_source : found->cert_source;
     while (*text == ' ' || *text == '\t')
         ++text;

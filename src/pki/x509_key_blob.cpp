@@ -5,6 +5,7 @@
 #include "crypto/crypto_module.h"
 #include "keys/key_material.h"
 #include "log/log.h"
+#include "pki/cert_provider.h"
 #include "pki/pki_startup.h"
 
 namespace {
@@ -24,6 +25,23 @@ X509StackPtr single_certificate_list(X509 *cert)
     if (!list || !sk_X509_push(list.get(), ref.get()))
         return nullptr;
     ref.release();
+    return list;
+}
+
+// The chain a certificate provider found for the identity: the certificate
+// and its issuers; null when it found no issuer.
+X509StackPtr provider_chain(const Key *key)
+{
+    CertHandle *handle = cert_identity_handle(key);
+    if (!handle || sk_X509_num(handle->issuers.get()) <= 0)
+        return nullptr;
+    X509StackPtr list = single_certificate_list(key->cert.get());
+    for (int i = 0; list && i < sk_X509_num(handle->issuers.get()); ++i) {
+        X509Ptr ref = x509_ref(sk_X509_value(handle->issuers.get(), i));
+        if (!sk_X509_push(list.get(), ref.get()))
+            return nullptr;
+        ref.release();
+    }
     return list;
 }
 
@@ -82,7 +100,9 @@ int ssh_pki_x509key_to_rfc6187_pubkey_blob(const Key *key, STACK_OF(X509) *chain
     buffer_put_cstring(&b, name);
     X509StackPtr made;
     STACK_OF(X509) *list = chain;
-    if (!stack_holds(chain, key->cert.get())) {
+    if (!stack_holds(chain, key->cert.get()) && (made = provider_chain(key))) {
+        list = made.get();
+    } else if (!stack_holds(chain, key->cert.get())) {
         const CryptoApi *api = crypto_module_get();
         if (!pki)
             pki = pki_current();

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct LocalTime {
     unsigned year, month, day, hour, minute, second, millisecond;
@@ -39,6 +40,11 @@ bool platform_replace_file_destroying(const std::string &from, const std::string
 bool platform_write_private_file(const std::string &path, const void *data, size_t size);
 
 bool platform_remove_file(const std::string &path);
+
+// Creates the folder for its owner only (0700), or restricts an existing one.
+bool platform_make_private_folder(const std::string &path);
+// The names of the plain files in a folder, sorted; empty when it cannot be read.
+std::vector<std::string> platform_folder_files(const std::string &path);
 bool platform_file_exists(const std::string &path);
 
 // Folder of the running executable, with a trailing separator.

@@ -15,6 +15,7 @@
 #include "app/posix/control_client.h"
 #include "app/posix/pinentry.h"
 #include "app/posix/tagent_args.h"
+#include "app/posix/tagent_certs.h"
 #include "app/posix/tagent_keys.h"
 #include "app/program_texts.h"
 #include "app/startup_passphrase.h"
@@ -35,6 +36,12 @@ const char *const TAGENT_USAGE =
     "                                 add a PEM or PKCS#8 private key (its password is\n"
     "                                 asked through pinentry)\n"
     "  remove FILE|NAME               remove one identity\n"
+    "  add-cert LOCATION ID [--comment TEXT]\n"
+    "                                 add a certificate identity: LOCATION 1 system\n"
+    "                                 (NSS database), 2 pkcs11 (token), 3 tarnwell (the\n"
+    "                                 agent's own store); ID its SHA-1 or common name\n"
+    "  cert import FILE.p12 [--password-file F] [--passphrase-file F]\n"
+    "  cert list | cert remove ID     the agent's own certificate store\n"
     "  lock                           lock the agent\n"
     "  unlock [--passphrase-file F]   unlock with the agent passphrase (asked\n"
     "                                 through pinentry without F)\n"
@@ -254,6 +261,7 @@ int tagent_run(const TagentContext &context, const std::vector<std::string> &arg
         {"status", cmd_status}, {"lock", cmd_lock},   {"unlock", cmd_unlock},         {"remove", cmd_remove},
         {"set", cmd_set},       {"reset", cmd_reset}, {"passphrase", cmd_passphrase}, {"stop", cmd_stop},
         {"watch", cmd_watch},   {"list", tagent_list},  {"add", tagent_add},          {"export", tagent_export},
+        {"cert", tagent_cert},  {"add-cert", tagent_add_cert},
     };
     auto command = commands.find(args[0]);
     if (command == commands.end())

@@ -6,6 +6,8 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pwd.h>
@@ -158,6 +160,33 @@ bool platform_write_private_file(const std::string &path, const void *data, size
 bool platform_remove_file(const std::string &path)
 {
     return unlink(path.c_str()) == 0 || errno == ENOENT;
+}
+
+bool platform_make_private_folder(const std::string &path)
+{
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        return false;
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && chmod(path.c_str(), 0700) == 0;
+}
+
+std::vector<std::string> platform_folder_files(const std::string &path)
+{
+    std::vector<std::string> names;
+    DIR *dir = opendir(path.c_str());
+    if (!dir)
+        return names;
+    while (struct dirent *entry = readdir(dir)) {
+        struct stat st;
+        bool regular = entry->d_type == DT_REG ||
+                       (entry->d_type == DT_UNKNOWN && stat((path + "/" + entry->d_name).c_str(), &st) == 0 &&
+                        S_ISREG(st.st_mode));
+        if (regular)
+            names.push_back(entry->d_name);
+    }
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool platform_file_exists(const std::string &path)

@@ -1,0 +1,118 @@
+// OpenSSH's ssh logs into a private sshd with the public keys of
+// certificates offered as keys, one from each location: a SoftHSM2 token,
+// the agent's own store and the NSS database. All come back after a restart.
+#include <gtest/gtest.h>
+
+#include "keys/buffer.h"
+#include "support/agent_process.h"
+#include "support/softhsm_token.h"
+#include "support/sshd_server.h"
+#include "support/test_pki.h"
+
+namespace {
+
+struct Outcome {
+    int status;
+    std::string output;
+};
+
+Outcome run(const AgentProcess &agent, const std::vector<std::string> &args)
+{
+    static int n = 0;
+    std::string out = (agent.root() / ("cert-run-" + std::to_string(n++) + ".txt")).string();
+    pid_t pid = AgentProcess::spawn(args, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
+    int status = AgentProcess::wait_exit(pid);
+    return {status, AgentProcess::read_file(out)};
+}
+
+// The vendor forwarding notice sets the process-wide enumeration mode:
+// 2, certificates offered as keys only.
+void offer_certificates_as_keys(const AgentProcess &agent)
+{
+    Buffer notice;
+    buffer_put_char(&notice, 158);
+    buffer_put_cstring(&notice, "test");
+    buffer_put_cstring(&notice, "127.0.0.1");
+    buffer_put_int(&notice, 22);
+    buffer_put_int(&notice, 3);
+    buffer_put_int(&notice, 0);
+    buffer_put_int(&notice, 2);
+    buffer_put_int64(&notice, 0);
+    buffer_put_int(&notice, 0);
+    AgentClient client(agent.socket_path());
+    EXPECT_EQ(client.request(frame(buffer_bytes(notice))), hex_bytes("0000000106"));
+}
+
+}  // namespace
+
+TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
+{
+    if (!SshdServer::available())
+        GTEST_SKIP() << "sshd is not installed";
+    TestPki pki;
+    std::string token_leaf = pki.leaf("token-user", "RSA:2048"), store_leaf = pki.leaf("store-user", "EC:P-256"),
+                nss_leaf = pki.leaf("nss-user", "EC:P-384");
+    SoftHsmToken token;
+    token.put(token_leaf, "0a");
+    pki.ok("mkdir nssdb && certutil -N -d sql:nssdb --empty-password && pk12util -i nss-user.p12 -d sql:nssdb -W p12pass");
+
+    AgentProcess agent({"--empty-passphrase"}, "certlogin");
+    std::string pinlog = (agent.root() / "pinentry.log").string();
+    agent.set_env({"SOFTHSM2_CONF=" + token.dir.path("softhsm2.conf"), std::string("TARNWELL_PKCS11_MODULE=") + SOFTHSM_MODULE,
+                   "TARNWELL_PINENTRY=" + std::string(TARNWELL_SOURCE_DIR) + "/tests/support/scripted_pinentry.sh",
+                   "TARNWELL_NSS_DB=" + pki.path("nssdb"),
+                   std::string("PINENTRY_PIN=") + TOKEN_PIN, "PINENTRY_LOG=" + pinlog});
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+
+    std::ofstream(pki.path("p12pass.txt")) << "p12pass\n";
+    std::ofstream(pki.path("empty.txt")) << "\n";
+    Outcome imported = run(agent, {TAGENT_PATH, "cert", "import", store_leaf + ".p12", "--password-file",
+                                   pki.path("p12pass.txt"), "--passphrase-file", pki.path("empty.txt"),
+                                   "--data-dir", agent.data_dir()});
+    ASSERT_EQ(imported.status, 0) << imported.output;
+    Outcome listed = run(agent, {TAGENT_PATH, "cert", "list", "--data-dir", agent.data_dir()});
+    EXPECT_NE(listed.output.find("identity store-user"), std::string::npos) << listed.output;
+    EXPECT_NE(listed.output.find("ca       Test Root"), std::string::npos) << listed.output;
+    for (auto [location, id] : {std::pair{"3", "store-user"}, {"pkcs11", "token-user"}, {"system", "nss-user"}}) {
+        Outcome added = run(agent, {TAGENT_PATH, "-a", agent.socket_path(), "add-cert", location, id});
+        EXPECT_EQ(added.status, 0) << added.output << agent.log_text();
+    }
+    EXPECT_EQ(run(agent, {TAGENT_PATH, "-a", agent.socket_path(), "add-cert", "3", "nobody"}).status, 1);
+
+    // authorized_keys: the certificates' public keys as OpenSSH lines.
+    std::string authorized;
+    for (const std::string &leaf : {token_leaf, store_leaf, nss_leaf}) {
+        pki.ok("openssl x509 -pubkey -noout -in " + leaf + ".crt > " + leaf + ".spki && ssh-keygen -i -m PKCS8 -f " +
+               leaf + ".spki > " + leaf + ".pub");
+        authorized += read_text_file(leaf + ".pub");
+    }
+    SshdServer sshd(agent.root() / "sshd");
+    ASSERT_TRUE(sshd.start(authorized)) << sshd.log();
+
+    auto logs_in = [&](const std::string &leaf, const char *word) {
+        Outcome out = run(agent, sshd.ssh_args({"-o", "IdentitiesOnly=yes", "-o", "IdentityFile=" + leaf + ".pub"},
+                                               std::string("echo ") + word));
+        EXPECT_EQ(out.status, 0) << out.output << sshd.log() << agent.log_text();
+        return out.output.find(word) != std::string::npos;
+    };
+    for (int run_number = 0; run_number < 2; ++run_number) {
+        SCOPED_TRACE(run_number == 0 ? "first run" : "after a restart");
+        offer_certificates_as_keys(agent);
+        EXPECT_TRUE(logs_in(token_leaf, "token-ok"));
+        EXPECT_TRUE(logs_in(token_leaf, "token-again"));
+        EXPECT_TRUE(logs_in(store_leaf, "store-ok"));
+        EXPECT_TRUE(logs_in(nss_leaf, "nss-ok"));
+        agent.stop();
+        ASSERT_TRUE(agent.start()) << agent.log_text();
+    }
+    std::string log = agent.log_text();
+    EXPECT_NE(log.find("Look up key (certs as keys)."), std::string::npos);
+    EXPECT_NE(log.find("(as type: rsa-sha2-512,  hash: SHA512)"), std::string::npos) << log;
+    EXPECT_NE(log.find("(as type: ecdsa-sha2-nistp256,  hash: SHA256)"), std::string::npos) << log;
+    // The PIN was asked once per agent run.
+    std::string asked = read_text_file(pinlog);
+    size_t count = 0;
+    for (size_t at = asked.find("GETPIN"); at != std::string::npos; at = asked.find("GETPIN", at + 1))
+        ++count;
+    EXPECT_EQ(count, 2u) << asked;
+}

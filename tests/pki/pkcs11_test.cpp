@@ -1,0 +1,215 @@
+// Certificate identities on a PKCS#11 token (SoftHSM2) and, through NSS's
+// own PKCS#11 module, in an NSS database: lookup, signing checked by
+// OpenSSL, the PIN through the prompt, token absence and a restart.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <p11-kit-1/p11-kit/pkcs11.h>
+
+#include "agent/identity_table.h"
+#include "agent/key_store.h"
+#include "crypto/key_signer.h"
+#include "pki/cert_provider.h"
+#include "pki/cert_signature_check.h"
+#include "pki/pkcs11_token.h"
+#include "support/agent_state.h"
+#include "support/dispatch_helper.h"
+#include "support/log_capture.h"
+#include "support/softhsm_token.h"
+#include "support/test_pki.h"
+
+namespace {
+
+TestPki *pki = nullptr;
+SoftHsmToken *token = nullptr;
+
+// The scripted answers of the PIN prompt, and how often it was asked.
+std::vector<std::string> pin_answers;
+int pin_asked = 0;
+bool scripted_pin(const char *, SecretString *answer)
+{
+    std::string pin = pin_answers.empty() ? TOKEN_PIN : pin_answers.front();
+    if (!pin_answers.empty())
+        pin_answers.erase(pin_answers.begin());
+    ++pin_asked;
+    answer->assign(pin.c_str());
+    return true;
+}
+
+const Bytes DATA = text_bytes("data a server asks the token to sign");
+
+struct Pkcs11Test : AgentStateTest {
+    static void SetUpTestSuite()
+    {
+        pki = new TestPki;
+        pki->leaf("tok-rsa", "RSA:2048");
+        pki->leaf("tok-ec", "EC:P-384");
+        pki->leaf("nss-user", "EC:P-256");
+        token = new SoftHsmToken;
+        token->put(pki->path("tok-rsa"), "01");
+        token->put(pki->path("tok-ec"), "02");
+        setenv("TARNWELL_PKCS11_MODULE", SOFTHSM_MODULE, 1);
+    }
+    static void TearDownTestSuite()
+    {
+        pkcs11_modules_reset();
+        unsetenv("TARNWELL_PKCS11_MODULE");
+        delete token;
+        delete pki;
+    }
+    void SetUp() override
+    {
+        AgentStateTest::SetUp();
+        identity_tables_init();
+        set_agent_passphrase("agent pass", 0);
+        pkcs11_modules_reset();  // a fresh process: no session, nobody logged in
+        pin_answers.clear();
+        pin_asked = 0;
+    }
+
+    static int sign(Key *key, const char *algorithm, SecureBytes *blob)
+    {
+        key->sigalg = signature_algorithm_by_name(algorithm);
+        int ret = key_sign(nullptr, 0, key, blob, DATA.data(), DATA.size(), scripted_pin, 0);
+        key->sigalg = nullptr;
+        return ret;
+    }
+};
+
+struct TokenCase {
+    const char *identifier, *algorithm;
+    bool as_plain_key;
+    const char *signature_name, *md;
+};
+
+}  // namespace
+
+TEST_F(Pkcs11Test, SignsWithEveryAlgorithmAndAsksThePinOnce)
+{
+    const TokenCase cases[] = {
+        {"tok-rsa", "x509v3-sign-rsa", false, "x509v3-sign-rsa", "SHA1"},
+        {"tok-rsa", "x509v3-ssh-rsa", false, "ssh-rsa", "SHA1"},
+        {"tok-rsa", "x509v3-rsa2048-sha256", false, "rsa2048-sha256", "SHA256"},
+        {"tok-rsa", "rsa-sha2-512", true, "rsa-sha2-512", "SHA512"},
+        {"tok-ec", "x509v3-ecdsa-sha2-nistp384", false, "ecdsa-sha2-nistp384", "SHA384"},
+        {"tok-ec", "ecdsa-sha2-nistp384", true, "ecdsa-sha2-nistp384", "SHA384"},
+    };
+    for (const TokenCase &c : cases) {
+        SCOPED_TRACE(std::string(c.identifier) + " " + c.algorithm);
+        // By simple name, and by hash with the module named in the identifier.
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, c.identifier);
+        KeyPtr by_hash = cert_identity_lookup(
+            CERT_SOURCE_PKCS11, std::string(SOFTHSM_MODULE) + ":" + pki->sha1(pki->path(std::string(c.identifier) + ".crt")));
+        ASSERT_TRUE(key && by_hash);
+        EXPECT_TRUE(key_equal(key.get(), by_hash.get()));
+        if (c.as_plain_key)
+            key->type = key->type == KEY_X509_RSA ? KEY_RSA : KEY_ECDSA;
+        SecureBytes blob;
+        ASSERT_EQ(sign(key.get(), c.algorithm, &blob), 0);
+        bool ec = key->type == KEY_X509_ECDSA || key->type == KEY_ECDSA;
+        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), c.signature_name, c.md, ec ? "mpint" : "rsa", DATA);
+    }
+    EXPECT_EQ(pin_asked, 1);
+}
+
+TEST_F(Pkcs11Test, WrongPinFailsCleanlyAndIsAskedAgain)
+{
+    KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, "tok-ec");
+    ASSERT_NE(key, nullptr);
+    pin_answers = {"0000"};
+    LogCapture log;
+    SecureBytes blob;
+    EXPECT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), -1);
+    EXPECT_TRUE(log.contains("pkcs11: wrong PIN for token \"agent test\""));
+    EXPECT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), 0);
+    EXPECT_EQ(pin_asked, 2);
+    EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_PKCS11, "nobody"), nullptr);
+    EXPECT_TRUE(log.contains("pkcs11: no certificate with a key id matches \"nobody\""));
+}
+
+// The token's sessions end under the agent (as when it is pulled out and
+// put back): the next signature opens a new one and logs in again.
+TEST_F(Pkcs11Test, SessionLostIsOpenedAgain)
+{
+    KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, "tok-ec");
+    SecureBytes blob;
+    ASSERT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), 0);
+    void *module = dlopen(SOFTHSM_MODULE, RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(module, nullptr);
+    CK_FUNCTION_LIST *f = nullptr;
+    reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"))(&f);
+    CK_SLOT_ID slots[8];
+    CK_ULONG count = 8;
+    ASSERT_EQ(f->C_GetSlotList(CK_TRUE, slots, &count), CKR_OK);
+    for (CK_ULONG i = 0; i < count; ++i)
+        f->C_CloseAllSessions(slots[i]);
+    dlclose(module);
+    EXPECT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), 0);
+    EXPECT_EQ(pin_asked, 2);
+}
+
+TEST_F(Pkcs11Test, RestartWithTheTokenAbsentAndBack)
+{
+    Buffer add;
+    buffer_put_char(&add, 17);
+    buffer_put_cstring(&add, "x509v3-sign-rsa");
+    buffer_put_char(&add, CERT_SOURCE_PKCS11);
+    buffer_put_cstring(&add, "tok-rsa");
+    buffer_put_cstring(&add, "token certificate");
+    EXPECT_EQ(dispatch_bytes(frame(buffer_bytes(add))).reply, hex_bytes("0000000106"));
+    EXPECT_NE(file_text(KEY_STORE_PRIVATE_FILE).find("#CERT_PKCS11\nsha1="), std::string::npos);
+    EXPECT_NE(file_text(KEY_STORE_PRIVATE_FILE).find(std::string(";module=") + SOFTHSM_MODULE + ";token=agent test"),
+              std::string::npos);
+
+    auto restart = [] {
+        pkcs11_modules_reset();
+        identity_tables_init();
+        forget_agent_passphrase();
+        load_public_key_store();
+        verify_agent_passphrase("agent pass");
+    };
+    auto signs = [] {
+        IdentityTable *table = identity_table_for_version(2);
+        SecureBytes blob;
+        return table->nentries == 1 && sign(table->identities.front()->key.get(), "x509v3-sign-rsa", &blob) == 0;
+    };
+    token->take_out();
+    LogCapture log;
+    restart();
+    token->put_back();
+    ASSERT_EQ(identity_table_for_version(2)->nentries, 1);
+    EXPECT_TRUE(log.contains("is not available in location 2 now; kept, it signs once it is back"));
+    pkcs11_modules_reset();  // the module sees the token again
+    EXPECT_TRUE(signs());
+
+    // A key that vanishes from the token fails its own signature only.
+    restart();
+    token->delete_private_key("01");
+    pkcs11_modules_reset();
+    EXPECT_FALSE(signs());
+    EXPECT_TRUE(log.contains("pkcs11: token \"agent test\" holds no private key for the certificate"));
+    token->put(pki->path("tok-rsa"), "01");
+}
+
+TEST_F(Pkcs11Test, SystemStoreIsTheNssDatabase)
+{
+    TempFolder nssdb;
+    // A database under a password: the signature logs in with it as a PIN.
+    std::ofstream(nssdb.path("pw")) << TOKEN_PIN << "\n";
+    ToolResult made = run_tool("certutil -N -d sql:" + nssdb.path() + " -f " + nssdb.path("pw") + " && pk12util -i " +
+                               pki->path("nss-user.p12") + " -d sql:" + nssdb.path() + " -k " + nssdb.path("pw") +
+                               " -W p12pass");
+    ASSERT_EQ(made.status, 0) << made.output;
+    setenv("TARNWELL_NSS_DB", nssdb.path().c_str(), 1);
+    KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "nss-user");
+    ASSERT_NE(key, nullptr);
+    EXPECT_EQ(key->cert_source, CERT_SOURCE_SYSTEM);
+    SecureBytes blob;
+    ASSERT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp256", &blob), 0);
+    expect_verifies(blob, X509_get0_pubkey(key->cert.get()), "ecdsa-sha2-nistp256", "SHA256", "mpint", DATA);
+    EXPECT_EQ(pin_asked, 1);
+    EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_SYSTEM, pki->sha1(pki->path("nss-user.crt")))->cert_source,
+              CERT_SOURCE_SYSTEM);
+    pkcs11_modules_reset();
+    unsetenv("TARNWELL_NSS_DB");
+}
