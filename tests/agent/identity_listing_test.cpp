@@ -7,6 +7,7 @@
 #include "keys/key_blob.h"
 #include "pki/agent_enum.h"
 #include "support/dispatch_helper.h"
+#include "support/environment.h"
 #include "support/identity_fixture.h"
 #include "support/log_capture.h"
 
@@ -76,7 +77,7 @@ void vendor_notice(uint64_t connection, uint32_t setting)
 
 struct Unlocked {
     Unlocked() { agent_set_locked(false); identity_tables_init(); }
-    ~Unlocked() { agent_set_locked(true); identity_tables_init(); unsetenv("TARNWELL_FIPS"); }
+    ~Unlocked() { agent_set_locked(true); identity_tables_init(); unset_environment("TARNWELL_FIPS"); }
 };
 
 }  // namespace
@@ -126,7 +127,7 @@ TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"ssh-rsa"}));
     set_use_only_sha1(0);
 
-    setenv("TARNWELL_FIPS", "1", 1);
+    set_environment("TARNWELL_FIPS", "1");
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ecdsa-sha2-nistp256"}));
     EXPECT_TRUE(log.contains("Not listing ssh-rsa, MD5 and SHA1 signatures not allowed in FIPS mode."));
     // A local list still offers ssh-rsa.

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/bytes.h"
+#include "support/files.h"
 
 class AgentProcess {
 public:
@@ -137,13 +138,7 @@ public:
 
     std::string log_text() const { return read_file(stderr_path()); }
 
-    static std::string read_file(const std::string &path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    static std::string read_file(const std::string &path) { return read_file_text(path); }
 
 private:
     static int &counter()
