@@ -1,6 +1,6 @@
 #include "crypto/ed25519_signature.h"
 
-#include <strings.h>
+#include "log/text_compare.h"
 
 #include "crypto/fips_policy.h"
 #include "crypto/ossl_ptr.h"
@@ -50,7 +50,7 @@ int ssh_ed25519_verify(const Key *key, const uint8_t *signature, size_t signatur
     }
     SignatureBlob blob = signature_blob_parse(signature, signaturelen);
     if (!blob.has_type || !blob.has_signature || blob.remaining != 0 ||
-        strcasecmp(blob.type.c_str(), "ssh-ed25519") != 0 || blob.signature.size() != ED25519_SIGNATURE_BYTES) {
+        !equals_ignore_case(blob.type.c_str(), "ssh-ed25519") || blob.signature.size() != ED25519_SIGNATURE_BYTES) {
         error("ssh_ed25519_verify: malformed signature blob");
         return -1;
     }

@@ -6,7 +6,7 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
-#include <p11-kit-1/p11-kit/pkcs11.h>
+#include <p11-kit/pkcs11.h>
 
 #include "log/log.h"
 #include "platform/platform.h"

@@ -1,6 +1,6 @@
 #include "pki/x509_signer.h"
 
-#include <strings.h>
+#include "log/text_compare.h"
 
 #include <cstring>
 
@@ -65,8 +65,8 @@ int sign_rsa(const Key *key, const SignatureAlgorithm *row, const CertHandle &ha
     // MD5 follows the setting for plain keys always, for certificates only
     // under the names that sign with SHA-1 by default.
     bool md5 = get_x509rsa_sigtype() == 0 &&
-               (!is_certificate(key->type) || strcasecmp(row->signature_name, "x509v3-sign-rsa") == 0 ||
-                strcasecmp(row->signature_name, "ssh-rsa") == 0);
+               (!is_certificate(key->type) || equals_ignore_case(row->signature_name, "x509v3-sign-rsa") ||
+                equals_ignore_case(row->signature_name, "ssh-rsa"));
     int hash_nid = md5 ? NID_md5 : row->hash_nid;
     if (crypto_fips_enabled()) {
         if (get_x509rsa_sigtype() == 0 || hash_nid == NID_sha1 || hash_nid == NID_md5) {

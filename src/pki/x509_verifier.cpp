@@ -1,6 +1,6 @@
 #include "pki/x509_verifier.h"
 
-#include <strings.h>
+#include "log/text_compare.h"
 
 #include <openssl/obj_mac.h>
 
@@ -73,7 +73,7 @@ int cert_identity_verify(const Key *key, const uint8_t *signature, size_t signat
         return -1;
     }
     SignatureBlob blob = signature_blob_parse(signature, signaturelen);
-    if (!blob.has_signature || blob.remaining != 0 || strcasecmp(blob.type.c_str(), row->signature_name) != 0) {
+    if (!blob.has_signature || blob.remaining != 0 || !equals_ignore_case(blob.type.c_str(), row->signature_name)) {
         error("cert_identity_verify: cannot handle signature %s for %s", blob.type.c_str(), row->name);
         return -1;
     }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,8 @@ std::string platform_host_name();
 // counts as destroyed).
 bool platform_destroy_file(const std::string &path);
 
-// Restricts a finished file to its owner and flushes it and its folder to disk.
+// Marks a finished file private (mode 0600 on POSIX, the hidden attribute on
+// Windows) and flushes it, and on POSIX its folder, to disk.
 bool platform_complete_file(const std::string &path);
 
 // Renames `from` over `to` atomically and flushes the folder.
@@ -51,7 +53,7 @@ bool platform_file_exists(const std::string &path);
 std::string platform_executable_dir();
 
 // Dynamic libraries.
-// File name of the crypto module library ("libtarnwell-pki.so").
+// File name of the crypto module library ("libtarnwell-pki.so", "pki.dll").
 const char *platform_crypto_module_file();
 void *platform_load_library(const std::string &path);
 void *platform_library_symbol(void *library, const char *name);
@@ -65,3 +67,10 @@ uint32_t platform_thread_id();
 
 // `name` in `folder` (just `name` when the folder is empty).
 std::string platform_join_path(const std::string &folder, const std::string &name);
+
+// A policy setting by name (TARNWELL_FIPS, TARNWELL_DODPKI); nothing when it
+// is not set.
+std::optional<std::string> platform_policy_value(const char *name);
+
+// True when the operating system itself demands FIPS mode.
+bool platform_system_fips_mode();

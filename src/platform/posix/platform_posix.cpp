@@ -8,8 +8,10 @@
 #include <ctime>
 #include <algorithm>
 #include <dirent.h>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <fstream>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -236,4 +238,21 @@ std::string platform_join_path(const std::string &folder, const std::string &nam
     if (folder.empty())
         return name;
     return folder.back() == '/' ? folder + name : folder + '/' + name;
+}
+
+// The environment is the place of policy here: set by the session or the
+// service unit that starts the agent.
+std::optional<std::string> platform_policy_value(const char *name)
+{
+    const char *value = getenv(name);
+    if (!value)
+        return std::nullopt;
+    return std::string(value);
+}
+
+bool platform_system_fips_mode()
+{
+    std::ifstream kernel("/proc/sys/crypto/fips_enabled");
+    int value = 0;
+    return kernel >> value && value == 1;
 }
