@@ -6,6 +6,7 @@
 //
 // usage: bench_sign_socket [seconds per measurement, default 3]
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -46,11 +47,16 @@ void put_string(Bytes &b, const void *data, size_t n)
     put_u32(b, static_cast<uint32_t>(n));
     b.insert(b.end(), static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + n);
 }
+// Sized once and filled in place: growing the vector by a push of 4 bytes and
+// then an insert sends g++ 12's -Wstringop-overread after a read that cannot
+// happen.
 Bytes framed(const Bytes &body)
 {
-    Bytes out;
-    put_u32(out, static_cast<uint32_t>(body.size()));
-    out.insert(out.end(), body.begin(), body.end());
+    Bytes out(4 + body.size());
+    uint32_t n = static_cast<uint32_t>(body.size());
+    for (int i = 0; i < 4; ++i)
+        out[static_cast<size_t>(i)] = static_cast<uint8_t>(n >> (24 - 8 * i));
+    std::copy(body.begin(), body.end(), out.begin() + 4);
     return out;
 }
 

@@ -2,13 +2,13 @@
 
 #include <array>
 #include <ctime>
-#include <strings.h>
 
 #include "agent/key_store.h"
 #include "keys/key.h"
 #include "keys/key_fingerprint.h"
 #include "log/agent_log.h"
 #include "log/log.h"
+#include "log/text_compare.h"
 
 namespace {
 
@@ -132,7 +132,7 @@ std::string make_identity_name(const Key *key)
         bool taken = false;
         for (int version = 1; version <= 2 && !taken; ++version)
             for (const auto &entry : identity_table_for_version(version)->identities)
-                if (entry->key && strcasecmp(entry->key->name.c_str(), candidate.c_str()) == 0) {
+                if (entry->key && equals_ignore_case(entry->key->name.c_str(), candidate.c_str())) {
                     taken = true;
                     break;
                 }

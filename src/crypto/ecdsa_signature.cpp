@@ -1,13 +1,12 @@
 #include "crypto/ecdsa_signature.h"
 
-#include <strings.h>
-
 #include <openssl/ec.h>
 
 #include "crypto/ossl_ptr.h"
 #include "crypto/signature_support.h"
 #include "keys/buffer.h"
 #include "log/log.h"
+#include "log/text_compare.h"
 
 namespace {
 
@@ -99,7 +98,7 @@ int ssh_ecdsa_verify(const Key *key, const uint8_t *signature, size_t signaturel
         error("ssh_ecdsa_verify: failed to parse signature blob");
         return SSH_ECDSA_ERROR;
     }
-    if (strcasecmp(blob.type.c_str(), row->signature_name) != 0) {
+    if (!equals_ignore_case(blob.type.c_str(), row->signature_name)) {
         error("ssh_ecdsa_verify: signature algorithm does not match key type.");
         return SSH_ECDSA_ERROR;
     }

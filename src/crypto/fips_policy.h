@@ -9,9 +9,9 @@ bool crypto_fips_enabled();
 // Fixed once, by the crypto module's initialisation.
 void crypto_fips_flag_set(bool enabled);
 
-// The crypto module's FIPS-required query: on POSIX true when
-// /proc/sys/crypto/fips_enabled reads 1 or the environment variable
-// TARNWELL_FIPS is 1. False while the module cannot be loaded.
+// The crypto module's FIPS-required query: true when the operating system
+// demands FIPS mode (on Linux /proc/sys/crypto/fips_enabled reads 1) or the
+// policy value TARNWELL_FIPS is 1. False while the module cannot be loaded.
 bool crypto_fips_required();
 
 // True unless FIPS rules apply and the crypto module's FIPS implementation

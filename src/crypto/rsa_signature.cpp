@@ -1,7 +1,5 @@
 #include "crypto/rsa_signature.h"
 
-#include <strings.h>
-
 #include <cstring>
 
 #include <openssl/obj_mac.h>
@@ -12,6 +10,7 @@
 #include "crypto/signature_support.h"
 #include "crypto/signature_types.h"
 #include "log/log.h"
+#include "log/text_compare.h"
 
 namespace {
 
@@ -47,7 +46,7 @@ const SignatureAlgorithm *rsa_key_row(const Key *key)
     if (!key || key->type != KEY_RSA || !key->pkey || EVP_PKEY_get_base_id(key->pkey.get()) != EVP_PKEY_RSA)
         return nullptr;
     const SignatureAlgorithm *row = key_signature_row(key);
-    if (!row || strcasecmp(row->base_name, "ssh-rsa") != 0)
+    if (!row || !equals_ignore_case(row->base_name, "ssh-rsa"))
         return nullptr;
     return row;
 }
@@ -135,7 +134,7 @@ int ssh_rsa_verify(const Key *key, const uint8_t *signature, size_t signaturelen
         return -1;
     }
     SignatureBlob blob = signature_blob_parse(signature, signaturelen);
-    if (strcasecmp(blob.type.c_str(), row->signature_name) != 0) {
+    if (!equals_ignore_case(blob.type.c_str(), row->signature_name)) {
         error("ssh_rsa_verify: cannot handle type %s", blob.type.c_str());
         return -1;
     }

@@ -1,8 +1,8 @@
 #include "crypto/signature_algorithm.h"
 
-#include <strings.h>
-
 #include <openssl/obj_mac.h>
+
+#include "log/text_compare.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ const SignatureAlgorithm *find_row(const char *name, Column column)
     if (!name)
         return nullptr;
     for (const SignatureAlgorithm &row : rows)
-        if (strcasecmp(column(row), name) == 0)
+        if (equals_ignore_case(column(row), name))
             return &row;
     return nullptr;
 }

@@ -1,7 +1,5 @@
 #include "keys/key.h"
 
-#include <strings.h>
-
 #include <cstring>
 
 #include <openssl/err.h>
@@ -10,6 +8,7 @@
 #include "keys/buffer.h"
 #include "keys/key_material.h"
 #include "log/log.h"
+#include "log/text_compare.h"
 #include "pki/kvl.h"
 
 void key_log_crypto_error()
@@ -152,27 +151,27 @@ int key_type_from_name(const char *name)
 {
     if (name) {
         for (const char *rsa : {"rsa", "rsa-sha2-256", "rsa-sha2-512", SSH_RSA_SHA256_VENDOR_ALIAS})
-            if (strcasecmp(name, rsa) == 0)
+            if (equals_ignore_case(name, rsa))
                 return KEY_RSA;
-        if (strcasecmp(name, "dsa") == 0)
+        if (equals_ignore_case(name, "dsa"))
             return KEY_DSA;
-        if (strcasecmp(name, "ssh-rsa") == 0)
+        if (equals_ignore_case(name, "ssh-rsa"))
             return KEY_RSA;
-        if (strcasecmp(name, "ssh-dss") == 0)
+        if (equals_ignore_case(name, "ssh-dss"))
             return KEY_DSA;
         for (const char *x509rsa : {"x509v3-ssh-rsa", "x509v3-sign-rsa", "x509v3-rsa2048-sha256"})
-            if (strcasecmp(name, x509rsa) == 0)
+            if (equals_ignore_case(name, x509rsa))
                 return KEY_X509_RSA;
-        if (strcasecmp(name, "x509v3-sign-dss") == 0)
+        if (equals_ignore_case(name, "x509v3-sign-dss"))
             return KEY_X509_DSA;
         // Prefix tests only: the curve is checked against the blob later.
-        if (strncasecmp(name, "ecdsa-sha2-", 11) == 0)
+        if (starts_with_ignore_case(name, "ecdsa-sha2-"))
             return KEY_ECDSA;
-        if (strncasecmp(name, "x509v3-ecdsa-sha2-", 18) == 0)
+        if (starts_with_ignore_case(name, "x509v3-ecdsa-sha2-"))
             return KEY_X509_ECDSA;
-        if (strcasecmp(name, "ssh-ed25519") == 0)
+        if (equals_ignore_case(name, "ssh-ed25519"))
             return KEY_ED25519;
-        if (strcasecmp(name, "null") == 0)
+        if (equals_ignore_case(name, "null"))
             return KEY_NULL;
     }
     debug2("key_type_from_name: unknown key type '%s'", name ? name : "(null)");
@@ -181,13 +180,13 @@ int key_type_from_name(const char *name)
 
 int key_type_from_short_name(const char *name)
 {
-    if (name && strcasecmp(name, "rsa") == 0)
+    if (name && equals_ignore_case(name, "rsa"))
         return KEY_RSA;
-    if (name && strcasecmp(name, "dsa") == 0)
+    if (name && equals_ignore_case(name, "dsa"))
         return KEY_DSA;
-    if (name && strcasecmp(name, "ecdsa") == 0)
+    if (name && equals_ignore_case(name, "ecdsa"))
         return KEY_ECDSA;
-    if (name && strcasecmp(name, "ed25519") == 0)
+    if (name && equals_ignore_case(name, "ed25519"))
         return KEY_ED25519;
     return KEY_UNSPEC;
 }

@@ -1,9 +1,8 @@
 // The curve tables: nids, curve names, algorithm names and bit sizes.
-#include <strings.h>
-
 #include <cstring>
 
 #include "keys/key.h"
+#include "log/text_compare.h"
 
 namespace {
 
@@ -50,7 +49,7 @@ const char *key_curve_nid_to_name(int nid)
 int key_ecdsa_name_to_nid(const char *name)
 {
     for (const Curve &c : curves)
-        if (name && (strcasecmp(name, c.ecdsa_name) == 0 || strcasecmp(name, c.x509_name) == 0))
+        if (name && (equals_ignore_case(name, c.ecdsa_name) || equals_ignore_case(name, c.x509_name)))
             return c.nid;
     return -1;
 }

@@ -188,8 +188,13 @@ std::string key_line(const Key *key, bool with_comment)
             return line;
         line = std::string(key_blob_type_name(key)) + " " + base64(blob.data(), len);
     }
-    if (with_comment)
-        line += " " + user_at_host() + "\n";
+    if (with_comment) {
+        // Appended piece by piece: a temporary built by " " + text sends
+        // g++ 12's -Wrestrict after an overlap that cannot happen.
+        line += ' ';
+        line += user_at_host();
+        line += '\n';
+    }
     return line;
 }
 

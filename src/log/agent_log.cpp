@@ -6,9 +6,9 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
-#include <strings.h>
 
 #include "log/log.h"
+#include "log/text_compare.h"
 #include "platform/platform.h"
 
 std::string format_with_zero_arguments(const char *text)
@@ -65,15 +65,14 @@ std::string format_with_zero_arguments(const char *text)
 
 void agent_log(const char *fmt, ...)
 {
-    char format[LOG_MESSAGE_MAX];
-    snprintf(format, sizeof format, "keyagent: %s", fmt);
+    // The prefix goes in front of the expansion, never into the format, so
+    // the caller's format is the one the compiler checked.
+    static constexpr char prefix[] = "keyagent: ";
     char message[LOG_MESSAGE_MAX];
+    memcpy(message, prefix, sizeof prefix);
     va_list args;
     va_start(args, fmt);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    vsnprintf(message, sizeof message, format, args);
-#pragma GCC diagnostic pop
+    vsnprintf(message + sizeof prefix - 1, sizeof message - (sizeof prefix - 1), fmt, args);
     va_end(args);
     logit("%s", format_with_zero_arguments(message).c_str());
 }
@@ -145,9 +144,9 @@ void log_file_configure(LogFileState *state, int component, const std::string &f
             value = line.substr(split + 1);
             value = value.substr(0, value.find_first_of("\r\n"));
         }
-        if (strcasecmp(key.c_str(), "append") == 0) {
-            state->append = strcasecmp(value.c_str(), "no") != 0;
-        } else if (const char *own = component_key(component); own && strcasecmp(key.c_str(), own) == 0) {
+        if (equals_ignore_case(key.c_str(), "append")) {
+            state->append = !equals_ignore_case(value.c_str(), "no");
+        } else if (const char *own = component_key(component); own && equals_ignore_case(key.c_str(), own)) {
             state->forced = true;
             if (!value.empty())
                 configured_path = value;

@@ -3,11 +3,13 @@
 
 #include <string>
 
+#include "log/printf_format.h"
+
 // Prefixes "keyagent: " and logs at info level. The finished text is
 // formatted a second time, so a '%' that arrives through an argument is
 // expanded again; that second pass takes every missing argument as zero and
 // never reads memory it was not given.
-void agent_log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void agent_log(const char *fmt, ...) PRINTF_FORMAT(1, 2);
 
 // Expands the conversions of `text` as if every argument were zero
 // ("%d" gives "0", "%s" gives "(null)", "%n" writes nothing).

@@ -7,8 +7,8 @@
 #include <forward_list>
 #include <mutex>
 #include <string>
-#include <strings.h>
 
+#include "log/text_compare.h"
 #include "platform/platform.h"
 
 namespace {
@@ -84,7 +84,7 @@ const char *level_prefix(int level)
     }
 }
 
-void log_text(int level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void log_text(int level, const char *fmt, ...) PRINTF_FORMAT(2, 3);
 void log_text(int level, const char *fmt, ...)
 {
     va_list args;
@@ -204,7 +204,7 @@ int log_level_number(const char *name)
         {"DEBUG3", SYSLOG_LEVEL_DEBUG3},
     };
     for (const auto &entry : levels)
-        if (name && strcasecmp(name, entry.name) == 0)
+        if (name && equals_ignore_case(name, entry.name))
             return entry.level;
     return -1;
 }
@@ -214,7 +214,7 @@ int log_facility_number(const char *name)
     static const char *const facilities[] = {"DAEMON", "USER", "AUTH", "LOCAL0", "LOCAL1", "LOCAL2",
                                              "LOCAL3", "LOCAL4", "LOCAL5", "LOCAL6", "LOCAL7"};
     for (int i = 0; i < static_cast<int>(sizeof facilities / sizeof facilities[0]); ++i)
-        if (name && strcasecmp(name, facilities[i]) == 0)
+        if (name && equals_ignore_case(name, facilities[i]))
             return i;
     return -1;
 }

@@ -4,6 +4,8 @@
 #include <cstdarg>
 #include <stdexcept>
 
+#include "log/printf_format.h"
+
 enum LogLevel {
     SYSLOG_LEVEL_FATAL = 1,
     SYSLOG_LEVEL_ERROR = 2,
@@ -54,20 +56,20 @@ void log_set_callback(LogCallback callback, void *context);
 int log_level();
 const char *log_name();
 
-void do_log(int level, const char *fmt, va_list args) __attribute__((format(printf, 2, 0)));
+void do_log(int level, const char *fmt, va_list args) PRINTF_FORMAT(2, 0);
 // Logs an already formatted text as it stands.
 void do_log_text(int level, const char *text);
 
-[[noreturn]] void fatal(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+[[noreturn]] void fatal(const char *fmt, ...) PRINTF_FORMAT(1, 2);
 // What reading bytes from outside finds impossible (over-long strings, big
 // numbers): see ClientInputScope.
-[[noreturn]] void fatal_input(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void logit(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void verbose(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void debug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void debug2(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void debug3(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+[[noreturn]] void fatal_input(const char *fmt, ...) PRINTF_FORMAT(1, 2);
+void error(const char *fmt, ...) PRINTF_FORMAT(1, 2);
+void logit(const char *fmt, ...) PRINTF_FORMAT(1, 2);
+void verbose(const char *fmt, ...) PRINTF_FORMAT(1, 2);
+void debug(const char *fmt, ...) PRINTF_FORMAT(1, 2);
+void debug2(const char *fmt, ...) PRINTF_FORMAT(1, 2);
+void debug3(const char *fmt, ...) PRINTF_FORMAT(1, 2);
 
 // Name lookups for configuration text ("INFO", "DEBUG2", "LOCAL3" ...);
 // -1 when the name is unknown.

@@ -1,9 +1,9 @@
 #include "pki/agent_enum.h"
 
 #include <atomic>
-#include <strings.h>
 
 #include "log/log.h"
+#include "log/text_compare.h"
 
 namespace {
 
@@ -111,7 +111,7 @@ int agent_enum_setting_from_word(const char *word)
     if (!word)
         return -1;
     for (const auto &entry : words)
-        if (strcasecmp(word, entry.word) == 0)
+        if (equals_ignore_case(word, entry.word))
             return entry.setting;
     return -1;
 }

@@ -1,13 +1,12 @@
 #include "pki/pki_startup.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "crypto/crypto_module.h"
 #include "crypto/fips_policy.h"
 #include "log/agent_log.h"
 #include "log/log.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -21,8 +20,7 @@ void pki_log_to_agent(const char *message) { agent_log("%s", message); }
 bool DodPkiPolicy::query()
 {
     if (asked) {
-        const char *value = getenv("TARNWELL_DODPKI");
-        if (value && strcmp(value, "0") == 0)
+        if (platform_policy_value("TARNWELL_DODPKI") == "0")
             flag = true;
     }
     asked = true;

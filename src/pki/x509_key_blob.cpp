@@ -1,10 +1,9 @@
 #include "pki/x509_key_blob.h"
 
-#include <strings.h>
-
 #include "crypto/crypto_module.h"
 #include "keys/key_material.h"
 #include "log/log.h"
+#include "log/text_compare.h"
 #include "pki/pki_startup.h"
 
 namespace {
@@ -31,8 +30,8 @@ X509StackPtr single_certificate_list(X509 *cert)
 
 bool x509_name_is_rfc6187(const char *name)
 {
-    return name && (strcasecmp(name, "x509v3-rsa2048-sha256") == 0 || strcasecmp(name, "x509v3-ssh-rsa") == 0 ||
-                    strncasecmp(name, "x509v3-ecdsa-sha2-", 18) == 0);
+    return name && (equals_ignore_case(name, "x509v3-rsa2048-sha256") || equals_ignore_case(name, "x509v3-ssh-rsa") ||
+                    starts_with_ignore_case(name, "x509v3-ecdsa-sha2-"));
 }
 
 int x509_key_check(const Key *key, const char *caller)

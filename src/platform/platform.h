@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 struct LocalTime {
@@ -58,3 +59,10 @@ uint64_t platform_tick_count();
 uint32_t platform_thread_id();
 
 char platform_path_separator();
+
+// A policy setting by name (TARNWELL_FIPS, TARNWELL_DODPKI); nothing when it
+// is not set.
+std::optional<std::string> platform_policy_value(const char *name);
+
+// True when the operating system itself demands FIPS mode.
+bool platform_system_fips_mode();

@@ -8,6 +8,7 @@
 #include "keys/key_blob.h"
 #include "pki/agent_enum.h"
 #include "support/dispatch_helper.h"
+#include "support/environment.h"
 #include "support/identity_fixture.h"
 #include "support/log_capture.h"
 
@@ -77,7 +78,7 @@ void vendor_notice(uint64_t connection, uint32_t setting)
 
 struct Unlocked {
     Unlocked() { agent_set_locked(false); identity_tables_init(); }
-    ~Unlocked() { agent_set_locked(true); identity_tables_init(); unsetenv("TARNWELL_FIPS"); }
+    ~Unlocked() { agent_set_locked(true); identity_tables_init(); unset_environment("TARNWELL_FIPS"); }
 };
 
 }  // namespace
@@ -129,7 +130,7 @@ TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"ssh-rsa"}));
     set_use_only_sha1(0);
 
-    setenv("TARNWELL_FIPS", "1", 1);
+    set_environment("TARNWELL_FIPS", "1");
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ecdsa-sha2-nistp256"}));
     EXPECT_TRUE(log.contains("Not listing ssh-rsa, MD5 and SHA1 signatures not allowed in FIPS mode."));
     // This library's FIPS implementation has no Ed25519: it is left out.

@@ -7,27 +7,12 @@
 
 #include "log/agent_log.h"
 #include "log/log.h"
+#include "support/files.h"
 #include "support/log_capture.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string read_file(const fs::path &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-fs::path fresh_folder(const char *name)
-{
-    fs::path folder = fs::temp_directory_path() / (std::string("tarnwell-") + name + std::to_string(getpid()));
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    return folder;
-}
 
 int calls = 0;
 void count_call(void *argument) { calls += *static_cast<int *>(argument); }
@@ -92,7 +77,7 @@ TEST(Log, FatalRunsCleanupsNewestFirstThenThrows)
 
 TEST(Log, AgentLogFileAndControlFile)
 {
-    fs::path folder = fresh_folder("log");
+    fs::path folder = fresh_temp_folder("log");
     LogFileState state;
     log_file_configure(&state, LOG_COMPONENT_AGENT, folder.string());
     EXPECT_FALSE(state.enabled);
@@ -106,7 +91,7 @@ TEST(Log, AgentLogFileAndControlFile)
     log_file_write(&state, "PFX", "prefixed");
     log_file_set_enabled(&state, false, "tkeyagent");
     log_file_write(&state, nullptr, "after disabling");
-    std::string text = read_file(state.path);
+    std::string text = read_file_text(state.path);
     EXPECT_NE(text.find("Agent Log Setting Enabled (tkeyagent version 25.2.133)"), std::string::npos);
     EXPECT_NE(text.find(") one line\nPFX prefixed\n"), std::string::npos);  // no second line feed
     EXPECT_NE(text.find("Agent Log Setting Disabled. Stop logging.\n"), std::string::npos);
@@ -123,7 +108,7 @@ TEST(Log, AgentLogFileAndControlFile)
     EXPECT_EQ(state.path, forced.string());
     log_file_set_enabled(&state, false, "tkeyagent");
     log_file_write(&state, nullptr, "still logging");
-    text = read_file(forced);
+    text = read_file_text(forced);
     EXPECT_NE(text.find("Agent Log Setting Disable ignored. Log Enabled by KVLLOG.INI."), std::string::npos);
     EXPECT_NE(text.find("still logging"), std::string::npos);
     fs::remove_all(folder);

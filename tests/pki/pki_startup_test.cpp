@@ -5,6 +5,7 @@
 #include "crypto/crypto_module.h"
 #include "crypto/ossl_ptr.h"
 #include "pki/pki_startup.h"
+#include "support/environment.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -73,18 +74,18 @@ TEST(PkiStartup, RefusedFipsSettingAndFailedInitialisation)
 
 TEST(PkiStartup, DodPolicyFirstQueryAnswersFalse)
 {
-    setenv("TARNWELL_DODPKI", "0", 1);
+    set_environment("TARNWELL_DODPKI", "0");
     DodPkiPolicy policy;
     EXPECT_FALSE(policy.query());
     EXPECT_TRUE(policy.query());
-    unsetenv("TARNWELL_DODPKI");
+    unset_environment("TARNWELL_DODPKI");
     EXPECT_TRUE(policy.query());  // once set, never cleared
 
     DodPkiPolicy other;
-    setenv("TARNWELL_DODPKI", "1", 1);
+    set_environment("TARNWELL_DODPKI", "1");
     other.query();
     EXPECT_FALSE(other.query());
-    unsetenv("TARNWELL_DODPKI");
+    unset_environment("TARNWELL_DODPKI");
 }
 
 TEST(PkiStartup, ModuleChainIsTheCertificateAlone)

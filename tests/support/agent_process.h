@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "support/bytes.h"
+#include "support/files.h"
 
 class AgentProcess {
 public:
@@ -138,13 +139,7 @@ public:
 
     std::string log_text() const { return read_file(stderr_path()); }
 
-    static std::string read_file(const std::string &path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    static std::string read_file(const std::string &path) { return read_file_text(path); }
 
 private:
     static int &counter()

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <unistd.h>
+#include <fstream>
 
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
@@ -13,17 +13,13 @@
 #include "agent/passphrase.h"
 #include "agent/settings.h"
 #include "agent/shell_services.h"
-#include "support/agent_process.h"
+#include "support/files.h"
 
 class AgentStateTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        folder_ = std::filesystem::temp_directory_path() /
-                  ("tarnwell-state-" + std::to_string(getpid()) + "-" +
-                   ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(folder_);
-        std::filesystem::create_directories(folder_);
+        folder_ = fresh_temp_folder("state");
         agent_data_folder_set(folder_.string());
         reset_state();
     }
@@ -35,7 +31,7 @@ protected:
     }
 
     std::string path(const char *name) const { return (folder_ / name).string(); }
-    std::string file_text(const char *name) const { return AgentProcess::read_file(path(name)); }
+    std::string file_text(const char *name) const { return read_file_text(path(name)); }
     void write_file(const char *name, const std::string &text) const
     {
         std::ofstream(path(name), std::ios::binary) << text;

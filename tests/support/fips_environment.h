@@ -2,15 +2,14 @@
 // the process state after it.
 #pragma once
 
-#include <cstdlib>
-
 #include "crypto/fips_policy.h"
+#include "support/environment.h"
 
 struct FipsEnvironment {
-    FipsEnvironment() { setenv("TARNWELL_FIPS", "1", 1); }
+    FipsEnvironment() { set_environment("TARNWELL_FIPS", "1"); }
     ~FipsEnvironment()
     {
-        unsetenv("TARNWELL_FIPS");
+        unset_environment("TARNWELL_FIPS");
         crypto_fips_flag_set(false);
     }
     FipsEnvironment(const FipsEnvironment &) = delete;

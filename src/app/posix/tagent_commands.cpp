@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <strings.h>
 #include <unistd.h>
 
 #include "agent/passphrase.h"
@@ -18,6 +17,7 @@
 #include "app/posix/tagent_keys.h"
 #include "app/program_texts.h"
 #include "app/window_messages.h"
+#include "log/text_compare.h"
 #include "platform/posix/fd_io.h"
 
 const char *const TAGENT_USAGE =
@@ -181,10 +181,10 @@ int cmd_set(const TagentContext &c, const std::vector<std::string> &args)
     auto setting = settings.find(key);
     if (setting == settings.end())
         return tagent_usage_error("unknown setting");
-    if (strcasecmp(args[2].c_str(), "yes") != 0 && strcasecmp(args[2].c_str(), "no") != 0)
+    if (!equals_ignore_case(args[2].c_str(), "yes") && !equals_ignore_case(args[2].c_str(), "no"))
         return tagent_usage_error("the value is yes or no");
     int64_t changed = 0;
-    int status = control(c, setting->second, 0, strcasecmp(args[2].c_str(), "yes") == 0 ? 1 : 0, "", &changed);
+    int status = control(c, setting->second, 0, equals_ignore_case(args[2].c_str(), "yes") ? 1 : 0, "", &changed);
     if (status == TAGENT_DONE)
         printf("%s %s\n", args[1].c_str(), changed ? "changed" : "unchanged");
     return status;

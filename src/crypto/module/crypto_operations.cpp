@@ -2,27 +2,21 @@
 // over OpenSSL 3.
 #include "crypto/module/crypto_operations.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/provider.h>
 #include <openssl/rand.h>
 
+#include "platform/platform.h"
+
 namespace {
 
-// The kernel's FIPS mode is fixed at boot, and the rules ask for it on every
-// signature: read the file once.
-bool kernel_fips_enabled()
+// The system's FIPS mode is fixed at boot, and the rules ask for it on every
+// signature: ask once.
+bool system_fips_enabled()
 {
-    static const bool enabled = [] {
-        std::ifstream kernel("/proc/sys/crypto/fips_enabled");
-        int value = 0;
-        return kernel >> value && value == 1;
-    }();
+    static const bool enabled = platform_system_fips_mode();
     return enabled;
 }
 
@@ -45,10 +39,9 @@ bool fips_provider_ready()
 
 int module_fips_required()
 {
-    const char *env = getenv("TARNWELL_FIPS");
-    if (env && strcmp(env, "1") == 0)
+    if (platform_policy_value("TARNWELL_FIPS") == "1")
         return 1;
-    return kernel_fips_enabled() ? 1 : 0;
+    return system_fips_enabled() ? 1 : 0;
 }
 
 int module_fips_enforcement_level()
@@ -72,9 +65,9 @@ int module_set_fips_state(int enabled)
 
 int module_set_default_properties(const char *query) { return EVP_set_default_properties(nullptr, query); }
 
-// On this platform the system-wide demand is the kernel's FIPS switch; the
-// environment variable stands for the program's own settings.
-int module_fips_set_by_policy() { return kernel_fips_enabled() ? 1 : 0; }
+// The system-wide demand is the operating system's FIPS switch; the
+// TARNWELL_FIPS policy value stands for the program's own settings.
+int module_fips_set_by_policy() { return system_fips_enabled() ? 1 : 0; }
 
 int module_prng_status() { return RAND_status(); }
 

@@ -1,7 +1,13 @@
 // The crypto module library's one export.
 #include "crypto/module/crypto_operations.h"
 
-extern "C" __attribute__((visibility("default"))) const CryptoApi *GetCryptoApi()
+#if defined(_WIN32)
+#define CRYPTO_MODULE_EXPORT __declspec(dllexport)
+#else
+#define CRYPTO_MODULE_EXPORT __attribute__((visibility("default")))
+#endif
+
+extern "C" CRYPTO_MODULE_EXPORT const CryptoApi *GetCryptoApi()
 {
     static const CryptoApi api = {
         module_fips_required,

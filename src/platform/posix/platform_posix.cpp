@@ -6,8 +6,10 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <fstream>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -203,3 +205,20 @@ uint64_t platform_tick_count()
 uint32_t platform_thread_id() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
 char platform_path_separator() { return '/'; }
+
+// The environment is the place of policy here: set by the session or the
+// service unit that starts the agent.
+std::optional<std::string> platform_policy_value(const char *name)
+{
+    const char *value = getenv(name);
+    if (!value)
+        return std::nullopt;
+    return std::string(value);
+}
+
+bool platform_system_fips_mode()
+{
+    std::ifstream kernel("/proc/sys/crypto/fips_enabled");
+    int value = 0;
+    return kernel >> value && value == 1;
+}
