@@ -223,6 +223,8 @@ std::string platform_library_error()
 
 uint64_t platform_tick_count() { return GetTickCount64(); }
 
+uint32_t platform_thread_id() { return GetCurrentThreadId(); }
+
 char platform_path_separator() { return '\\'; }
 
 // The environment stands in for group policy for now; the group policy
