@@ -57,11 +57,17 @@ public:
         set_agent_passphrase(passphrase, passphrase[0] == '\0');
     }
 
-    // Starts tkeyagent.exe with `command_line` as its whole command line.
-    PROCESS_INFORMATION launch(const std::wstring &command_line = L"0") const
+    // Agents started from now on use this folder.
+    void use_folder() const
     {
         SetEnvironmentVariableW(L"TARNWELL_DATA_DIR", folder_.wstring().c_str());
         SetEnvironmentVariableW(L"TARNWELL_LOG_DIR", folder_.wstring().c_str());
+    }
+
+    // Starts tkeyagent.exe with `command_line` as its whole command line.
+    PROCESS_INFORMATION launch(const std::wstring &command_line = L"0") const
+    {
+        use_folder();
         std::wstring program = utf8_to_wide(platform_executable_dir() + "tkeyagent.exe");
         std::wstring line = command_line;
         STARTUPINFOW startup = {};
