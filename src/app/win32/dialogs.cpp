@@ -55,6 +55,16 @@ void place_over_owner(HWND dialog, HWND owner)
 void initialise(HWND dialog, ReadPassphraseParam *param)
 {
     SetPropW(dialog, PARAM_PROPERTY, param);
+    // The layouts come from the resource library; their words from the
+    // string table.
+    SetWindowTextW(dialog, resource_text(static_cast<int>(param->dialog)).c_str());
+    if (param->dialog == DIALOG_FIRST_PASSPHRASE) {
+        SetDlgItemTextW(dialog, CONTROL_NO_PASSPHRASE, resource_text(TEXT_NO_PASSPHRASE).c_str());
+        if (!param->prompt)
+            param->prompt = resource_text(TEXT_FIRST_PASSPHRASE_DESCRIPTION);
+    } else if (param->dialog == DIALOG_UNLOCK && !param->prompt) {
+        param->prompt = resource_text(TEXT_UNLOCK_DESCRIPTION);
+    }
     if (param->prompt)
         SetDlgItemTextW(dialog, CONTROL_PROMPT, param->prompt->c_str());
     if (HMODULE library = resource_library()) {
