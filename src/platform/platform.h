@@ -26,7 +26,8 @@ std::string platform_host_name();
 // counts as destroyed).
 bool platform_destroy_file(const std::string &path);
 
-// Restricts a finished file to its owner and flushes it and its folder to disk.
+// Marks a finished file private (mode 0600 on POSIX, the hidden attribute on
+// Windows) and flushes it, and on POSIX its folder, to disk.
 bool platform_complete_file(const std::string &path);
 
 // Renames `from` over `to` atomically and flushes the folder.
@@ -46,7 +47,7 @@ bool platform_file_exists(const std::string &path);
 std::string platform_executable_dir();
 
 // Dynamic libraries.
-// File name of the crypto module library ("libtarnwell-pki.so").
+// File name of the crypto module library ("libtarnwell-pki.so", "pki.dll").
 const char *platform_crypto_module_file();
 void *platform_load_library(const std::string &path);
 void *platform_library_symbol(void *library, const char *name);
