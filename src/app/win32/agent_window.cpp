@@ -43,6 +43,7 @@ LRESULT CALLBACK agent_window_procedure(HWND window, UINT message, WPARAM wparam
     case WM_SET_USE_ONLY_SHA1:
     case WM_QUERY_READY:
     case WM_SET_CREATE_LOG:
+    case WM_QUERY_UNREADABLE_RECORDS:
         return static_cast<LRESULT>(agent_window_message(message, wparam, static_cast<uint64_t>(lparam), {}));
     default: return DefWindowProcW(window, message, wparam, lparam);
     }
