@@ -35,10 +35,12 @@ inline bool desktop_ready()
 
 class WindowsAgent {
 public:
-    WindowsAgent() : folder_(fresh_temp_folder("win32"))
+    // `with_log`: a kvllog.ini that forces the agent log on.
+    explicit WindowsAgent(bool with_log = true) : folder_(fresh_temp_folder("win32"))
     {
         EXPECT_TRUE(desktop_ready());
-        std::ofstream(folder_ / "kvllog.ini", std::ios::binary) << "agent=\n";
+        if (with_log)
+            std::ofstream(folder_ / "kvllog.ini", std::ios::binary) << "agent=\n";
     }
     ~WindowsAgent()
     {
