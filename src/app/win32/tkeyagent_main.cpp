@@ -22,6 +22,12 @@ int64_t owner_window = 0;
 
 bool initialise_passphrase() { return windows_startup_passphrase(owner_window); }
 
+void hide_shell_windows()
+{
+    tray_icon_remove();
+    close_manager_window();
+}
+
 void run_message_loop()
 {
     MSG message;
@@ -75,7 +81,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int)
     AgentShellSteps steps;
     steps.initialise_passphrase = initialise_passphrase;
     steps.run_loop = run_message_loop;
-    steps.hide_tray = tray_icon_remove;
+    steps.hide_tray = hide_shell_windows;
     steps.close_connections = close_client_connections;
     agent_run(windows_shell_services(), steps);
 

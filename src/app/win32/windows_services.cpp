@@ -25,9 +25,11 @@ void fatal_shutdown()
 }
 
 // The manager window is a dialog whose title is the application title.
+HWND manager_window() { return FindWindowW(L"#32770", resource_text(TEXT_APPLICATION_TITLE).c_str()); }
+
 void notify_manager()
 {
-    if (HWND manager = FindWindowW(L"#32770", resource_text(TEXT_APPLICATION_TITLE).c_str()))
+    if (HWND manager = manager_window())
         PostMessageW(manager, WM_MANAGER_NOTICE, 0, 0);
 }
 
@@ -43,6 +45,12 @@ void windows_services_attach(DWORD main_thread, HWND window)
 {
     main_thread_id = main_thread;
     agent_window = window;
+}
+
+void close_manager_window()
+{
+    if (HWND manager = manager_window())
+        PostMessageW(manager, WM_CLOSE, 0, 0);
 }
 
 void show_error_text(int text_id)

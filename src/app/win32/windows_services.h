@@ -12,5 +12,8 @@ void windows_services_attach(DWORD main_thread, HWND window);
 
 ShellServices windows_shell_services();
 
+// Asks the manager window, when it is open, to close.
+void close_manager_window();
+
 // A message box with text `text_id`, caption string 101, error icon, topmost.
 void show_error_text(int text_id);
