@@ -6,6 +6,7 @@
 #include "crypto/ossl_ptr.h"
 #include "crypto/signature_support.h"
 #include "log/log.h"
+#include "log/text_compare.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ int ssh_ed25519_verify(const Key *key, const uint8_t *signature, size_t signatur
     }
     SignatureBlob blob = signature_blob_parse(signature, signaturelen);
     if (!blob.has_type || !blob.has_signature || blob.remaining != 0 ||
-        !equals_ignore_case(blob.type.c_str(), "ssh-ed25519") || blob.signature.size() != ED25519_SIGNATURE_BYTES) {
+        !equals_ignore_case(blob.type, "ssh-ed25519") || blob.signature.size() != ED25519_SIGNATURE_BYTES) {
         error("ssh_ed25519_verify: malformed signature blob");
         return -1;
     }

@@ -9,19 +9,28 @@
 #include "app/posix/unix_socket.h"
 #include "keys/buffer.h"
 
-AgentConnection::AgentConnection(const std::string &socket_path) : fd_(unix_socket_connect(socket_path)) {}
+struct AgentConnection::Channel {
+    int fd = -1;
+};
+
+AgentConnection::AgentConnection(const std::string &socket_path) : channel_(std::make_unique<Channel>())
+{
+    channel_->fd = unix_socket_connect(socket_path);
+}
 
 AgentConnection::~AgentConnection()
 {
-    if (fd_ >= 0)
-        close(fd_);
+    if (channel_->fd >= 0)
+        close(channel_->fd);
 }
+
+bool AgentConnection::connected() const { return channel_->fd >= 0; }
 
 bool AgentConnection::send_only(const Buffer &body)
 {
     Buffer framed;
     buffer_put_buffer_string(&framed, &body);
-    return fd_ >= 0 && fd_write_all(fd_, buffer_ptr(&framed), buffer_len(&framed));
+    return channel_->fd >= 0 && fd_write_all(channel_->fd, buffer_ptr(&framed), buffer_len(&framed));
 }
 
 bool AgentConnection::call(const Buffer &body, Buffer *reply)
@@ -29,7 +38,7 @@ bool AgentConnection::call(const Buffer &body, Buffer *reply)
     if (!send_only(body))
         return false;
     SecureBytes bytes;
-    if (!socket_read_framed(fd_, AGENT_MAX_REQUEST, &bytes))
+    if (!socket_read_framed(channel_->fd, AGENT_MAX_REQUEST, &bytes))
         return false;
     buffer_clear(reply);
     buffer_append(reply, bytes.data(), static_cast<uint32_t>(bytes.size()));

@@ -1,28 +1,11 @@
-// The client side of the agent protocol: one connection, framed requests.
+// The client side of the agent protocol over the agent socket: the POSIX
+// AgentConnection (declared with tagent's shell services) and where the
+// sockets are.
 #pragma once
 
 #include <string>
-#include <vector>
 
-#include "keys/buffer.h"
-
-class AgentConnection {
-public:
-    explicit AgentConnection(const std::string &socket_path);
-    ~AgentConnection();
-    AgentConnection(const AgentConnection &) = delete;
-    AgentConnection &operator=(const AgentConnection &) = delete;
-
-    bool connected() const { return fd_ >= 0; }
-    // Sends the body (message number and arguments) framed, and reads the
-    // framed reply's body into `reply`. False on I/O failure.
-    bool call(const Buffer &body, Buffer *reply);
-    // Sends without waiting for a reply (for messages that have none).
-    bool send_only(const Buffer &body);
-
-private:
-    int fd_ = -1;
-};
+#include "app/tagent/tagent_shell.h"
 
 // The agent socket a client should use: `explicit_path`, else
 // $SSH_AUTH_SOCK, else the default runtime folder's agent.sock.

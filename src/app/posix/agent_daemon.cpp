@@ -18,7 +18,7 @@
 #include "app/posix/agent_server.h"
 #include "app/posix/control_channel.h"
 #include "app/posix/control_client.h"
-#include "app/posix/control_protocol.h"
+#include "app/tagent/control_protocol.h"
 #include "app/posix/folders.h"
 #include "app/posix/pinentry.h"
 #include "app/posix/single_instance.h"

@@ -12,7 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "app/posix/control_protocol.h"
+#include "app/tagent/control_protocol.h"
 #include "app/posix/peer_check.h"
 #include "app/posix/unix_socket.h"
 #include "app/window_messages.h"

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "app/posix/agent_client.h"
-#include "app/posix/tagent_commands.h"
+#include "app/tagent/tagent_commands.h"
 
 int main(int argc, char **argv)
 {

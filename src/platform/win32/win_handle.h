@@ -15,6 +15,17 @@ public:
     }
     WinHandle(const WinHandle &) = delete;
     WinHandle &operator=(const WinHandle &) = delete;
+    WinHandle(WinHandle &&other) noexcept : handle_(other.handle_) { other.handle_ = nullptr; }
+    WinHandle &operator=(WinHandle &&other) noexcept
+    {
+        if (this != &other) {
+            if (handle_)
+                CloseHandle(handle_);
+            handle_ = other.handle_;
+            other.handle_ = nullptr;
+        }
+        return *this;
+    }
 
     HANDLE get() const { return handle_; }
     explicit operator bool() const { return handle_ != nullptr; }

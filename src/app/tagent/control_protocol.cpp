@@ -1,4 +1,4 @@
-#include "app/posix/control_protocol.h"
+#include "app/tagent/control_protocol.h"
 
 #include "keys/buffer.h"
 

@@ -1,8 +1,8 @@
-#include "app/posix/tagent_args.h"
+#include "app/tagent/tagent_args.h"
 
 #include <cstdio>
 
-#include "app/posix/tagent_commands.h"
+#include "app/tagent/tagent_commands.h"
 
 std::optional<std::string> tagent_option(const std::vector<std::string> &args, const char *name)
 {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "app/posix/tagent_commands.h"
+#include "app/tagent/tagent_commands.h"
 
 // cert import FILE.p12 | cert list | cert remove IDENTIFIER
 int tagent_cert(const TagentContext &context, const std::vector<std::string> &args);

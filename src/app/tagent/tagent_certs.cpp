@@ -1,57 +1,45 @@
-#include "app/posix/tagent_certs.h"
+#include "app/tagent/tagent_certs.h"
 
 #include <cstdio>
 #include <fstream>
 #include <optional>
 #include <sstream>
-#include <strings.h>
-
-#include <openssl/crypto.h>
 
 #include "agent/data_folder.h"
 #include "agent/passphrase.h"
 #include "agent/protocol.h"
 #include "agent/settings.h"
-#include "app/posix/agent_client.h"
-#include "app/posix/folders.h"
-#include "app/posix/pinentry.h"
-#include "app/posix/tagent_args.h"
 #include "app/program_texts.h"
+#include "app/startup_passphrase.h"
+#include "app/tagent/tagent_args.h"
+#include "app/tagent/tagent_shell.h"
 #include "keys/key.h"
+#include "log/text_compare.h"
 #include "pki/cert_store.h"
 
 namespace {
 
-std::optional<SecretString> first_line_of(const std::string &path)
-{
-    std::ifstream in(path);
-    std::string line;
-    if (!in || !std::getline(in, line))
-        return std::nullopt;
-    SecretString secret(line.c_str(), line.size());
-    OPENSSL_cleanse(line.data(), line.size());
-    return secret;
-}
-
-// The value of a file option, else what the user types into pinentry.
+// The value of a file option, else what the user types into the prompt.
 std::optional<SecretString> secret_from(const std::vector<std::string> &args, const char *option,
                                         const std::string &description)
 {
     if (auto file = tagent_option(args, option)) {
-        auto line = first_line_of(*file);
-        if (!line)
-            fprintf(stderr, "tagent: cannot read %s\n", file->c_str());
-        return line;
+        SecretString line;
+        std::string message;
+        if (read_passphrase_file(*file, &line, &message))
+            return line;
+        fprintf(stderr, "tagent: %s\n", message.c_str());
+        return std::nullopt;
     }
-    return pinentry_get_pin({program_text(TEXT_APPLICATION_TITLE), description, program_text(TEXT_PASSPHRASE_PROMPT),
-                             ""});
+    return tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), description,
+                                  program_text(TEXT_PASSPHRASE_PROMPT), ""});
 }
 
 // The data folder the agent uses (--data-dir, else the default), with its
 // settings read, so that the agent passphrase can be checked.
 std::string open_data_folder(const std::vector<std::string> &args)
 {
-    std::string folder = agent_folders("", tagent_option(args, "--data-dir").value_or(""), "").data;
+    std::string folder = tagent_option(args, "--data-dir").value_or(tagent_default_data_folder());
     agent_data_folder_set(folder);
     read_agent_settings();
     return cert_store_folder();
@@ -69,7 +57,7 @@ std::optional<SecretString> agent_passphrase(const std::vector<std::string> &arg
     uint8_t digest[AGENT_DIGEST_LENGTH];
     agent_passphrase_digest(passphrase->c_str(), digest);
     bool match = CRYPTO_memcmp(digest, agent_settings().passphrase_digest, AGENT_DIGEST_LENGTH) == 0;
-    OPENSSL_cleanse(digest, sizeof digest);
+    wipe_memory(digest, sizeof digest);
     if (!match) {
         fprintf(stderr, "tagent: wrong agent passphrase\n");
         return std::nullopt;
@@ -128,11 +116,11 @@ int cert_remove(const std::vector<std::string> &args)
 
 uint32_t location_from(const std::string &word)
 {
-    if (word == "1" || strcasecmp(word.c_str(), "system") == 0)
+    if (word == "1" || equals_ignore_case(word, "system"))
         return CERT_SOURCE_SYSTEM;
-    if (word == "2" || strcasecmp(word.c_str(), "pkcs11") == 0)
+    if (word == "2" || equals_ignore_case(word, "pkcs11"))
         return CERT_SOURCE_PKCS11;
-    if (word == "3" || strcasecmp(word.c_str(), "tarnwell") == 0)
+    if (word == "3" || equals_ignore_case(word, "tarnwell"))
         return CERT_SOURCE_TARNWELL;
     return CERT_SOURCE_NONE;
 }

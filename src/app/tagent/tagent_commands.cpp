@@ -1,4 +1,4 @@
-#include "app/posix/tagent_commands.h"
+#include "app/tagent/tagent_commands.h"
 
 #include <cstdio>
 #include <cstring>
@@ -6,21 +6,17 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <unistd.h>
 
 #include "agent/passphrase.h"
 #include "agent/protocol.h"
-#include "app/posix/agent_client.h"
-#include "app/posix/control_client.h"
-#include "app/posix/pinentry.h"
-#include "app/posix/tagent_args.h"
-#include "app/posix/tagent_certs.h"
-#include "app/posix/tagent_keys.h"
+#include "app/tagent/tagent_args.h"
+#include "app/tagent/tagent_certs.h"
+#include "app/tagent/tagent_keys.h"
+#include "app/tagent/tagent_shell.h"
 #include "app/program_texts.h"
 #include "app/startup_passphrase.h"
 #include "app/window_messages.h"
 #include "log/text_compare.h"
-#include "platform/posix/fd_io.h"
 
 const char *const TAGENT_USAGE =
     "usage: tagent [-a PATH] COMMAND\n"
@@ -72,7 +68,7 @@ std::optional<SecretString> passphrase_from(const std::vector<std::string> &args
         fprintf(stderr, "tagent: %s\n", message.c_str());
         return std::nullopt;
     }
-    auto pin = pinentry_get_pin({program_text(TEXT_APPLICATION_TITLE), program_text(description),
+    auto pin = tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), program_text(description),
                                  program_text(TEXT_PASSPHRASE_PROMPT), ""});
     if (!pin)
         fprintf(stderr, "tagent: no passphrase given\n");
@@ -198,7 +194,7 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
         fprintf(stderr, "tagent: %s\n", AGENT_PASSPHRASE_UNSTORABLE);
         if (tagent_option(args, "--new-file"))
             return TAGENT_REFUSED;
-        new_passphrase = pinentry_get_pin({program_text(TEXT_APPLICATION_TITLE), AGENT_PASSPHRASE_UNSTORABLE,
+        new_passphrase = tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), AGENT_PASSPHRASE_UNSTORABLE,
                                            program_text(TEXT_PASSPHRASE_PROMPT), ""});
     }
     if (!new_passphrase)
@@ -236,22 +232,7 @@ int cmd_stop(const TagentContext &c, const std::vector<std::string> &)
     return control(c, WM_COMMAND_MESSAGE, MENU_EXIT, 0, "", &ignored);
 }
 
-int cmd_watch(const TagentContext &c, const std::vector<std::string> &)
-{
-    ControlRequest request;
-    request.message = CONTROL_WATCH;
-    int64_t subscriber = 0;
-    int fd = control_open(c.control_socket, request, &subscriber);
-    if (fd < 0)
-        return tagent_unreachable(c.control_socket);
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    char chunk[256];
-    ssize_t n;
-    while ((n = read(fd, chunk, sizeof chunk)) > 0)
-        fwrite(chunk, 1, static_cast<size_t>(n), stdout);
-    close(fd);
-    return TAGENT_DONE;
-}
+int cmd_watch(const TagentContext &c, const std::vector<std::string> &) { return tagent_watch(c.control_socket); }
 
 }  // namespace
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "app/posix/tagent_commands.h"
+#include "app/tagent/tagent_commands.h"
 
 int tagent_list(const TagentContext &context, const std::vector<std::string> &args);
 int tagent_add(const TagentContext &context, const std::vector<std::string> &args);

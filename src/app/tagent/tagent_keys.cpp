@@ -1,4 +1,4 @@
-#include "app/posix/tagent_keys.h"
+#include "app/tagent/tagent_keys.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,9 +12,8 @@
 #include <openssl/pem.h>
 
 #include "agent/protocol.h"
-#include "app/posix/agent_client.h"
-#include "app/posix/pinentry.h"
-#include "app/posix/tagent_args.h"
+#include "app/tagent/tagent_args.h"
+#include "app/tagent/tagent_shell.h"
 #include "app/program_texts.h"
 #include "crypto/ossl_ptr.h"
 #include "keys/key_blob.h"
@@ -77,7 +76,7 @@ std::optional<std::string> operand(const std::vector<std::string> &args, std::in
 int password_callback(char *buffer, int size, int, void *file)
 {
     std::string description = std::string("Enter the passphrase of ") + static_cast<const char *>(file);
-    auto pin = pinentry_get_pin({program_text(TEXT_KEY_PASSPHRASE_DIALOG), description,
+    auto pin = tagent_ask_passphrase({program_text(TEXT_KEY_PASSPHRASE_DIALOG), description,
                                  program_text(TEXT_PASSPHRASE_PROMPT), ""});
     if (!pin || static_cast<int>(pin->size()) >= size)
         return -1;
