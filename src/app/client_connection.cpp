@@ -11,6 +11,7 @@
 #include "agent/handlers.h"
 #include "agent/protocol.h"
 #include "app/message_processor.h"
+#include "app/request_reader.h"
 #include "keys/buffer.h"
 #include "keys/secure_memory.h"
 #include "log/agent_log.h"
@@ -33,45 +34,6 @@ Registry &registry()
 {
     static Registry *state = new Registry;
     return *state;
-}
-
-bool read_exact(ClientStream *stream, uint8_t *data, size_t size)
-{
-    while (size > 0) {
-        size_t got = stream->read_some(data, size);
-        if (got == 0)
-            return false;
-        data += got;
-        size -= got;
-    }
-    return true;
-}
-
-bool discard(ClientStream *stream, uint32_t size)
-{
-    uint8_t scratch[16384];
-    while (size > 0) {
-        size_t chunk = size < sizeof scratch ? size : sizeof scratch;
-        if (!read_exact(stream, scratch, chunk))
-            return false;
-        size -= static_cast<uint32_t>(chunk);
-    }
-    return true;
-}
-
-// One request by its length prefix; `skip` is what is left to throw away
-// after it is answered.
-bool read_exact_request(ClientStream *stream, std::vector<uint8_t> *request, uint32_t *skip)
-{
-    uint8_t header[4];
-    if (!read_exact(stream, header, 4))
-        return false;
-    uint32_t length = get_u32(header);
-    uint32_t body = length > AGENT_MAX_REQUEST ? 1 : length;
-    *skip = length - body;
-    request->assign(header, header + 4);
-    request->resize(4 + static_cast<size_t>(body));
-    return read_exact(stream, request->data() + 4, body);
 }
 
 // One pipe read, with the one extra read when it brought under 5 bytes.
@@ -109,28 +71,37 @@ void serve_client_connection(ClientStream *stream, Framing framing, uint64_t con
     agent_log("Connection established (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
 
     int32_t agent_protocol = 0, forwarding_chain = 0;
-    std::vector<uint8_t> request;
-    std::vector<uint8_t> reply(AGENT_MAX_REPLY);
+    RequestReader reader(stream);
+    std::vector<uint8_t> piped;  // the pipe framing's request
+    std::unique_ptr<uint8_t[]> reply(new uint8_t[AGENT_MAX_REPLY]);
     for (;;) {
-        uint32_t skip = 0;
-        bool got = framing == Framing::EXACT_LENGTH ? read_exact_request(stream, &request, &skip)
-                                                    : read_pipe_request(stream, &request);
-        if (!got)
-            break;
+        const uint8_t *request = nullptr;
+        uint32_t size = 0, skip = 0;
+        if (framing == Framing::EXACT_LENGTH) {
+            if (!reader.next(&request, &size, &skip))
+                break;
+        } else {
+            if (!read_pipe_request(stream, &piped))
+                break;
+            request = piped.data();
+            size = static_cast<uint32_t>(piped.size());
+        }
         uint32_t reply_length = 0;
-        bool keep = submit_client_request(request.data(), static_cast<uint32_t>(request.size()), reply.data(),
-                                          static_cast<uint32_t>(reply.size()), &reply_length, &agent_protocol,
-                                          &forwarding_chain, connection);
-        wipe_memory(request.data(), request.size());
+        bool keep = submit_client_request(request, size, reply.get(), AGENT_MAX_REPLY, &reply_length,
+                                          &agent_protocol, &forwarding_chain, connection);
+        if (framing == Framing::EXACT_LENGTH)
+            reader.release();
+        else
+            wipe_memory(piped.data(), piped.size());
         if (!keep)
             break;
-        if (skip && !discard(stream, skip))
+        if (skip && !reader.discard(skip))
             break;
-        if (reply_length && !stream->write_all(reply.data(), reply_length))
+        if (reply_length && !stream->write_all(reply.get(), reply_length))
             break;
-        wipe_memory(reply.data(), reply_length);
+        wipe_memory(reply.get(), reply_length);
     }
-    wipe_memory(request.data(), request.size());
+    wipe_memory(piped.data(), piped.size());
     agent_log("Connection shutdown (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
     run_on_message_thread([connection] { forwarding_notice_connection_closed(connection); });
 }

@@ -15,7 +15,7 @@ public:
     explicit SocketStream(int fd) : fd_(fd) {}
     ~SocketStream() override { close(fd_); }
     size_t read_some(uint8_t *data, size_t size) override { return fd_read_some(fd_, data, size); }
-    bool write_all(const uint8_t *data, size_t size) override { return fd_write_all(fd_, data, size); }
+    bool write_all(const uint8_t *data, size_t size) override { return fd_send_all(fd_, data, size); }
     void interrupt() override { shutdown(fd_, SHUT_RDWR); }
     uint32_t log_handle() const override { return static_cast<uint32_t>(fd_); }
 
