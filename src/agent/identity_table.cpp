@@ -4,6 +4,8 @@
 #include <ctime>
 #include <strings.h>
 
+#include <openssl/x509.h>
+
 #include "agent/key_store.h"
 #include "keys/key.h"
 #include "keys/key_fingerprint.h"
@@ -49,6 +51,25 @@ bool equal_as_plain_key(Key *entry, const Key *key)
     return equal;
 }
 
+// The public key's DER form, which equal keys share. Certificate
+// identities compare by their certificates' public keys instead, so they
+// have none here.
+std::string plain_public_blob(const Key *key)
+{
+    if (key == nullptr || key->pkey == nullptr || is_certificate_type(key->type))
+        return {};
+    unsigned char *der = nullptr;
+    int len = i2d_PUBKEY(key->pkey.get(), &der);
+    if (len <= 0)
+        return {};
+    std::string blob(reinterpret_cast<const char *>(der), static_cast<size_t>(len));
+    OPENSSL_free(der);
+    return blob;
+}
+
+// Below this many entries the probe's own blob costs more than it saves.
+constexpr size_t BLOB_LOOKUP_MIN_ENTRIES = 16;
+
 }  // namespace
 
 bool is_certificate_type(int type) { return type == KEY_X509_RSA || type == KEY_X509_DSA || type == KEY_X509_ECDSA; }
@@ -86,6 +107,7 @@ int identity_add(IdentityTable *table, std::unique_ptr<Identity> identity)
         identity->key->sigalg = nullptr;
     if (identity->key && is_certificate_type(identity->key->type))
         ++table->ncerts;
+    identity->public_blob = plain_public_blob(identity->key.get());
     table->identities.push_back(std::move(identity));
     return ++table->nentries;
 }
@@ -109,9 +131,16 @@ int identity_remove(IdentityTable *table, Identity *identity)
 
 Identity *lookup_identity(const Key *key, int version)
 {
-    for (const auto &entry : identity_table_for_version(version)->identities)
-        if (entry->key && key && entry->key->type == key->type && key_equal(entry->key.get(), key))
+    const auto &identities = identity_table_for_version(version)->identities;
+    std::string probe = identities.size() >= BLOB_LOOKUP_MIN_ENTRIES ? plain_public_blob(key) : std::string();
+    for (const auto &entry : identities) {
+        if (!entry->key || !key || entry->key->type != key->type)
+            continue;
+        if (!probe.empty() && !entry->public_blob.empty() && entry->public_blob != probe)
+            continue;
+        if (key_equal(entry->key.get(), key))
             return entry.get();
+    }
     return nullptr;
 }
 

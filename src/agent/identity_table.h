@@ -24,6 +24,9 @@ struct Identity {
     // Read from the public file alone; its private half was never found, so
     // a save writes its public record only.
     bool public_only = false;
+    // The plain key's public blob, set when it joins a table: lookups in a
+    // large table compare it before comparing keys, which is far slower.
+    std::string public_blob;
 };
 
 struct IdentityTable {
