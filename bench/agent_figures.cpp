@@ -1,10 +1,15 @@
-// Sign requests per second through the agent socket, for RSA-2048
-// ("rsa-sha2-256") and ECDSA P-256, with one and with four clients, beside
-// the raw single-thread OpenSSL signing rate of the same keys and, when it
-// is installed, OpenSSH's ssh-agent holding the same key. All rates are
-// measured in this one run; the ratios are what to compare.
+// Every figure of the agent's performance aims, measured in one run, with
+// the ratios that are what to compare (absolute rates move with the load
+// on the machine):
+// - empty-list round trips with 1 and 8 clients, ours beside OpenSSH's
+//   ssh-agent on the same kind of socket;
+// - sign requests for RSA-2048 ("rsa-sha2-256") and ECDSA P-256 with 1 and
+//   4 clients, beside ssh-agent holding the same keys and the raw
+//   single-thread OpenSSL rate;
+// - the time of adding the 1000th ECDSA key (request to reply), and of a
+//   start with 1000 stored keys until the first signature.
 //
-// usage: bench_sign_socket [seconds per measurement, default 3]
+// usage: bench_agent [seconds per measurement, default 3] [stored keys, default 1000]
 
 #include <atomic>
 #include <chrono>
@@ -147,9 +152,10 @@ Bytes sign_request(const TestKey &key)
     return framed(body);
 }
 
-double socket_rate(const std::string &socket_path, const TestKey &key, int clients, double seconds)
+// Round trips per second of `request` through `clients` connections at
+// once; -1 when a reply was not of `expect`.
+double socket_rate(const std::string &socket_path, const Bytes &request, uint8_t expect, int clients, double seconds)
 {
-    Bytes request = sign_request(key);
     std::atomic<long> done{0};
     std::atomic<bool> failed{false};
     auto until = Clock::now() + std::chrono::duration<double>(seconds);
@@ -160,7 +166,7 @@ double socket_rate(const std::string &socket_path, const TestKey &key, int clien
             Client client(socket_path);
             while (Clock::now() < until) {
                 Bytes reply = client.call(request);
-                if (reply.empty() || reply[0] != 14) {
+                if (reply.empty() || reply[0] != expect) {
                     failed = true;
                     return;
                 }
@@ -193,6 +199,7 @@ double raw_rate(const TestKey &key, double seconds)
 
 pid_t spawn(const std::vector<std::string> &args)
 {
+    fflush(stdout);  // or the child's freopen writes the parent's buffer again
     pid_t pid = fork();
     if (pid == 0) {
         freopen("/dev/null", "w", stdout);
@@ -228,11 +235,83 @@ bool add_keys(const std::string &socket_path, const std::vector<TestKey> &keys)
     return true;
 }
 
+double ratio(double a, double b) { return a > 0 && b > 0 ? a / b : 0; }
+
+std::vector<std::string> agent_args(const std::filesystem::path &root, const std::string &socket_path)
+{
+    return {TKEYAGENT_PATH, "-D", "-a", socket_path, "--data-dir", (root / "data").string(), "--log-dir",
+            (root / "log").string()};
+}
+
+void stop(pid_t pid)
+{
+    if (pid <= 0)
+        return;
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+}
+
+// Fills a fresh agent with `count` ECDSA keys and returns how long the add
+// of the last one took, request to reply, in milliseconds (-1 on failure);
+// `*first_ms` gets the first add's time. The agent is stopped; its store stays.
+double time_adds(const std::filesystem::path &root, int count, std::vector<TestKey> *keys, double *first_ms)
+{
+    std::string path = (root / "run" / "agent.sock").string();
+    std::vector<std::string> args = agent_args(root, path);
+    args.push_back("--empty-passphrase");
+    pid_t agent = spawn(args);
+    double last_ms = -1;
+    if (wait_for(path)) {
+        Client client(path);
+        for (int i = 0; i < count; ++i) {
+            keys->push_back(make_ecdsa());
+            auto start = Clock::now();
+            Bytes reply = client.call(framed(keys->back().add_request));
+            double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+            if (reply.empty() || reply[0] != 6)
+                break;
+            if (i == 0)
+                *first_ms = ms;
+            if (i == count - 1)
+                last_ms = ms;
+        }
+    }
+    stop(agent);
+    return last_ms;
+}
+
+// Starts the agent on the store that time_adds left and returns the
+// milliseconds until it signs with the last stored key (-1 on failure).
+double time_start(const std::filesystem::path &root, const TestKey &key)
+{
+    std::string path = (root / "run" / "agent.sock").string();
+    Bytes request = sign_request(key);
+    auto start = Clock::now();
+    pid_t agent = spawn(agent_args(root, path));
+    double ms = -1;
+    while (ms < 0 && Clock::now() - start < std::chrono::seconds(30)) {
+        if (std::filesystem::exists(path)) {
+            Client client(path);
+            if (client.ok()) {
+                Bytes reply = client.call(request);
+                if (!reply.empty() && reply[0] == 14) {
+                    ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+                    break;
+                }
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    stop(agent);
+    return ms;
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
 {
     double seconds = argc > 1 ? atof(argv[1]) : 3.0;
+    int stored = argc > 2 ? atoi(argv[2]) : 1000;
     std::filesystem::path root = std::filesystem::temp_directory_path() / ("tarnwell-bench-" + std::to_string(getpid()));
     std::filesystem::create_directories(root);
     std::filesystem::permissions(root, std::filesystem::perms::owner_all);
@@ -241,31 +320,58 @@ int main(int argc, char **argv)
 
     std::vector<TestKey> keys = {make_rsa(), make_ecdsa()};
 
-    pid_t agent = spawn({TKEYAGENT_PATH, "-D", "-a", ours, "--data-dir", (root / "data").string(), "--log-dir",
-                         (root / "log").string(), "--empty-passphrase"});
+    std::vector<std::string> args = agent_args(root, ours);
+    args.push_back("--empty-passphrase");
+    pid_t agent = spawn(args);
     pid_t openssh = spawn({"ssh-agent", "-D", "-a", theirs});
-    bool ours_up = wait_for(ours) && add_keys(ours, keys);
-    bool theirs_up = wait_for(theirs) && add_keys(theirs, keys);
+    bool ours_up = wait_for(ours);
+    bool theirs_up = wait_for(theirs);
     if (!ours_up)
-        fprintf(stderr, "tkeyagent did not accept the benchmark keys\n");
+        fprintf(stderr, "tkeyagent did not start\n");
 
-    printf("%-24s %12s %12s %12s %12s %10s %10s %10s\n", "key", "raw/s", "ssh-agent/s", "ours 1c/s", "ours 4c/s",
-           "1c/agent", "1c/raw", "4c/raw");
-    for (const auto &key : keys) {
-        double raw = raw_rate(key, seconds);
-        double openssh_rate = theirs_up ? socket_rate(theirs, key, 1, seconds) : -1;
-        double one = ours_up ? socket_rate(ours, key, 1, seconds) : -1;
-        double four = ours_up ? socket_rate(ours, key, 4, seconds) : -1;
-        printf("%-24s %12.0f %12.0f %12.0f %12.0f %10.2f %10.2f %10.2f\n", key.label.c_str(), raw, openssh_rate, one,
-               four, openssh_rate > 0 ? one / openssh_rate : 0, one / raw, four / raw);
+    // The empty list first, while neither agent holds a key.
+    Bytes list = framed(Bytes{11});
+    printf("%-28s %12s %12s %10s %10s\n", "empty list", "ssh-agent/s", "ours/s", "ours/agent", "aim");
+    for (int clients : {1, 8}) {
+        double openssh_rate = theirs_up ? socket_rate(theirs, list, 12, clients, seconds) : -1;
+        double rate = ours_up ? socket_rate(ours, list, 12, clients, seconds) : -1;
+        printf("%-28s %12.0f %12.0f %10.2f %10s\n", (std::to_string(clients) + " client(s)").c_str(), openssh_rate,
+               rate, ratio(rate, openssh_rate), clients == 1 ? ">= 1.2" : ">= 1.0");
     }
 
-    kill(agent, SIGTERM);
-    kill(openssh, SIGTERM);
-    waitpid(agent, nullptr, 0);
-    waitpid(openssh, nullptr, 0);
+    ours_up = ours_up && add_keys(ours, keys);
+    theirs_up = theirs_up && add_keys(theirs, keys);
+    if (!ours_up)
+        fprintf(stderr, "tkeyagent did not accept the benchmark keys\n");
+    printf("\n%-28s %12s %12s %12s %12s %10s %10s\n", "signs", "raw/s", "ssh-agent/s", "ours 1c/s", "ours 4c/s",
+           "1c/agent", "4c/raw");
+    for (const auto &key : keys) {
+        Bytes request = sign_request(key);
+        double raw = raw_rate(key, seconds);
+        double openssh_rate = theirs_up ? socket_rate(theirs, request, 14, 1, seconds) : -1;
+        double one = ours_up ? socket_rate(ours, request, 14, 1, seconds) : -1;
+        double four = ours_up ? socket_rate(ours, request, 14, 4, seconds) : -1;
+        printf("%-28s %12.0f %12.0f %12.0f %12.0f %10.2f %10.2f\n", key.label.c_str(), raw, openssh_rate, one, four,
+               ratio(one, openssh_rate), ratio(four, raw));
+    }
+    printf("%-28s %12s %12s %12s %12s %10s %10s\n", "aim (RSA / ECDSA)", "", "", "", "", ">= 2 / 3", ">= 0.9 / 0.5");
+    stop(agent);
+    stop(openssh);
+
+    std::vector<TestKey> many;
+    double first_ms = -1;
+    std::filesystem::path store = root / "store";
+    double last_ms = time_adds(store, stored, &many, &first_ms);
+    double start_ms = last_ms >= 0 ? time_start(store, many.back()) : -1;
+    printf("\n%-40s %10.1f ms (the first: %.1f ms)   aim <= 10 ms\n",
+           ("adding ECDSA key number " + std::to_string(stored)).c_str(), last_ms, first_ms);
+    printf("%-40s %10.1f ms   aim <= 500 ms\n",
+           ("start to signing, " + std::to_string(stored) + " stored keys").c_str(), start_ms);
+
     std::filesystem::remove_all(root);
     for (auto &key : keys)
         EVP_PKEY_free(key.pkey);
-    return ours_up ? 0 : 1;
+    for (auto &key : many)
+        EVP_PKEY_free(key.pkey);
+    return ours_up && last_ms >= 0 && start_ms >= 0 ? 0 : 1;
 }
