@@ -1,6 +1,9 @@
 #include "agent/identity_table.h"
 
 #include <array>
+#include <cctype>
+#include <cstring>
+#include <unordered_set>
 #include <ctime>
 #include <strings.h>
 
@@ -65,6 +68,13 @@ std::string plain_public_blob(const Key *key)
     std::string blob(reinterpret_cast<const char *>(der), static_cast<size_t>(len));
     OPENSSL_free(der);
     return blob;
+}
+
+std::string lower_case(std::string text)
+{
+    for (char &c : text)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return text;
 }
 
 // Below this many entries the probe's own blob costs more than it saves.
@@ -156,16 +166,16 @@ std::string make_identity_name(const Key *key)
 {
     char base[128];
     snprintf(base, sizeof base, "id_%s_%u", key_type(key), key_size(key));
+    // The names taken, gathered once: a table with many keys of one type
+    // would otherwise be searched once for every number tried.
+    std::unordered_set<std::string> taken;
+    for (int version = 1; version <= 2; ++version)
+        for (const auto &entry : identity_table_for_version(version)->identities)
+            if (entry->key && strncasecmp(entry->key->name.c_str(), base, strlen(base)) == 0)
+                taken.insert(lower_case(entry->key->name));
     for (unsigned attempt = 1;; ++attempt) {
         std::string candidate = attempt == 1 ? base : std::string(base) + "_" + std::to_string(attempt);
-        bool taken = false;
-        for (int version = 1; version <= 2 && !taken; ++version)
-            for (const auto &entry : identity_table_for_version(version)->identities)
-                if (entry->key && strcasecmp(entry->key->name.c_str(), candidate.c_str()) == 0) {
-                    taken = true;
-                    break;
-                }
-        if (!taken)
+        if (!taken.count(lower_case(candidate)))
             return candidate;
     }
 }
