@@ -71,6 +71,8 @@ private:
     bool wait_until(std::initializer_list<size_t> events, size_t *taken,
                     const std::chrono::steady_clock::time_point *until)
     {
+        // Yielding, not busy: on a machine with few cores the thread that
+        // will set the event may need this one's core.
         auto spin_end = std::chrono::steady_clock::now() + SPIN;
         do {
             if (take_any(events, taken))

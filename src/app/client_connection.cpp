@@ -53,6 +53,14 @@ bool read_pipe_request(ClientStream *stream, std::vector<uint8_t> *request)
     return true;
 }
 
+void unregister(uint64_t connection)
+{
+    Registry &state = registry();
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.open.erase(connection);
+    state.ended.notify_all();
+}
+
 void serve_and_unregister(std::unique_ptr<ClientStream> stream, Framing framing, uint64_t connection)
 {
     serve_client_connection(stream.get(), framing, connection);
@@ -63,12 +71,25 @@ void serve_and_unregister(std::unique_ptr<ClientStream> stream, Framing framing,
     state.ended.notify_all();
 }
 
+// Takes a place in the registry; 0 when every place is taken.
+uint64_t register_connection(ClientStream *stream)
+{
+    Registry &state = registry();
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (state.open.size() >= AGENT_MAX_CONNECTIONS) {
+        agent_log("Refused a client: %d connections are open already", AGENT_MAX_CONNECTIONS);
+        return 0;
+    }
+    uint64_t connection = state.next_connection++;
+    state.open[connection] = stream;
+    return connection;
+}
+
 }  // namespace
 
 void serve_client_connection(ClientStream *stream, Framing framing, uint64_t connection)
 {
-    uint32_t thread_id = platform_thread_id();
-    agent_log("Connection established (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
+    log_connection_established(stream);
 
     int32_t agent_protocol = 0, forwarding_chain = 0;
     RequestReader reader(stream);
@@ -102,27 +123,42 @@ void serve_client_connection(ClientStream *stream, Framing framing, uint64_t con
         wipe_memory(reply.get(), reply_length);
     }
     wipe_memory(piped.data(), piped.size());
-    agent_log("Connection shutdown (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
+    log_connection_shutdown(stream, connection);
+}
+
+void log_connection_established(const ClientStream *stream)
+{
+    agent_log("Connection established (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), platform_thread_id());
+}
+
+void log_connection_shutdown(const ClientStream *stream, uint64_t connection)
+{
+    agent_log("Connection shutdown (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), platform_thread_id());
     run_on_message_thread([connection] { forwarding_notice_connection_closed(connection); });
 }
 
+uint64_t admit_client_connection(ClientStream *stream)
+{
+    uint64_t connection = register_connection(stream);
+    if (connection)
+        agent_log("Connection thread created.");
+    return connection;
+}
+
+void release_client_connection(uint64_t connection) { unregister(connection); }
+
 bool start_client_connection(std::unique_ptr<ClientStream> stream, Framing framing)
 {
-    Registry &state = registry();
-    std::lock_guard<std::mutex> guard(state.lock);
-    if (state.open.size() >= AGENT_MAX_CONNECTIONS) {
-        agent_log("Refused a client: %d connections are open already", AGENT_MAX_CONNECTIONS);
+    uint64_t connection = register_connection(stream.get());
+    if (!connection)
         return false;
-    }
-    uint64_t connection = state.next_connection++;
-    state.open[connection] = stream.get();
     try {
         std::thread(serve_and_unregister, std::move(stream), framing, connection).detach();
         agent_log("Connection thread created.");
         return true;
     } catch (const std::system_error &) {
         agent_log("Error creating connection thread.");
-        state.open.erase(connection);
+        unregister(connection);
         return false;
     }
 }

@@ -44,6 +44,19 @@ bool start_client_connection(std::unique_ptr<ClientStream> stream, Framing frami
 // transports that make their own threads.
 void serve_client_connection(ClientStream *stream, Framing framing, uint64_t connection);
 
+// For transports that serve their connections from one event loop rather
+// than a thread each. Admits a connection with the same limit and log line
+// as start_client_connection; 0 when it is refused (the caller closes it).
+// The stream must stay alive until release_client_connection.
+uint64_t admit_client_connection(ClientStream *stream);
+// The lines that open and end every connection; the shutdown line also
+// drops the connection's forwarding notice.
+void log_connection_established(const ClientStream *stream);
+void log_connection_shutdown(const ClientStream *stream, uint64_t connection);
+// Gives the connection's place back, after its shutdown line; the stream
+// may be destroyed after this.
+void release_client_connection(uint64_t connection);
+
 // Interrupts every open connection and waits (a few seconds at most) for
 // their threads to end.
 void close_client_connections();

@@ -94,7 +94,7 @@ void hand_over_request(HandOver *state, RequestContext *ctx)
         return;
     }
     if (state->busy.load())
-        agent_log("Already processing a message.  Wait for mutex to continue.");
+        log_hand_over_busy();
     std::lock_guard<std::mutex> guard(state->request_mutex);
     state->busy = 1;
     state->pending = ctx;
@@ -118,6 +118,8 @@ bool hand_over_task(HandOver *state, const std::function<void()> &task)
 }
 
 }  // namespace
+
+void log_hand_over_busy() { agent_log("Already processing a message.  Wait for mutex to continue."); }
 
 void message_processor_start()
 {
