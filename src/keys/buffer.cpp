@@ -34,7 +34,7 @@ Buffer &Buffer::operator=(Buffer &&other) noexcept
 
 void buffer_init(Buffer *b)
 {
-    b->buf = static_cast<uint8_t *>(calloc(BUFFER_INITIAL_SIZE, 1));
+    b->buf = static_cast<uint8_t *>(malloc(BUFFER_INITIAL_SIZE));
     if (!b->buf)
         abort();
     b->alloc = BUFFER_INITIAL_SIZE;
@@ -98,7 +98,7 @@ uint8_t *reserve(Buffer *b, uint32_t len)
             return nullptr;
         }
         // Grow by copying so that the old storage can be wiped first.
-        auto *fresh = static_cast<uint8_t *>(calloc(grown, 1));
+        auto *fresh = static_cast<uint8_t *>(malloc(grown));
         if (!fresh)
             abort();
         memcpy(fresh, b->buf, b->end);
