@@ -9,6 +9,7 @@
 // when there are any.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -19,9 +20,14 @@
 
 class AutoResetEvents {
 public:
-    explicit AutoResetEvents(size_t count) : signalled_(new std::atomic<bool>[count]) {
-        for (size_t i = 0; i < count; ++i)
+    // `watch` is how long a waiter for each event watches before it sleeps.
+    AutoResetEvents(size_t count, std::initializer_list<std::chrono::microseconds> watch = {})
+        : signalled_(new std::atomic<bool>[count]), watch_(new std::chrono::microseconds[count])
+    {
+        for (size_t i = 0; i < count; ++i) {
             signalled_[i] = false;
+            watch_[i] = i < watch.size() ? watch.begin()[i] : std::chrono::microseconds(0);
+        }
     }
 
     void set(size_t event)
@@ -55,9 +61,6 @@ public:
     }
 
 private:
-    // How long a waiter watches before it sleeps: about one short request.
-    static constexpr auto SPIN = std::chrono::microseconds(50);
-
     bool take_any(std::initializer_list<size_t> events, size_t *taken)
     {
         for (size_t event : events)
@@ -73,12 +76,17 @@ private:
     {
         // Yielding, not busy: on a machine with few cores the thread that
         // will set the event may need this one's core.
-        auto spin_end = std::chrono::steady_clock::now() + SPIN;
-        do {
+        std::chrono::microseconds watch(0);
+        for (size_t event : events)
+            watch = std::max(watch, watch_[event]);
+        auto watch_end = std::chrono::steady_clock::now() + watch;
+        for (;;) {
             if (take_any(events, taken))
                 return true;
+            if (std::chrono::steady_clock::now() >= watch_end)
+                break;
             std::this_thread::yield();
-        } while (std::chrono::steady_clock::now() < spin_end);
+        }
 
         std::unique_lock<std::mutex> guard(lock_);
         sleepers_.fetch_add(1);
@@ -95,5 +103,6 @@ private:
     std::mutex lock_;
     std::condition_variable changed_;
     std::unique_ptr<std::atomic<bool>[]> signalled_;
+    std::unique_ptr<std::chrono::microseconds[]> watch_;
     std::atomic<int> sleepers_{0};
 };
