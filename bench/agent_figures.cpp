@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <sys/socket.h>
@@ -197,6 +198,23 @@ double raw_rate(const TestKey &key, double seconds)
     return count / std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+// The machine is shared, so its load changes while a run goes on: rates
+// that are compared are measured in turns, in short slices, and each is the
+// mean over its slices. A failed measurement (-1) stays -1.
+std::vector<double> interleaved(const std::vector<std::function<double(double)>> &measures, double seconds)
+{
+    constexpr int SLICES = 6;
+    std::vector<double> sums(measures.size(), 0);
+    for (int slice = 0; slice < SLICES; ++slice)
+        for (size_t i = 0; i < measures.size(); ++i) {
+            double rate = sums[i] < 0 ? -1 : measures[i](seconds / SLICES);
+            sums[i] = rate < 0 ? -1 : sums[i] + rate;
+        }
+    for (double &sum : sums)
+        sum = sum < 0 ? -1 : sum / SLICES;
+    return sums;
+}
+
 pid_t spawn(const std::vector<std::string> &args)
 {
     fflush(stdout);  // or the child's freopen writes the parent's buffer again
@@ -333,8 +351,11 @@ int main(int argc, char **argv)
     Bytes list = framed(Bytes{11});
     printf("%-28s %12s %12s %10s %10s\n", "empty list", "ssh-agent/s", "ours/s", "ours/agent", "aim");
     for (int clients : {1, 8}) {
-        double openssh_rate = theirs_up ? socket_rate(theirs, list, 12, clients, seconds) : -1;
-        double rate = ours_up ? socket_rate(ours, list, 12, clients, seconds) : -1;
+        std::vector<double> rates = interleaved(
+            {[&](double s) { return theirs_up ? socket_rate(theirs, list, 12, clients, s) : -1; },
+             [&](double s) { return ours_up ? socket_rate(ours, list, 12, clients, s) : -1; }},
+            seconds);
+        double openssh_rate = rates[0], rate = rates[1];
         printf("%-28s %12.0f %12.0f %10.2f %10s\n", (std::to_string(clients) + " client(s)").c_str(), openssh_rate,
                rate, ratio(rate, openssh_rate), clients == 1 ? ">= 1.2" : ">= 1.0");
     }
@@ -347,10 +368,13 @@ int main(int argc, char **argv)
            "1c/agent", "4c/raw");
     for (const auto &key : keys) {
         Bytes request = sign_request(key);
-        double raw = raw_rate(key, seconds);
-        double openssh_rate = theirs_up ? socket_rate(theirs, request, 14, 1, seconds) : -1;
-        double one = ours_up ? socket_rate(ours, request, 14, 1, seconds) : -1;
-        double four = ours_up ? socket_rate(ours, request, 14, 4, seconds) : -1;
+        std::vector<double> rates = interleaved(
+            {[&](double s) { return raw_rate(key, s); },
+             [&](double s) { return theirs_up ? socket_rate(theirs, request, 14, 1, s) : -1; },
+             [&](double s) { return ours_up ? socket_rate(ours, request, 14, 1, s) : -1; },
+             [&](double s) { return ours_up ? socket_rate(ours, request, 14, 4, s) : -1; }},
+            seconds);
+        double raw = rates[0], openssh_rate = rates[1], one = rates[2], four = rates[3];
         printf("%-28s %12.0f %12.0f %12.0f %12.0f %10.2f %10.2f\n", key.label.c_str(), raw, openssh_rate, one, four,
                ratio(one, openssh_rate), ratio(four, raw));
     }
