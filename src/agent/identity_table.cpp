@@ -7,7 +7,10 @@
 #include <ctime>
 #include <strings.h>
 
-#include <openssl/x509.h>
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
 
 #include "agent/key_store.h"
 #include "keys/key.h"
@@ -54,20 +57,52 @@ bool equal_as_plain_key(Key *entry, const Key *key)
     return equal;
 }
 
-// The public key's DER form, which equal keys share. Certificate
+// The public key's numbers or point, which equal keys share. Certificate
 // identities compare by their certificates' public keys instead, so they
-// have none here.
+// have none here, nor have key kinds not listed. (The library's DER encoder
+// would do, but it sets itself up anew for every key, which is far slower.)
 std::string plain_public_blob(const Key *key)
 {
     if (key == nullptr || key->pkey == nullptr || is_certificate_type(key->type))
         return {};
-    unsigned char *der = nullptr;
-    int len = i2d_PUBKEY(key->pkey.get(), &der);
-    if (len <= 0)
-        return {};
-    std::string blob(reinterpret_cast<const char *>(der), static_cast<size_t>(len));
-    OPENSSL_free(der);
-    return blob;
+    EVP_PKEY *pkey = key->pkey.get();
+    std::string blob;
+    auto add_number = [&](const char *name) {
+        BIGNUM *number = nullptr;
+        if (EVP_PKEY_get_bn_param(pkey, name, &number) != 1)
+            return false;
+        std::string bytes(static_cast<size_t>(BN_num_bytes(number)), '\0');
+        BN_bn2bin(number, reinterpret_cast<unsigned char *>(bytes.data()));
+        BN_free(number);
+        blob += std::to_string(bytes.size()) + ":" + bytes;
+        return true;
+    };
+    ERR_set_mark();
+    bool ok = false;
+    switch (EVP_PKEY_get_base_id(pkey)) {
+    case EVP_PKEY_RSA: ok = add_number(OSSL_PKEY_PARAM_RSA_N) && add_number(OSSL_PKEY_PARAM_RSA_E); break;
+    case EVP_PKEY_DSA:
+        ok = add_number(OSSL_PKEY_PARAM_PUB_KEY) && add_number(OSSL_PKEY_PARAM_FFC_P) &&
+             add_number(OSSL_PKEY_PARAM_FFC_Q) && add_number(OSSL_PKEY_PARAM_FFC_G);
+        break;
+    case EVP_PKEY_EC:
+    case EVP_PKEY_ED25519: {
+        // The point as the key holds it: only the uncompressed form (0x04)
+        // is one per point, so a key held in another form has no blob.
+        bool ec = EVP_PKEY_get_base_id(pkey) == EVP_PKEY_EC;
+        char group[64] = {};
+        unsigned char *point = nullptr;
+        size_t len = EVP_PKEY_get1_encoded_public_key(pkey, &point);
+        ok = len > 0 && (!ec || (point[0] == 0x04 && EVP_PKEY_get_group_name(pkey, group, sizeof group, nullptr) == 1));
+        if (ok)
+            blob = std::string(group) + ":" + std::string(reinterpret_cast<const char *>(point), len);
+        OPENSSL_free(point);
+        break;
+    }
+    default: break;
+    }
+    ERR_pop_to_mark();
+    return ok ? blob : std::string();
 }
 
 std::string lower_case(std::string text)
@@ -127,7 +162,11 @@ int identity_remove(IdentityTable *table, Identity *identity)
     if (table == nullptr || identity == nullptr)
         return -1;
     bool certificate = identity->key && is_certificate_type(identity->key->type);
-    table->identities.remove_if([&](const std::unique_ptr<Identity> &entry) { return entry.get() == identity; });
+    for (auto it = table->identities.begin(); it != table->identities.end(); ++it)
+        if (it->get() == identity) {
+            table->identities.erase(it);
+            break;
+        }
     if (table->nentries > 0)
         --table->nentries;
     if (certificate)
