@@ -116,7 +116,7 @@ void serve_client_connection(ClientStream *stream, Framing framing, uint64_t con
             wipe_memory(piped.data(), piped.size());
         if (!keep)
             break;
-        if (skip && !reader.discard(skip))
+        if (skip && !reader.discard(&skip))
             break;
         if (reply_length && !stream->write_all(reply.get(), reply_length))
             break;

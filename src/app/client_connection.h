@@ -13,8 +13,10 @@ class ClientStream {
 public:
     virtual ~ClientStream() = default;
     // Reads at most `size` bytes; 0 when the client closed or the read
-    // failed.
+    // failed, or, for a stream that never blocks, when nothing is waiting.
     virtual size_t read_some(uint8_t *data, size_t size) = 0;
+    // True when the last read returned 0 because nothing was waiting.
+    virtual bool would_block() const { return false; }
     // Writes all bytes; false on failure.
     virtual bool write_all(const uint8_t *data, size_t size) = 0;
     // Called from another thread at shutdown: ends a read that blocks.

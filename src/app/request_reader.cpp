@@ -50,15 +50,15 @@ void RequestReader::release()
         begin_ = end_ = 0;
 }
 
-bool RequestReader::discard(uint32_t size)
+bool RequestReader::discard(uint32_t *left)
 {
-    while (size > 0) {
+    while (*left > 0) {
         if (begin_ == end_ && !fill(1))
             return false;
-        size_t drop = end_ - begin_ < size ? end_ - begin_ : size;
+        size_t drop = end_ - begin_ < *left ? end_ - begin_ : *left;
         taken_ = drop;
         release();
-        size -= static_cast<uint32_t>(drop);
+        *left -= static_cast<uint32_t>(drop);
     }
     return true;
 }

@@ -17,12 +17,16 @@ public:
     // the dispatcher's limit, the length bytes and the first body byte with
     // `*skip` the body bytes left to throw away. False when the client
     // closed or the read failed before the request was complete. The bytes
-    // stay valid until release().
+    // stay valid until release(). For a stream that never blocks, false
+    // also when the request is not complete yet (the stream's would_block()
+    // tells which); the bytes so far are kept for the next call.
     bool next(const uint8_t **data, uint32_t *size, uint32_t *skip);
     // Wipes and drops the request that next() returned.
     void release();
-    // Reads and drops `size` bytes; false when the client went away first.
-    bool discard(uint32_t size);
+    // Reads and drops `*left` bytes, counting them off; false when the
+    // client went away first or, for a stream that never blocks, when it
+    // has sent no more yet.
+    bool discard(uint32_t *left);
 
 private:
     // At least `need` unread bytes in the buffer, from one place.

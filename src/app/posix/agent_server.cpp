@@ -17,7 +17,7 @@
 #include "app/client_connection.h"
 #include "app/message_processor.h"
 #include "app/posix/peer_check.h"
-#include "keys/buffer.h"
+#include "app/request_reader.h"
 #include "keys/secure_memory.h"
 #include "log/agent_log.h"
 
@@ -55,7 +55,7 @@ public:
     }
     void interrupt() override { shutdown(fd_, SHUT_RDWR); }
     uint32_t log_handle() const override { return static_cast<uint32_t>(fd_); }
-    bool would_block() const { return would_block_; }
+    bool would_block() const override { return would_block_; }
     int fd() const { return fd_; }
 
 private:
@@ -63,22 +63,20 @@ private:
     bool would_block_ = false;
 };
 
-// One client: its unread bytes, cut into requests by their length prefix as
-// on a thread of its own, and the reply bytes the socket has not yet taken.
-// While a reply waits, nothing more of that client is read or processed.
+// One client: its requests, cut out of its bytes as on a thread of its own,
+// and the reply bytes the socket has not taken yet. While a reply waits,
+// nothing more of that client is read or processed.
 struct Connection {
+    explicit Connection(int fd) : stream(std::make_unique<SocketStream>(fd)), reader(stream.get()) {}
     std::unique_ptr<SocketStream> stream;
+    RequestReader reader;
     uint64_t id = 0;
     int32_t agent_protocol = 0, forwarding_chain = 0;
-    SecureBytes input = SecureBytes(16384);
-    size_t begin = 0, end = 0;  // the unread bytes of `input`
-    uint32_t skip = 0;          // body bytes of an over-long request still to drop
-    SecureBytes output;         // reply bytes not sent yet, from `sent`
+    uint32_t skip = 0;   // body bytes of an over-long request still to drop
+    SecureBytes output;  // reply bytes not sent yet, from `sent`
     size_t sent = 0;
-    bool writing = false;       // waiting for the socket to take output
+    bool writing = false;  // waiting for the socket to take output
 };
-
-constexpr size_t READ_ROOM = 16384;
 
 class EventLoop {
 public:
@@ -149,8 +147,7 @@ private:
 
     void open_connection(int fd)
     {
-        auto connection = std::make_unique<Connection>();
-        connection->stream = std::make_unique<SocketStream>(fd);
+        auto connection = std::make_unique<Connection>(fd);
         connection->id = admit_client_connection(connection->stream.get());
         if (!connection->id)
             return;  // refused: the stream closes the socket
@@ -209,55 +206,22 @@ private:
         return true;
     }
 
-    // Reads what the client has sent; false when it closed or failed.
-    bool read_input(Connection *c)
-    {
-        if (c->input.size() - c->end < READ_ROOM) {
-            size_t unread = c->end - c->begin;
-            memmove(c->input.data(), c->input.data() + c->begin, unread);
-            wipe_memory(c->input.data() + unread, c->end - unread);
-            c->begin = 0;
-            c->end = unread;
-            if (c->input.size() - c->end < READ_ROOM)
-                c->input.resize(c->end + READ_ROOM);
-        }
-        size_t got = c->stream->read_some(c->input.data() + c->end, c->input.size() - c->end);
-        c->end += got;
-        return got > 0 || c->stream->would_block();
-    }
-
-    void consume(Connection *c, size_t count)
-    {
-        wipe_memory(c->input.data() + c->begin, count);
-        c->begin += count;
-        if (c->begin == c->end)
-            c->begin = c->end = 0;
-    }
-
     // Answers every whole request that has arrived, in order, as long as
     // the socket takes the replies; false when the connection is to end.
     bool answer(Connection *c, uint64_t *submitted)
     {
         while (!c->writing) {
             if (c->skip) {
-                size_t drop = c->end - c->begin < c->skip ? c->end - c->begin : c->skip;
-                consume(c, drop);
-                c->skip -= static_cast<uint32_t>(drop);
-                if (c->skip)
-                    return true;
+                if (!c->reader.discard(&c->skip))
+                    return c->stream->would_block();
                 if (!flush(c))
                     return false;
                 continue;
             }
-            if (c->end - c->begin < 4)
-                return true;
-            uint32_t length = get_u32(c->input.data() + c->begin);
-            uint32_t body = length > AGENT_MAX_REQUEST ? 1 : length;
-            if (c->end - c->begin < 4 + static_cast<size_t>(body)) {
-                if (c->input.size() < 4 + static_cast<size_t>(body) + c->begin)
-                    c->input.resize(c->begin + 4 + body);
-                return true;
-            }
+            const uint8_t *request = nullptr;
+            uint32_t size = 0, skip = 0;
+            if (!c->reader.next(&request, &size, &skip))
+                return c->stream->would_block();
             // Requests of several clients that are answered one after
             // another waited for each other, as submitters wait for the
             // hand-over's mutex.
@@ -265,12 +229,12 @@ private:
                 log_hand_over_busy();
             *submitted = c->id;
             uint32_t reply_length = 0;
-            bool keep = submit_client_request(c->input.data() + c->begin, 4 + body, reply_.get(), AGENT_MAX_REPLY,
-                                              &reply_length, &c->agent_protocol, &c->forwarding_chain, c->id);
-            consume(c, 4 + body);
+            bool keep = submit_client_request(request, size, reply_.get(), AGENT_MAX_REPLY, &reply_length,
+                                              &c->agent_protocol, &c->forwarding_chain, c->id);
+            c->reader.release();
             if (!keep)
                 return false;
-            c->skip = length - body;
+            c->skip = skip;
             c->output.assign(reply_.get(), reply_.get() + reply_length);
             wipe_memory(reply_.get(), reply_length);
             if (!c->skip && !flush(c))
@@ -289,10 +253,7 @@ private:
             if (c->writing)
                 return true;
             // The client took its reply: what it sent meanwhile is next.
-            return answer(c, submitted);
         }
-        if (!read_input(c))
-            return false;
         return answer(c, submitted);
     }
 
