@@ -31,13 +31,22 @@ public:
     ~SocketStream() override { close(fd_); }
     size_t read_some(uint8_t *data, size_t size) override
     {
+        // A read that got less than it asked for emptied the socket: the
+        // next one would only find nothing, until the loop says otherwise.
+        if (drained_) {
+            would_block_ = true;
+            return 0;
+        }
         ssize_t n;
         do
             n = recv(fd_, data, size, MSG_DONTWAIT);
         while (n < 0 && errno == EINTR);
         would_block_ = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        drained_ = would_block_ || (n > 0 && static_cast<size_t>(n) < size);
         return n > 0 ? static_cast<size_t>(n) : 0;
     }
+    // The loop saw the socket readable.
+    void readable() { drained_ = false; }
     // Writes what the socket takes now; false on failure. `*sent` gets the count.
     bool send_some(const uint8_t *data, size_t size, size_t *sent)
     {
@@ -61,6 +70,7 @@ public:
 private:
     int fd_;
     bool would_block_ = false;
+    bool drained_ = false;
 };
 
 // One client: its requests, cut out of its bytes as on a thread of its own,
@@ -245,6 +255,8 @@ private:
 
     bool serve(Connection *c, uint32_t events, uint64_t *submitted)
     {
+        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR))
+            c->stream->readable();
         if (c->writing) {
             if (!(events & (EPOLLOUT | EPOLLERR | EPOLLHUP)))
                 return true;
