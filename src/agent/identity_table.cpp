@@ -1,7 +1,15 @@
 #include "agent/identity_table.h"
 
 #include <array>
+#include <cctype>
+#include <cstring>
+#include <unordered_set>
 #include <ctime>
+
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
 
 #include "agent/key_store.h"
 #include "keys/key.h"
@@ -49,6 +57,64 @@ bool equal_as_plain_key(Key *entry, const Key *key)
     return equal;
 }
 
+// The public key's numbers or point, which equal keys share. Certificate
+// identities compare by their certificates' public keys instead, so they
+// have none here, nor have key kinds not listed. (The library's DER encoder
+// would do, but it sets itself up anew for every key, which is far slower.)
+std::string plain_public_blob(const Key *key)
+{
+    if (key == nullptr || key->pkey == nullptr || is_certificate_type(key->type))
+        return {};
+    EVP_PKEY *pkey = key->pkey.get();
+    std::string blob;
+    auto add_number = [&](const char *name) {
+        BIGNUM *number = nullptr;
+        if (EVP_PKEY_get_bn_param(pkey, name, &number) != 1)
+            return false;
+        std::string bytes(static_cast<size_t>(BN_num_bytes(number)), '\0');
+        BN_bn2bin(number, reinterpret_cast<unsigned char *>(bytes.data()));
+        BN_free(number);
+        blob += std::to_string(bytes.size()) + ":" + bytes;
+        return true;
+    };
+    ERR_set_mark();
+    bool ok = false;
+    switch (EVP_PKEY_get_base_id(pkey)) {
+    case EVP_PKEY_RSA: ok = add_number(OSSL_PKEY_PARAM_RSA_N) && add_number(OSSL_PKEY_PARAM_RSA_E); break;
+    case EVP_PKEY_DSA:
+        ok = add_number(OSSL_PKEY_PARAM_PUB_KEY) && add_number(OSSL_PKEY_PARAM_FFC_P) &&
+             add_number(OSSL_PKEY_PARAM_FFC_Q) && add_number(OSSL_PKEY_PARAM_FFC_G);
+        break;
+    case EVP_PKEY_EC:
+    case EVP_PKEY_ED25519: {
+        // The point as the key holds it: only the uncompressed form (0x04)
+        // is one per point, so a key held in another form has no blob.
+        bool ec = EVP_PKEY_get_base_id(pkey) == EVP_PKEY_EC;
+        char group[64] = {};
+        unsigned char *point = nullptr;
+        size_t len = EVP_PKEY_get1_encoded_public_key(pkey, &point);
+        ok = len > 0 && (!ec || (point[0] == 0x04 && EVP_PKEY_get_group_name(pkey, group, sizeof group, nullptr) == 1));
+        if (ok)
+            blob = std::string(group) + ":" + std::string(reinterpret_cast<const char *>(point), len);
+        OPENSSL_free(point);
+        break;
+    }
+    default: break;
+    }
+    ERR_pop_to_mark();
+    return ok ? blob : std::string();
+}
+
+std::string lower_case(std::string text)
+{
+    for (char &c : text)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// Below this many entries the probe's own blob costs more than it saves.
+constexpr size_t BLOB_LOOKUP_MIN_ENTRIES = 16;
+
 }  // namespace
 
 bool is_certificate_type(int type) { return type == KEY_X509_RSA || type == KEY_X509_DSA || type == KEY_X509_ECDSA; }
@@ -86,6 +152,7 @@ int identity_add(IdentityTable *table, std::unique_ptr<Identity> identity)
         identity->key->sigalg = nullptr;
     if (identity->key && is_certificate_type(identity->key->type))
         ++table->ncerts;
+    identity->public_blob = plain_public_blob(identity->key.get());
     table->identities.push_back(std::move(identity));
     return ++table->nentries;
 }
@@ -95,7 +162,11 @@ int identity_remove(IdentityTable *table, Identity *identity)
     if (table == nullptr || identity == nullptr)
         return -1;
     bool certificate = identity->key && is_certificate_type(identity->key->type);
-    table->identities.remove_if([&](const std::unique_ptr<Identity> &entry) { return entry.get() == identity; });
+    for (auto it = table->identities.begin(); it != table->identities.end(); ++it)
+        if (it->get() == identity) {
+            table->identities.erase(it);
+            break;
+        }
     if (table->nentries > 0)
         --table->nentries;
     if (certificate)
@@ -109,9 +180,16 @@ int identity_remove(IdentityTable *table, Identity *identity)
 
 Identity *lookup_identity(const Key *key, int version)
 {
-    for (const auto &entry : identity_table_for_version(version)->identities)
-        if (entry->key && key && entry->key->type == key->type && key_equal(entry->key.get(), key))
+    const auto &identities = identity_table_for_version(version)->identities;
+    std::string probe = identities.size() >= BLOB_LOOKUP_MIN_ENTRIES ? plain_public_blob(key) : std::string();
+    for (const auto &entry : identities) {
+        if (!entry->key || !key || entry->key->type != key->type)
+            continue;
+        if (!probe.empty() && !entry->public_blob.empty() && entry->public_blob != probe)
+            continue;
+        if (key_equal(entry->key.get(), key))
             return entry.get();
+    }
     return nullptr;
 }
 
@@ -127,16 +205,16 @@ std::string make_identity_name(const Key *key)
 {
     char base[128];
     snprintf(base, sizeof base, "id_%s_%u", key_type(key), key_size(key));
+    // The names taken, gathered once: a table with many keys of one type
+    // would otherwise be searched once for every number tried.
+    std::unordered_set<std::string> taken;
+    for (int version = 1; version <= 2; ++version)
+        for (const auto &entry : identity_table_for_version(version)->identities)
+            if (entry->key && starts_with_ignore_case(entry->key->name, base))
+                taken.insert(lower_case(entry->key->name));
     for (unsigned attempt = 1;; ++attempt) {
         std::string candidate = attempt == 1 ? base : std::string(base) + "_" + std::to_string(attempt);
-        bool taken = false;
-        for (int version = 1; version <= 2 && !taken; ++version)
-            for (const auto &entry : identity_table_for_version(version)->identities)
-                if (entry->key && equals_ignore_case(entry->key->name.c_str(), candidate.c_str())) {
-                    taken = true;
-                    break;
-                }
-        if (!taken)
+        if (!taken.count(lower_case(candidate)))
             return candidate;
     }
 }

@@ -21,9 +21,15 @@ struct Identity {
     // so that a save need not encrypt every key again.
     SecretString stored_pem;
     uint64_t stored_pem_generation = 0;
+    // The plain key's line in the public key store, made once: with many
+    // keys, making every line again was most of a save's work.
+    std::string stored_public_line;
     // Read from the public file alone; its private half was never found, so
     // a save writes its public record only.
     bool public_only = false;
+    // The plain key's public blob, set when it joins a table: lookups in a
+    // large table compare it before comparing keys, which is far slower.
+    std::string public_blob;
 };
 
 struct IdentityTable {

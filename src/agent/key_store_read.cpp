@@ -93,7 +93,7 @@ struct PrivateRecord {
 };
 
 // Reads the next record; false at the end of the text.
-bool next_private_record(StoreText *in, const char *password, PrivateRecord *record)
+bool next_private_record(StoreText *in, PemKeyReader *reader, PrivateRecord *record)
 {
     size_t start = in->pos;
     if (!in->read_name_line(&record->name))
@@ -109,7 +109,7 @@ bool next_private_record(StoreText *in, const char *password, PrivateRecord *rec
         record->key = certificate_from_reference(location, reference);
     } else {
         size_t consumed = 0, block_start = 0;
-        record->key = private_key_pem_read(in->rest(), in->rest_len(), password, &consumed, &block_start);
+        record->key = reader->read(in->rest(), in->rest_len(), &consumed, &block_start);
         if (record->key)
             record->block = std::string_view(in->rest() + block_start, consumed - block_start);
         in->pos += consumed;
@@ -180,7 +180,8 @@ void read_private_key_store(const char *text, size_t len, const char *password, 
     IdentityTable *table = identity_table_for_version(2);
     StoreText in{text, len};
     PrivateRecord record;
-    while (next_private_record(&in, password, &record)) {
+    PemKeyReader reader(password);
+    while (next_private_record(&in, &reader, &record)) {
         if (!record.key) {
             UnreadableRecord kept;
             kept.name = record.name;
@@ -221,7 +222,8 @@ bool key_store_password_opens(const char *password)
     SecureBytes data = read_whole_file(key_store_paths().private_file, &ok);
     StoreText in{reinterpret_cast<const char *>(data.data()), data.size()};
     PrivateRecord record;
-    while (ok && next_private_record(&in, password, &record))
+    PemKeyReader reader(password);
+    while (ok && next_private_record(&in, &reader, &record))
         if (record.key && !record.block.empty() && block_fits_password(record.block, password))
             return true;
     return false;

@@ -14,13 +14,19 @@ namespace {
 void append(SecretString *out, const std::string &text) { out->append(text.data(), text.size()); }
 
 // A key without a one-line form (a certificate identity with no source)
-// has no public record.
-void append_public_record(const Identity &identity, std::string *out)
+// has no public record. A plain key's line is kept with its identity.
+void append_public_record(Identity &identity, std::string *out)
 {
-    std::string line = key_line(identity.key.get(), false);
-    if (line.empty())
-        return;
-    *out += identity.key->name + "\n" + line;
+    const Key *key = identity.key.get();
+    std::string made;
+    if (is_certificate_type(key->type) || identity.stored_public_line.empty()) {
+        made = key_line(key, false);
+        if (made.empty())
+            return;
+        if (!is_certificate_type(key->type))
+            identity.stored_public_line = made;
+    }
+    *out += key->name + "\n" + (made.empty() ? identity.stored_public_line : made);
     if (identity.comment)
         *out += " " + *identity.comment;
     *out += "\n";

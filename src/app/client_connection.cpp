@@ -11,6 +11,7 @@
 #include "agent/handlers.h"
 #include "agent/protocol.h"
 #include "app/message_processor.h"
+#include "app/request_reader.h"
 #include "keys/buffer.h"
 #include "keys/secure_memory.h"
 #include "log/agent_log.h"
@@ -35,45 +36,6 @@ Registry &registry()
     return *state;
 }
 
-bool read_exact(ClientStream *stream, uint8_t *data, size_t size)
-{
-    while (size > 0) {
-        size_t got = stream->read_some(data, size);
-        if (got == 0)
-            return false;
-        data += got;
-        size -= got;
-    }
-    return true;
-}
-
-bool discard(ClientStream *stream, uint32_t size)
-{
-    uint8_t scratch[16384];
-    while (size > 0) {
-        size_t chunk = size < sizeof scratch ? size : sizeof scratch;
-        if (!read_exact(stream, scratch, chunk))
-            return false;
-        size -= static_cast<uint32_t>(chunk);
-    }
-    return true;
-}
-
-// One request by its length prefix; `skip` is what is left to throw away
-// after it is answered.
-bool read_exact_request(ClientStream *stream, std::vector<uint8_t> *request, uint32_t *skip)
-{
-    uint8_t header[4];
-    if (!read_exact(stream, header, 4))
-        return false;
-    uint32_t length = get_u32(header);
-    uint32_t body = length > AGENT_MAX_REQUEST ? 1 : length;
-    *skip = length - body;
-    request->assign(header, header + 4);
-    request->resize(4 + static_cast<size_t>(body));
-    return read_exact(stream, request->data() + 4, body);
-}
-
 // One pipe read, with the one extra read when it brought under 5 bytes.
 bool read_pipe_request(ClientStream *stream, std::vector<uint8_t> *request)
 {
@@ -91,6 +53,14 @@ bool read_pipe_request(ClientStream *stream, std::vector<uint8_t> *request)
     return true;
 }
 
+void unregister(uint64_t connection)
+{
+    Registry &state = registry();
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.open.erase(connection);
+    state.ended.notify_all();
+}
+
 void serve_and_unregister(std::unique_ptr<ClientStream> stream, Framing framing, uint64_t connection)
 {
     serve_client_connection(stream.get(), framing, connection);
@@ -101,57 +71,94 @@ void serve_and_unregister(std::unique_ptr<ClientStream> stream, Framing framing,
     state.ended.notify_all();
 }
 
-}  // namespace
-
-void serve_client_connection(ClientStream *stream, Framing framing, uint64_t connection)
-{
-    uint32_t thread_id = platform_thread_id();
-    agent_log("Connection established (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
-
-    int32_t agent_protocol = 0, forwarding_chain = 0;
-    std::vector<uint8_t> request;
-    std::vector<uint8_t> reply(AGENT_MAX_REPLY);
-    for (;;) {
-        uint32_t skip = 0;
-        bool got = framing == Framing::EXACT_LENGTH ? read_exact_request(stream, &request, &skip)
-                                                    : read_pipe_request(stream, &request);
-        if (!got)
-            break;
-        uint32_t reply_length = 0;
-        bool keep = submit_client_request(request.data(), static_cast<uint32_t>(request.size()), reply.data(),
-                                          static_cast<uint32_t>(reply.size()), &reply_length, &agent_protocol,
-                                          &forwarding_chain, connection);
-        wipe_memory(request.data(), request.size());
-        if (!keep)
-            break;
-        if (skip && !discard(stream, skip))
-            break;
-        if (reply_length && !stream->write_all(reply.data(), reply_length))
-            break;
-        wipe_memory(reply.data(), reply_length);
-    }
-    wipe_memory(request.data(), request.size());
-    agent_log("Connection shutdown (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), thread_id);
-    run_on_message_thread([connection] { forwarding_notice_connection_closed(connection); });
-}
-
-bool start_client_connection(std::unique_ptr<ClientStream> stream, Framing framing)
+// Takes a place in the registry; 0 when every place is taken.
+uint64_t register_connection(ClientStream *stream)
 {
     Registry &state = registry();
     std::lock_guard<std::mutex> guard(state.lock);
     if (state.open.size() >= AGENT_MAX_CONNECTIONS) {
         agent_log("Refused a client: %d connections are open already", AGENT_MAX_CONNECTIONS);
-        return false;
+        return 0;
     }
     uint64_t connection = state.next_connection++;
-    state.open[connection] = stream.get();
+    state.open[connection] = stream;
+    return connection;
+}
+
+}  // namespace
+
+void serve_client_connection(ClientStream *stream, Framing framing, uint64_t connection)
+{
+    log_connection_established(stream);
+
+    int32_t agent_protocol = 0, forwarding_chain = 0;
+    RequestReader reader(stream);
+    std::vector<uint8_t> piped;  // the pipe framing's request
+    std::unique_ptr<uint8_t[]> reply(new uint8_t[AGENT_MAX_REPLY]);
+    for (;;) {
+        const uint8_t *request = nullptr;
+        uint32_t size = 0, skip = 0;
+        if (framing == Framing::EXACT_LENGTH) {
+            if (!reader.next(&request, &size, &skip))
+                break;
+        } else {
+            if (!read_pipe_request(stream, &piped))
+                break;
+            request = piped.data();
+            size = static_cast<uint32_t>(piped.size());
+        }
+        uint32_t reply_length = 0;
+        bool keep = submit_client_request(request, size, reply.get(), AGENT_MAX_REPLY, &reply_length,
+                                          &agent_protocol, &forwarding_chain, connection);
+        if (framing == Framing::EXACT_LENGTH)
+            reader.release();
+        else
+            wipe_memory(piped.data(), piped.size());
+        if (!keep)
+            break;
+        if (skip && !reader.discard(&skip))
+            break;
+        if (reply_length && !stream->write_all(reply.get(), reply_length))
+            break;
+        wipe_memory(reply.get(), reply_length);
+    }
+    wipe_memory(piped.data(), piped.size());
+    log_connection_shutdown(stream, connection);
+}
+
+void log_connection_established(const ClientStream *stream)
+{
+    agent_log("Connection established (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), platform_thread_id());
+}
+
+void log_connection_shutdown(const ClientStream *stream, uint64_t connection)
+{
+    agent_log("Connection shutdown (pipe: 0x%08x, thread: 0x%08x)", stream->log_handle(), platform_thread_id());
+    run_on_message_thread([connection] { forwarding_notice_connection_closed(connection); });
+}
+
+uint64_t admit_client_connection(ClientStream *stream)
+{
+    uint64_t connection = register_connection(stream);
+    if (connection)
+        agent_log("Connection thread created.");
+    return connection;
+}
+
+void release_client_connection(uint64_t connection) { unregister(connection); }
+
+bool start_client_connection(std::unique_ptr<ClientStream> stream, Framing framing)
+{
+    uint64_t connection = register_connection(stream.get());
+    if (!connection)
+        return false;
     try {
         std::thread(serve_and_unregister, std::move(stream), framing, connection).detach();
         agent_log("Connection thread created.");
         return true;
     } catch (const std::system_error &) {
         agent_log("Error creating connection thread.");
-        state.open.erase(connection);
+        unregister(connection);
         return false;
     }
 }

@@ -13,8 +13,10 @@ class ClientStream {
 public:
     virtual ~ClientStream() = default;
     // Reads at most `size` bytes; 0 when the client closed or the read
-    // failed.
+    // failed, or, for a stream that never blocks, when nothing is waiting.
     virtual size_t read_some(uint8_t *data, size_t size) = 0;
+    // True when the last read returned 0 because nothing was waiting.
+    virtual bool would_block() const { return false; }
     // Writes all bytes; false on failure.
     virtual bool write_all(const uint8_t *data, size_t size) = 0;
     // Called from another thread at shutdown: ends a read that blocks.
@@ -43,6 +45,19 @@ bool start_client_connection(std::unique_ptr<ClientStream> stream, Framing frami
 // Serves a connection on the calling thread, without the registry; for
 // transports that make their own threads.
 void serve_client_connection(ClientStream *stream, Framing framing, uint64_t connection);
+
+// For transports that serve their connections from one event loop rather
+// than a thread each. Admits a connection with the same limit and log line
+// as start_client_connection; 0 when it is refused (the caller closes it).
+// The stream must stay alive until release_client_connection.
+uint64_t admit_client_connection(ClientStream *stream);
+// The lines that open and end every connection; the shutdown line also
+// drops the connection's forwarding notice.
+void log_connection_established(const ClientStream *stream);
+void log_connection_shutdown(const ClientStream *stream, uint64_t connection);
+// Gives the connection's place back, after its shutdown line; the stream
+// may be destroyed after this.
+void release_client_connection(uint64_t connection);
 
 // Interrupts every open connection and waits (a few seconds at most) for
 // their threads to end.

@@ -20,7 +20,12 @@ enum Event : size_t { STOP_EVENT, REQUEST_EVENT, DONE_EVENT, EXITED_EVENT, EVENT
 
 struct HandOver {
     std::thread thread;
-    AutoResetEvents events{EVENT_COUNT};
+    // A submitter watches for its reply for about one signature; the thread
+    // watches for the next request for about one client's round trip, so
+    // that requests that follow each other closely pass without sleeping.
+    AutoResetEvents events{EVENT_COUNT,
+                           {std::chrono::microseconds(0), std::chrono::microseconds(20),
+                            std::chrono::microseconds(100), std::chrono::microseconds(0)}};
     std::mutex request_mutex;  // admits one submitter at a time
     std::atomic<int> busy{0};
     std::atomic<std::thread::id> thread_id{};
@@ -94,7 +99,7 @@ void hand_over_request(HandOver *state, RequestContext *ctx)
         return;
     }
     if (state->busy.load())
-        agent_log("Already processing a message.  Wait for mutex to continue.");
+        log_hand_over_busy();
     std::lock_guard<std::mutex> guard(state->request_mutex);
     state->busy = 1;
     state->pending = ctx;
@@ -118,6 +123,8 @@ bool hand_over_task(HandOver *state, const std::function<void()> &task)
 }
 
 }  // namespace
+
+void log_hand_over_busy() { agent_log("Already processing a message.  Wait for mutex to continue."); }
 
 void message_processor_start()
 {

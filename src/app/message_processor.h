@@ -19,6 +19,11 @@ bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, 
                            uint32_t *reply_length, int32_t *agent_protocol, int32_t *forwarding_chain,
                            uint64_t connection);
 
+// The line of a submitter that finds another request in the hand-over; for
+// transports that queue their clients' requests themselves and submit them
+// one after another.
+void log_hand_over_busy();
+
 // Runs `task` on the message-processing thread, which owns the agent's
 // state (identity tables, lock flag, passphrase, settings, key store, notice
 // lists), through the same hand-over as a request, and waits for it. Before

@@ -10,10 +10,11 @@ Buffer::Buffer() { buffer_init(this); }
 
 Buffer::~Buffer() { buffer_free(this); }
 
-Buffer::Buffer(Buffer &&other) noexcept : buf(other.buf), alloc(other.alloc), offset(other.offset), end(other.end)
+Buffer::Buffer(Buffer &&other) noexcept
+    : buf(other.buf), alloc(other.alloc), offset(other.offset), end(other.end), touched(other.touched)
 {
     other.buf = nullptr;
-    other.alloc = other.offset = other.end = 0;
+    other.alloc = other.offset = other.end = other.touched = 0;
 }
 
 Buffer &Buffer::operator=(Buffer &&other) noexcept
@@ -24,37 +25,39 @@ Buffer &Buffer::operator=(Buffer &&other) noexcept
         alloc = other.alloc;
         offset = other.offset;
         end = other.end;
+        touched = other.touched;
         other.buf = nullptr;
-        other.alloc = other.offset = other.end = 0;
+        other.alloc = other.offset = other.end = other.touched = 0;
     }
     return *this;
 }
 
 void buffer_init(Buffer *b)
 {
-    b->buf = static_cast<uint8_t *>(calloc(BUFFER_INITIAL_SIZE, 1));
+    b->buf = static_cast<uint8_t *>(malloc(BUFFER_INITIAL_SIZE));
     if (!b->buf)
         abort();
     b->alloc = BUFFER_INITIAL_SIZE;
-    b->offset = b->end = 0;
+    b->offset = b->end = b->touched = 0;
 }
 
 void buffer_clear(Buffer *b) { b->offset = b->end = 0; }
 
 void buffer_clear_wipe(Buffer *b)
 {
-    wipe_memory(b->buf, b->alloc);
+    wipe_memory(b->buf, b->touched);
+    b->touched = 0;
     buffer_clear(b);
 }
 
 void buffer_free(Buffer *b)
 {
     if (b->alloc != 0) {
-        wipe_memory(b->buf, b->alloc);
+        wipe_memory(b->buf, b->touched);
         free(b->buf);
     }
     b->buf = nullptr;
-    b->alloc = b->offset = b->end = 0;
+    b->alloc = b->offset = b->end = b->touched = 0;
 }
 
 uint32_t buffer_len(const Buffer *b) { return b->end - b->offset; }
@@ -79,6 +82,8 @@ uint8_t *reserve(Buffer *b, uint32_t len)
         if (static_cast<uint64_t>(b->end) + len < b->alloc) {
             uint8_t *p = b->buf + b->end;
             b->end += len;
+            if (b->end > b->touched)
+                b->touched = b->end;
             return p;
         }
         if (b->offset > b->alloc / 2) {
@@ -93,11 +98,12 @@ uint8_t *reserve(Buffer *b, uint32_t len)
             return nullptr;
         }
         // Grow by copying so that the old storage can be wiped first.
-        auto *fresh = static_cast<uint8_t *>(calloc(grown, 1));
+        auto *fresh = static_cast<uint8_t *>(malloc(grown));
         if (!fresh)
             abort();
         memcpy(fresh, b->buf, b->end);
-        wipe_memory(b->buf, b->alloc);
+        wipe_memory(b->buf, b->touched);
+        b->touched = b->end;
         free(b->buf);
         b->buf = fresh;
         b->alloc = static_cast<uint32_t>(grown);
@@ -108,8 +114,11 @@ uint8_t *reserve(Buffer *b, uint32_t len)
 
 uint8_t *buffer_append_space(Buffer *b, uint32_t len)
 {
-    // A refusal hands back the start of the storage, reserving nothing.
+    // A refusal hands back the start of the storage, reserving nothing;
+    // whatever the caller writes there is wiped with the rest.
     uint8_t *p = reserve(b, len);
+    if (!p)
+        b->touched = b->alloc;
     return p ? p : b->buf;
 }
 

@@ -23,14 +23,17 @@ inline uint32_t get_u32(const uint8_t *p)
            p[3];
 }
 
-// The storage is zero-filled when created, on free and by the wiping clear,
-// because buffers carry private keys and passphrases. A Buffer owns its
+// What was written to the storage is overwritten on free, on growth and by
+// the wiping clear, because buffers carry private keys and passphrases. A Buffer owns its
 // storage: it is initialised on construction and freed on destruction.
 struct Buffer {
     uint8_t *buf = nullptr;
     uint32_t alloc = 0;
     uint32_t offset = 0;
     uint32_t end = 0;
+    // Bytes past this were never handed out, so wiping stops here; most
+    // buffers use a small part of their storage.
+    uint32_t touched = 0;
 
     Buffer();
     ~Buffer();

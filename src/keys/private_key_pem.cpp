@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include <openssl/bio.h>
+#include <openssl/decoder.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
@@ -90,20 +91,43 @@ bool private_key_pem_write(const Key *key, const char *password, SecretString *p
     return true;
 }
 
+namespace {
+
+// Cuts the block out of `text` so that exactly it is consumed, whatever the
+// library would read ahead. False when there is no whole block.
+bool cut_block(const char *text, size_t len, size_t *consumed, size_t *block_start, size_t *begin)
+{
+    std::string_view view(text, len);
+    *begin = find_line(view, 0, "-----BEGIN ");
+    size_t end = *begin == std::string_view::npos ? len : find_line(view, next_line(view, *begin), "-----END ");
+    *consumed = end == std::string_view::npos || end >= len ? len : next_line(view, end);
+    if (block_start)
+        *block_start = *begin == std::string_view::npos ? len : *begin;
+    return *begin != std::string_view::npos && end != std::string_view::npos;
+}
+
+KeyPtr key_from_pkey(PkeyPtr pkey)
+{
+    int nid = -1;
+    int type = key_type_of(pkey.get(), &nid);
+    if (type == KEY_UNSPEC) {
+        debug3("private_key_pem_read: unsupported key type");
+        return nullptr;
+    }
+    KeyPtr key = key_new(type);
+    key->pkey = std::move(pkey);
+    key->ecdsa_nid = nid;
+    return key;
+}
+
+}  // namespace
+
 KeyPtr private_key_pem_read(const char *text, size_t len, const char *password, size_t *consumed,
                             size_t *block_start)
 {
-    // The block is cut out first so that exactly it is consumed, whatever
-    // the library would read ahead.
-    std::string_view view(text, len);
-    size_t begin = find_line(view, 0, "-----BEGIN ");
-    size_t end = begin == std::string_view::npos ? len : find_line(view, next_line(view, begin), "-----END ");
-    *consumed = end == std::string_view::npos || end >= len ? len : next_line(view, end);
-    if (block_start)
-        *block_start = begin == std::string_view::npos ? len : begin;
-    if (begin == std::string_view::npos || end == std::string_view::npos)
+    size_t begin = 0;
+    if (!cut_block(text, len, consumed, block_start, &begin))
         return nullptr;
-
     BioPtr bio(BIO_new_mem_buf(text + begin, static_cast<int>(*consumed - begin)));
     if (!bio)
         return nullptr;
@@ -120,14 +144,53 @@ KeyPtr private_key_pem_read(const char *text, size_t len, const char *password, 
         debug3("private_key_pem_read: no private key could be read");
         return nullptr;
     }
-    int nid = -1;
-    int type = key_type_of(pkey.get(), &nid);
-    if (type == KEY_UNSPEC) {
-        debug3("private_key_pem_read: unsupported key type");
-        return nullptr;
+    return key_from_pkey(std::move(pkey));
+}
+
+PemKeyReader::PemKeyReader(const char *password) : password_(password ? password : "")
+{
+    // The library takes at most this much from a password callback.
+    if (password_.size() > PEM_BUFSIZE)
+        return;
+    FipsPropertyGuard guard;
+    decoder_ = OSSL_DECODER_CTX_new_for_pkey(&decoded_, "PEM", nullptr, nullptr, EVP_PKEY_KEYPAIR, nullptr, nullptr);
+    if (decoder_ && OSSL_DECODER_CTX_get_num_decoders(decoder_) > 0 &&
+        OSSL_DECODER_CTX_set_passphrase(decoder_, reinterpret_cast<const unsigned char *>(password_.data()),
+                                        password_.size()) == 1)
+        return;
+    OSSL_DECODER_CTX_free(decoder_);
+    decoder_ = nullptr;
+    ERR_clear_error();
+}
+
+PemKeyReader::~PemKeyReader()
+{
+    OSSL_DECODER_CTX_free(decoder_);
+    EVP_PKEY_free(decoded_);
+}
+
+KeyPtr PemKeyReader::read(const char *text, size_t len, size_t *consumed, size_t *block_start)
+{
+    size_t begin = 0;
+    if (decoder_ && cut_block(text, len, consumed, block_start, &begin)) {
+        const unsigned char *data = reinterpret_cast<const unsigned char *>(text + begin);
+        size_t left = *consumed - begin;
+        EVP_PKEY_free(decoded_);
+        decoded_ = nullptr;
+        ERR_set_mark();
+        bool ok = false;
+        {
+            FipsPropertyGuard guard;
+            ok = OSSL_DECODER_from_data(decoder_, &data, &left) == 1 && decoded_ != nullptr;
+        }
+        ERR_pop_to_mark();
+        if (ok) {
+            PkeyPtr pkey(decoded_);
+            decoded_ = nullptr;
+            return key_from_pkey(std::move(pkey));
+        }
     }
-    KeyPtr key = key_new(type);
-    key->pkey = std::move(pkey);
-    key->ecdsa_nid = nid;
-    return key;
+    // Whatever the quick way could not read goes the usual way, which
+    // reports why.
+    return private_key_pem_read(text, len, password_.c_str(), consumed, block_start);
 }

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <atomic>
 #include <fstream>
 #include <mutex>
 
@@ -65,6 +66,8 @@ std::string format_with_zero_arguments(const char *text)
 
 void agent_log(const char *fmt, ...)
 {
+    if (!log_wanted(SYSLOG_LEVEL_INFO))
+        return;
     // The prefix goes in front of the expansion, never into the format, so
     // the caller's format is the one the compiler checked.
     static constexpr char prefix[] = "keyagent: ";
@@ -76,6 +79,20 @@ void agent_log(const char *fmt, ...)
     va_end(args);
     logit("%s", format_with_zero_arguments(message).c_str());
 }
+
+namespace {
+
+// Whether the agent's log file takes lines, read by every logging thread
+// without the sink's lock.
+std::atomic<bool> agent_file_enabled{false};
+
+void note_enabled(const LogFileState *state)
+{
+    if (state == &agent_log_file())
+        agent_file_enabled = state->enabled;
+}
+
+}  // namespace
 
 const char *log_file_name_for_component(int component)
 {
@@ -147,6 +164,7 @@ void log_file_configure(LogFileState *state, int component, const std::string &f
         }
     }
     state->enabled = state->forced;
+    note_enabled(state);
     state->path = configured_path.empty() ? platform_join_path(folder, log_file_name_for_component(component))
                                           : configured_path;
 }
@@ -167,6 +185,7 @@ void log_file_set_enabled(LogFileState *state, bool enable, const char *program)
         if (!state->append)
             platform_remove_file(state->path);
         state->enabled = true;
+        note_enabled(state);
         if (state->component == LOG_COMPONENT_AGENT)
             snprintf(line, sizeof line, "Agent Log Setting Enabled (%s version %u.%u.%u) %02u/%02u/%04u", program,
                      AGENT_VERSION_MAJOR, AGENT_VERSION_MINOR, AGENT_VERSION_BUILD, t.month, t.day, t.year);
@@ -178,6 +197,7 @@ void log_file_set_enabled(LogFileState *state, bool enable, const char *program)
     } else {
         log_file_write(state, nullptr, "Agent Log Setting Disabled. Stop logging.");
         state->enabled = false;
+        note_enabled(state);
     }
 }
 
@@ -206,7 +226,7 @@ namespace {
 
 struct AgentLogSink {
     std::mutex lock;
-    bool copy_to_stderr = false;
+    std::atomic<bool> copy_to_stderr{false};
 };
 
 AgentLogSink &agent_log_sink()
@@ -224,6 +244,12 @@ void agent_log_callback(int, const char *line, void *)
         fprintf(stderr, "%s\n", line);
 }
 
+bool agent_line_wanted(int)
+{
+    return agent_file_enabled.load(std::memory_order_relaxed) ||
+           agent_log_sink().copy_to_stderr.load(std::memory_order_relaxed);
+}
+
 }  // namespace
 
 LogFileState &agent_log_file()
@@ -237,4 +263,5 @@ void agent_log_install(const std::string &log_folder, bool copy_to_stderr)
     log_file_configure(&agent_log_file(), LOG_COMPONENT_AGENT, log_folder);
     agent_log_sink().copy_to_stderr = copy_to_stderr;
     log_init("key agent", SYSLOG_LEVEL_DEBUG3, 1, agent_log_callback, nullptr);
+    log_set_wanted(agent_line_wanted);
 }

@@ -19,6 +19,7 @@ struct LoggerState {
     int facility = 0;
     LogCallback callback = nullptr;
     void *context = nullptr;
+    std::atomic<LogWanted> wanted{nullptr};
 };
 
 LoggerState &logger()
@@ -103,12 +104,25 @@ void log_init(const char *name, int level, int facility, LogCallback callback, v
     state.facility = facility;
     state.callback = callback;
     state.context = context;
+    state.wanted = nullptr;
 }
 
 void log_set_callback(LogCallback callback, void *context)
 {
     logger().callback = callback;
     logger().context = context;
+    logger().wanted = nullptr;
+}
+
+void log_set_wanted(LogWanted wanted) { logger().wanted = wanted; }
+
+bool log_wanted(int level)
+{
+    const LoggerState &state = logger();
+    if (level > state.level || state.callback == nullptr)
+        return false;
+    LogWanted wanted = state.wanted.load(std::memory_order_relaxed);
+    return wanted == nullptr || wanted(level);
 }
 
 int log_level() { return logger().level; }
@@ -117,7 +131,7 @@ const char *log_name() { return logger().name.c_str(); }
 void do_log(int level, const char *fmt, va_list args)
 {
     const LoggerState &state = logger();
-    if (level > state.level)
+    if (!log_wanted(level))
         return;
 
     char body[LOG_MESSAGE_MAX];

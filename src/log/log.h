@@ -51,8 +51,19 @@ private:
     bool outer_;
 };
 
+// Says whether a line of `level` would reach anything right now (a log file
+// or standard error): lines that would not are not even formatted.
+using LogWanted = bool (*)(int level);
+
+// Both replace any LogWanted filter: every line that passes the threshold
+// goes to the callback.
 void log_init(const char *name, int level, int facility, LogCallback callback = nullptr, void *context = nullptr);
 void log_set_callback(LogCallback callback, void *context);
+// Installed after the callback, by an owner that knows where its lines go.
+void log_set_wanted(LogWanted wanted);
+// True when a line of `level` passes the threshold, has a callback and is
+// wanted; callers may skip building a message when it is false.
+bool log_wanted(int level);
 int log_level();
 const char *log_name();
 

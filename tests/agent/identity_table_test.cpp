@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <string>
+#include <vector>
+
+#include <openssl/core_names.h>
 
 #include "agent/identity_table.h"
 #include "keys/key.h"
@@ -67,5 +71,48 @@ TEST(IdentityTable, CertificateLookupAsKey)
     // ...unless certificates count as keys; the held type stays as it was.
     EXPECT_EQ(lookup_identity_as_key(plain.get(), 2), held);
     EXPECT_EQ(held->key->type, KEY_X509_RSA);
+    identity_tables_init();
+}
+
+// In a table large enough for lookups to compare public keys in their
+// encoded form, every kind of key is still found by an equal public copy,
+// also when one side holds its EC point compressed, and a new key is not.
+TEST(IdentityTable, LookupInALargeTableFindsEqualKeysOnly)
+{
+    identity_tables_init();
+    auto compressed_copy = [](const Key *key) {
+        KeyPtr copy = key_new(key->type);
+        copy->pkey.reset(EVP_PKEY_dup(key->pkey.get()));
+        EVP_PKEY_set_utf8_string_param(copy->pkey.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT, "compressed");
+        copy->ecdsa_nid = key->ecdsa_nid;
+        return copy;
+    };
+    std::vector<KeyPtr> probes;
+    for (int i = 0; i < 4; ++i)
+        for (auto [type, bits] : {std::pair{KEY_RSA, 1024u}, {KEY_DSA, 1024u}, {KEY_ECDSA, 256u}, {KEY_ECDSA, 384u},
+                                  {KEY_ED25519, 256u}}) {
+            KeyPtr key = key_generate(type, bits);
+            probes.push_back(key_from_private(key.get()));
+            if (i == 3 && type == KEY_ECDSA)  // held compressed in the table
+                key = compressed_copy(key.get());
+            add_test_identity(std::move(key), "c", ("k" + std::to_string(probes.size())).c_str());
+        }
+    add_test_identity(make_test_certificate_key("EC"), "cert", "cert");
+    ASSERT_GE(identity_table_for_version(2)->nentries, 16);
+
+    auto it = identity_table_for_version(2)->identities.begin();
+    for (const KeyPtr &probe : probes) {
+        SCOPED_TRACE((*it)->key->name);
+        EXPECT_EQ(lookup_identity(probe.get(), 2), it->get());
+        if (probe->type == KEY_ECDSA) {
+            KeyPtr compressed = compressed_copy(probe.get());
+            EXPECT_EQ(lookup_identity(compressed.get(), 2), it->get());
+        }
+        ++it;
+    }
+    for (auto [type, bits] : {std::pair{KEY_RSA, 1024u}, {KEY_ECDSA, 256u}, {KEY_ED25519, 256u}}) {
+        KeyPtr stranger = key_generate(type, bits);
+        EXPECT_EQ(lookup_identity(stranger.get(), 2), nullptr);
+    }
     identity_tables_init();
 }

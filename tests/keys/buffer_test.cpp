@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <vector>
+
 #include "keys/buffer.h"
 #include "support/bytes.h"
 #include "support/log_capture.h"
@@ -170,4 +173,36 @@ TEST(Buffer, BignumSizeLimits)
     EXPECT_THROW(buffer_get_bignum(&short_v1, value), FatalError);
     EXPECT_TRUE(log.contains("buffer_get_bignum: input buffer too small"));
     BN_free(value);
+}
+
+// Whatever was written, moved down by a consume, grown past or handed out
+// by a refused append, the wiping clear leaves none of it in the storage.
+TEST(Buffer, WipingClearLeavesNoByteBehind)
+{
+    auto all_zero = [](const Buffer &b) {
+        for (uint32_t i = 0; i < b.alloc; ++i)
+            if (b.buf[i] == 0xa5 || b.buf[i] == 0x5a)
+                return false;
+        return true;
+    };
+    std::vector<uint8_t> bytes(3000, 0xa5);
+    for (int steps = 0; steps < 4; ++steps) {
+        SCOPED_TRACE(steps);
+        Buffer b;
+        buffer_append(&b, bytes.data(), 100);
+        if (steps >= 1) {  // consumed, then moved down by the next append
+            buffer_consume(&b, 90);
+            buffer_append(&b, bytes.data(), 3000);
+            buffer_append(&b, bytes.data(), 1000);
+        }
+        if (steps >= 2)  // grown
+            buffer_append(&b, bytes.data(), 3000);
+        if (steps >= 3)  // refused: the start of the storage is handed out
+            memset(buffer_append_space(&b, BUFFER_MAX_CHUNK + 1), 0x5a, 16);
+        buffer_clear_wipe(&b);
+        EXPECT_TRUE(all_zero(b));
+        buffer_append(&b, bytes.data(), 10);
+        buffer_clear_wipe(&b);
+        EXPECT_TRUE(all_zero(b));
+    }
 }

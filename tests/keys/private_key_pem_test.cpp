@@ -97,3 +97,37 @@ TEST(PrivateKeyPem, RefusesWhatIsNotAPrivateKeyOfAKnownType)
     EXPECT_FALSE(read_back(text_of(pem), ""));
     EXPECT_TRUE(log.contains("private_key_pem_read: unsupported key type"));
 }
+
+TEST(PrivateKeyPem, OneReaderReadsEveryTypeInTurnAsSingleReadsDo)
+{
+    PemKeyReader right("pass word"), wrong("pass Word"), empty("");
+    for (int round = 0; round < 2; ++round) {
+        for (auto [type, bits] : {std::pair{KEY_RSA, 2048u}, {KEY_ECDSA, 256u}, {KEY_DSA, 1024u}, {KEY_ED25519, 256u},
+                                  {KEY_ECDSA, 521u}}) {
+            SCOPED_TRACE(type * 1000 + static_cast<int>(bits));
+            KeyPtr key = key_generate(type, bits);
+            SecretString pem;
+            ASSERT_TRUE(private_key_pem_write(key.get(), "pass word", &pem));
+            std::string text = "name\n" + text_of(pem) + "\nrest";
+            size_t consumed = 0, start = 0, single_consumed = 0, single_start = 0;
+            KeyPtr back = right.read(text.data(), text.size(), &consumed, &start);
+            ASSERT_TRUE(back);
+            read_back(text, "pass word", &single_consumed, &single_start);
+            EXPECT_EQ(consumed, single_consumed);
+            EXPECT_EQ(start, single_start);
+            EXPECT_EQ(back->type, type);
+            EXPECT_EQ(back->ecdsa_nid, key->ecdsa_nid);
+            EXPECT_EQ(EVP_PKEY_eq(back->pkey.get(), key->pkey.get()), 1);
+            EXPECT_FALSE(wrong.read(text.data(), text.size(), &consumed));
+            EXPECT_FALSE(empty.read(text.data(), text.size(), &consumed));
+
+            ASSERT_TRUE(private_key_pem_write(key.get(), "", &pem));
+            back = empty.read(pem.data(), pem.size(), &consumed);
+            ASSERT_TRUE(back);
+            EXPECT_EQ(EVP_PKEY_eq(back->pkey.get(), key->pkey.get()), 1);
+        }
+    }
+    size_t consumed = 0;
+    EXPECT_FALSE(right.read("no block here\n", 14, &consumed));
+    EXPECT_EQ(consumed, 14u);
+}

@@ -1,27 +1,317 @@
 #include "app/posix/agent_server.h"
 
+#include <cerrno>
+#include <cstring>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
+#include "agent/protocol.h"
 #include "app/client_connection.h"
-#include "platform/posix/fd_io.h"
+#include "app/message_processor.h"
 #include "app/posix/peer_check.h"
+#include "app/request_reader.h"
+#include "keys/secure_memory.h"
+#include "log/agent_log.h"
 
 namespace {
 
+// Reads and writes never block: the event loop calls again when the
+// socket is ready.
 class SocketStream : public ClientStream {
 public:
     explicit SocketStream(int fd) : fd_(fd) {}
     ~SocketStream() override { close(fd_); }
-    size_t read_some(uint8_t *data, size_t size) override { return fd_read_some(fd_, data, size); }
-    bool write_all(const uint8_t *data, size_t size) override { return fd_write_all(fd_, data, size); }
+    size_t read_some(uint8_t *data, size_t size) override
+    {
+        // A read that got less than it asked for emptied the socket: the
+        // next one would only find nothing, until the loop says otherwise.
+        if (drained_) {
+            would_block_ = true;
+            return 0;
+        }
+        ssize_t n;
+        do
+            n = recv(fd_, data, size, MSG_DONTWAIT);
+        while (n < 0 && errno == EINTR);
+        would_block_ = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        drained_ = would_block_ || (n > 0 && static_cast<size_t>(n) < size);
+        return n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    // The loop saw the socket readable.
+    void readable() { drained_ = false; }
+    // Writes what the socket takes now; false on failure. `*sent` gets the count.
+    bool send_some(const uint8_t *data, size_t size, size_t *sent)
+    {
+        ssize_t n;
+        do
+            n = send(fd_, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+        while (n < 0 && errno == EINTR);
+        *sent = n > 0 ? static_cast<size_t>(n) : 0;
+        return n >= 0 || errno == EAGAIN || errno == EWOULDBLOCK;
+    }
+    bool write_all(const uint8_t *data, size_t size) override
+    {
+        size_t sent = 0;
+        return send_some(data, size, &sent) && sent == size;
+    }
     void interrupt() override { shutdown(fd_, SHUT_RDWR); }
     uint32_t log_handle() const override { return static_cast<uint32_t>(fd_); }
+    bool would_block() const override { return would_block_; }
+    int fd() const { return fd_; }
 
 private:
     int fd_;
+    bool would_block_ = false;
+    bool drained_ = false;
 };
+
+// One client: its requests, cut out of its bytes as on a thread of its own,
+// and the reply bytes the socket has not taken yet. While a reply waits,
+// nothing more of that client is read or processed.
+struct Connection {
+    explicit Connection(int fd) : stream(std::make_unique<SocketStream>(fd)), reader(stream.get()) {}
+    std::unique_ptr<SocketStream> stream;
+    RequestReader reader;
+    uint64_t id = 0;
+    int32_t agent_protocol = 0, forwarding_chain = 0;
+    uint32_t skip = 0;   // body bytes of an over-long request still to drop
+    SecureBytes output;  // reply bytes not sent yet, from `sent`
+    size_t sent = 0;
+    bool writing = false;  // waiting for the socket to take output
+};
+
+class EventLoop {
+public:
+    // Hands a connected socket to the loop, starting its thread when none runs.
+    void add(int fd)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (!setup()) {
+            close(fd);
+            return;
+        }
+        arrived_.push_back(fd);
+        if (running_) {
+            uint64_t one = 1;
+            if (write(wake_fd_, &one, sizeof one) < 0) {
+                // The counter is already non-zero: the loop wakes anyway.
+            }
+            return;
+        }
+        try {
+            std::thread([this] { run(); }).detach();
+            running_ = true;
+        } catch (const std::system_error &) {
+            agent_log("Error creating connection thread.");
+            arrived_.pop_back();
+            close(fd);
+        }
+    }
+
+private:
+    bool setup()
+    {
+        if (epoll_fd_ >= 0)
+            return true;
+        epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+        wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        epoll_event wake{};
+        wake.events = EPOLLIN;
+        wake.data.u64 = 0;
+        if (epoll_fd_ < 0 || wake_fd_ < 0 || epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_fd_, &wake) != 0) {
+            if (epoll_fd_ >= 0)
+                close(epoll_fd_);
+            if (wake_fd_ >= 0)
+                close(wake_fd_);
+            epoll_fd_ = wake_fd_ = -1;
+            return false;
+        }
+        return true;
+    }
+
+    // Takes the arrived sockets; false (and the thread ends) when there are
+    // none and no connection is open.
+    bool take_arrivals()
+    {
+        std::vector<int> arrived;
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            arrived.swap(arrived_);
+            if (arrived.empty() && connections_.empty()) {
+                running_ = false;
+                return false;
+            }
+        }
+        for (int fd : arrived)
+            open_connection(fd);
+        return true;
+    }
+
+    void open_connection(int fd)
+    {
+        auto connection = std::make_unique<Connection>(fd);
+        connection->id = admit_client_connection(connection->stream.get());
+        if (!connection->id)
+            return;  // refused: the stream closes the socket
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = connection->id;
+        if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) != 0) {
+            release_client_connection(connection->id);
+            return;
+        }
+        log_connection_established(connection->stream.get());
+        connections_[connection->id] = std::move(connection);
+    }
+
+    void close_connection(uint64_t id)
+    {
+        auto found = connections_.find(id);
+        if (found == connections_.end())
+            return;
+        std::unique_ptr<Connection> connection = std::move(found->second);
+        connections_.erase(found);
+        epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, connection->stream->fd(), nullptr);
+        log_connection_shutdown(connection->stream.get(), id);
+        release_client_connection(id);
+    }
+
+    void watch(Connection *connection, bool writing)
+    {
+        if (connection->writing == writing)
+            return;
+        connection->writing = writing;
+        epoll_event event{};
+        event.events = writing ? EPOLLOUT : EPOLLIN;
+        event.data.u64 = connection->id;
+        epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, connection->stream->fd(), &event);
+    }
+
+    // Sends what is waiting; false when the client is gone.
+    bool flush(Connection *connection)
+    {
+        while (connection->sent < connection->output.size()) {
+            size_t sent = 0;
+            if (!connection->stream->send_some(connection->output.data() + connection->sent,
+                                               connection->output.size() - connection->sent, &sent))
+                return false;
+            if (sent == 0) {
+                watch(connection, true);
+                return true;
+            }
+            connection->sent += sent;
+        }
+        wipe_memory(connection->output.data(), connection->output.size());
+        connection->output.clear();
+        connection->sent = 0;
+        watch(connection, false);
+        return true;
+    }
+
+    // Answers every whole request that has arrived, in order, as long as
+    // the socket takes the replies; false when the connection is to end.
+    bool answer(Connection *c, uint64_t *submitted)
+    {
+        while (!c->writing) {
+            if (c->skip) {
+                if (!c->reader.discard(&c->skip))
+                    return c->stream->would_block();
+                if (!flush(c))
+                    return false;
+                continue;
+            }
+            const uint8_t *request = nullptr;
+            uint32_t size = 0, skip = 0;
+            if (!c->reader.next(&request, &size, &skip))
+                return c->stream->would_block();
+            // Requests of several clients that are answered one after
+            // another waited for each other, as submitters wait for the
+            // hand-over's mutex.
+            if (*submitted && *submitted != c->id)
+                log_hand_over_busy();
+            *submitted = c->id;
+            uint32_t reply_length = 0;
+            bool keep = submit_client_request(request, size, reply_.get(), AGENT_MAX_REPLY, &reply_length,
+                                              &c->agent_protocol, &c->forwarding_chain, c->id);
+            c->reader.release();
+            if (!keep)
+                return false;
+            c->skip = skip;
+            c->output.assign(reply_.get(), reply_.get() + reply_length);
+            wipe_memory(reply_.get(), reply_length);
+            if (!c->skip && !flush(c))
+                return false;
+        }
+        return true;
+    }
+
+    bool serve(Connection *c, uint32_t events, uint64_t *submitted)
+    {
+        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR))
+            c->stream->readable();
+        if (c->writing) {
+            if (!(events & (EPOLLOUT | EPOLLERR | EPOLLHUP)))
+                return true;
+            if (!flush(c))
+                return false;
+            if (c->writing)
+                return true;
+            // The client took its reply: what it sent meanwhile is next.
+        }
+        return answer(c, submitted);
+    }
+
+    void run()
+    {
+        epoll_event events[64];
+        while (take_arrivals()) {
+            int n = epoll_wait(epoll_fd_, events, 64, -1);
+            if (n < 0 && errno != EINTR) {
+                agent_log("epoll_wait failed: %s", strerror(errno));
+                std::lock_guard<std::mutex> guard(lock_);
+                running_ = false;
+                return;
+            }
+            uint64_t submitted = 0;  // the connection of the batch's last request
+            for (int i = 0; i < n; ++i) {
+                uint64_t id = events[i].data.u64;
+                if (id == 0) {
+                    uint64_t count = 0;
+                    if (read(wake_fd_, &count, sizeof count) < 0) {
+                        // Nothing to take: another read got it.
+                    }
+                    continue;
+                }
+                auto found = connections_.find(id);
+                if (found != connections_.end() && !serve(found->second.get(), events[i].events, &submitted))
+                    close_connection(id);
+            }
+        }
+    }
+
+    std::mutex lock_;  // guards arrived_ and running_
+    std::vector<int> arrived_;
+    bool running_ = false;
+    int epoll_fd_ = -1, wake_fd_ = -1;
+    // Used by the loop's thread alone.
+    std::map<uint64_t, std::unique_ptr<Connection>> connections_;
+    std::unique_ptr<uint8_t[]> reply_{new uint8_t[AGENT_MAX_REPLY]};
+};
+
+// Never destroyed: the loop's thread may outlive the shutdown wait.
+EventLoop &event_loop()
+{
+    static EventLoop *loop = new EventLoop;
+    return *loop;
+}
 
 }  // namespace
 
@@ -29,5 +319,5 @@ void agent_server_accept(int listen_fd)
 {
     int fd = accept_this_user(listen_fd);
     if (fd >= 0)
-        start_client_connection(std::make_unique<SocketStream>(fd), Framing::EXACT_LENGTH);
+        event_loop().add(fd);
 }

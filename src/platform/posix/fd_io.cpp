@@ -35,6 +35,12 @@ bool fd_write_all(int fd, const void *data, size_t size)
     });
 }
 
+bool fd_send_all(int fd, const void *data, size_t size)
+{
+    return transfer_all(const_cast<char *>(static_cast<const char *>(data)), size,
+                        [&](char *p, size_t n) { return send(fd, p, n, MSG_NOSIGNAL); });
+}
+
 bool fd_read_exact(int fd, void *data, size_t size)
 {
     return transfer_all(static_cast<char *>(data), size, [&](char *p, size_t n) { return read(fd, p, n); });

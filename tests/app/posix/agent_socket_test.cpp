@@ -159,3 +159,43 @@ TEST(AgentSocket, SlowAndSilentClientsDelayNobody)
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
     close(dribbler);
 }
+
+// A client that sends many requests and reads none of the replies until
+// later gets every reply in order, and holds nobody up meanwhile; the 256th
+// connection at once is refused, and its place is free again once another
+// client leaves.
+TEST(AgentSocket, UnreadRepliesWaitAndTheConnectionLimitHolds)
+{
+    AgentProcess agent;
+    ASSERT_TRUE(agent.start()) << agent.log_text();
+    constexpr int FLOOD = 60000;  // replies far beyond a socket's buffer
+    AgentClient flooder(agent.socket_path());
+    Bytes requests;
+    for (int i = 0; i < FLOOD; ++i) {
+        Bytes one = frame(hex_bytes(i % 2 ? "0b" : "d5"));
+        requests.insert(requests.end(), one.begin(), one.end());
+    }
+    std::thread sender([&] { flooder.send_bytes(requests); });
+    AgentClient other(agent.socket_path());
+    EXPECT_EQ(other.request(frame(hex_bytes("d5"))), hex_bytes("00000001 66"));
+    int in_order = 0;
+    for (int i = 0; i < FLOOD; ++i)
+        in_order += flooder.read_reply() == (i % 2 ? hex_bytes("00000005 0c 00000000") : hex_bytes("00000001 66"));
+    sender.join();
+    EXPECT_EQ(in_order, FLOOD);
+
+    std::vector<std::unique_ptr<AgentClient>> clients;
+    for (int i = 0; i < 253; ++i)  // with `flooder` and `other`, 255
+        clients.push_back(std::make_unique<AgentClient>(agent.socket_path()));
+    for (auto &client : clients)
+        ASSERT_EQ(client->request(frame(hex_bytes("d5"))), hex_bytes("00000001 66"));
+    AgentClient refused(agent.socket_path());
+    EXPECT_TRUE(refused.closed_by_peer());
+    clients.pop_back();
+    EXPECT_EQ(other.request(frame(hex_bytes("d5"))), hex_bytes("00000001 66"));  // the departure is seen
+    AgentClient admitted(agent.socket_path());
+    EXPECT_EQ(admitted.request(frame(hex_bytes("d5"))), hex_bytes("00000001 66"));
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_NE(agent.log_text().find("keyagent: Refused a client: 255 connections are open already"),
+              std::string::npos);
+}
