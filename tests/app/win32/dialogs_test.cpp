@@ -187,4 +187,34 @@ TEST(TkeyagentFirstStart, CancelledDialogEndsTheStart)
     EXPECT_EQ(log.find("Key Agent started"), std::string::npos);
 }
 
+// The menu's unlock asks in dialog 124; a wrong passphrase is reported in
+// message box 123 and leaves the agent locked, the right one unlocks it.
+TEST(TkeyagentUnlock, MenuUnlockThroughDialog124)
+{
+    WindowsAgent agent;
+    ASSERT_NE(resource_library_load(), nullptr);
+    agent.seed_passphrase("the right one");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+
+    PostMessageW(window, WM_COMMAND, 40003, 0);
+    HWND dialog = wait_for_dialog(text(124));
+    ASSERT_NE(dialog, nullptr) << agent.log();
+    type_into(dialog, 126, L"a wrong one");
+    press(dialog, IDOK);
+    HWND box = wait_for_dialog(text(101));
+    ASSERT_NE(box, nullptr) << agent.log();
+    EXPECT_NE(static_texts(box).find(text(123)), std::wstring::npos);
+    PostMessageW(box, WM_CLOSE, 0, 0);
+    EXPECT_NE(agent.log().find("keyagent: Unlock failed: wrong passphrase"), std::string::npos);
+
+    PostMessageW(window, WM_COMMAND, 40003, 0);
+    dialog = wait_for_dialog(text(124));
+    ASSERT_NE(dialog, nullptr) << agent.log();
+    type_into(dialog, 126, L"the right one");
+    press(dialog, IDOK);
+    EXPECT_EQ(agent.close(), 0);
+    EXPECT_NE(agent.log().find("keyagent: UNLOCKED"), std::string::npos) << agent.log();
+}
+
 }  // namespace

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 
+#include "agent/settings.h"
 #include "win32/windows_agent.h"
 
 namespace {
@@ -56,6 +58,50 @@ TEST(Tkeyagent, StartsOnceAnswersSettingsAndStopsInOrder)
     EXPECT_LT(stopped, thread_stopped);
     EXPECT_LT(log_position(log, "keyagent: Crypto cleanup"), thread_stopped);
     EXPECT_EQ(find_agent_window(), nullptr);
+}
+
+// The copy-data record of a change of passphrase: old at 0, new at 256, the
+// empty flag at 512.
+LRESULT send_change_passphrase(HWND window, const char *old_passphrase, const char *new_passphrase)
+{
+    char record[516] = {};
+    snprintf(record, 256, "%s", old_passphrase);
+    snprintf(record + 256, 256, "%s", new_passphrase);
+    COPYDATASTRUCT data = {1027, sizeof record, record};
+    return SendMessageW(window, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data));
+}
+
+// Another process changes the passphrase (a wrong old one changes nothing),
+// stops the agent through the menu's exit command, and resets its data.
+TEST(Tkeyagent, ChangePassphraseMenuExitAndReset)
+{
+    WindowsAgent agent;
+    agent.seed_passphrase("old passphrase");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    EXPECT_EQ(send_change_passphrase(window, "wrong", "new passphrase"), 0);
+    EXPECT_NE(log_position(agent.log(), "keyagent: Change passphrase failed: wrong passphrase"), std::string::npos);
+    EXPECT_EQ(send_change_passphrase(window, "old passphrase", "new passphrase"), 1);
+    EXPECT_NE(log_position(agent.log(), "keyagent: Change passphrase succeeded"), std::string::npos);
+
+    PostMessageW(window, WM_COMMAND, 40005, 0);
+    EXPECT_EQ(agent.close(), 0);
+    EXPECT_NE(log_position(agent.log(), "keyagent: Key Agent stopped ==========="), std::string::npos);
+    // The settings file now takes the new passphrase alone.
+    agent_data_folder_set(agent.folder().string());
+    read_agent_settings();
+    uint8_t digest[20];
+    agent_passphrase_digest("new passphrase", digest);
+    EXPECT_EQ(memcmp(digest, agent_settings().passphrase_digest, sizeof digest), 0);
+
+    window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    SendMessageW(window, 1026, 0, 0);
+    EXPECT_EQ(agent.close(), 0);
+    for (const char *name : {"tAgent", "tAgentKeys", "tAgentKeys.pub"})
+        EXPECT_FALSE(std::filesystem::exists(agent.path(name))) << name;
+    EXPECT_NE(log_position(agent.log(), "keyagent: Resetting key agent data.  All keys destroyed and passphrase reset."),
+              std::string::npos);
 }
 
 }  // namespace
