@@ -8,11 +8,12 @@
 #include <string>
 
 #include "log/log.h"
+#include "pki/cert_key_layer.h"
 #include "pki/cert_provider.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static bool quiet = (log_init("fuzz", 0, 1), true);
+    static bool quiet = (log_init("fuzz", 0, 1), cert_key_layer_install(), true);
     (void)quiet;
     std::string line(reinterpret_cast<const char *>(data), size);
     CertReference parsed, again;

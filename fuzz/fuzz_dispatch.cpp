@@ -7,10 +7,11 @@
 #include "agent/dispatch.h"
 #include "agent/handlers.h"
 #include "log/log.h"
+#include "pki/cert_key_layer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static bool quiet = (log_init("fuzz", 0, 1), true);
+    static bool quiet = (log_init("fuzz", 0, 1), cert_key_layer_install(), true);
     (void)quiet;
     if (size > 0x50000)
         return 0;

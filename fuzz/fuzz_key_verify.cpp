@@ -4,12 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "crypto/key_signer.h"
 #include "log/log.h"
+#include "pki/cert_key_layer.h"
+#include "pki/key_signer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static bool quiet = (log_init("fuzz", 0, 1), true);
+    static bool quiet = (log_init("fuzz", 0, 1), cert_key_layer_install(), true);
     static KeyPtr keys[] = {key_generate(KEY_RSA, 1024), key_generate(KEY_DSA, 1024), key_generate(KEY_ECDSA, 256)};
     (void)quiet;
     static const uint8_t message[] = "message";

@@ -11,6 +11,7 @@
 #include "agent/key_store.h"
 #include "keys/key.h"
 #include "log/log.h"
+#include "pki/cert_key_layer.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ KeyPtr public_key()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static bool quiet = (log_init("fuzz", 0, 1), true);
+    static bool quiet = (log_init("fuzz", 0, 1), cert_key_layer_install(), true);
     (void)quiet;
     identity_tables_init();
     identity_add(identity_table_for_version(2), make_identity_record(public_key(), std::string("saved"), 0, 0, 0));

@@ -6,10 +6,11 @@
 #include "agent/identity_table.h"
 #include "agent/key_store.h"
 #include "log/log.h"
+#include "pki/cert_key_layer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static bool quiet = (log_init("fuzz", 0, 1), true);
+    static bool quiet = (log_init("fuzz", 0, 1), cert_key_layer_install(), true);
     (void)quiet;
     identity_tables_init();
     read_public_key_store(reinterpret_cast<const char *>(data), size);

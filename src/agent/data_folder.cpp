@@ -1,7 +1,7 @@
 #include "agent/data_folder.h"
 
-#include <cstdio>
-
+#include "agent/passphrase.h"
+#include "pki/cert_store.h"
 #include "platform/platform.h"
 
 namespace {
@@ -12,7 +12,13 @@ std::string &folder_storage()
 }
 }  // namespace
 
-void agent_data_folder_set(const std::string &folder) { folder_storage() = folder; }
+void agent_data_folder_set(const std::string &folder)
+{
+    folder_storage() = folder;
+    // The certificate store lives in the data folder and opens its keys under
+    // the passphrase the agent holds.
+    cert_store_bind(agent_data_path(CERT_STORE_FOLDER), agent_passphrase_text);
+}
 
 const std::string &agent_data_folder() { return folder_storage(); }
 
@@ -22,23 +28,4 @@ std::string agent_data_path(const char *name)
     if (folder.empty())
         return {};
     return platform_join_path(folder, name);
-}
-
-SecureBytes read_whole_file(const std::string &path, bool *ok)
-{
-    SecureBytes data;
-    *ok = false;
-    if (path.empty())
-        return data;
-    FILE *file = fopen(path.c_str(), "rb");
-    if (!file)
-        return data;
-    uint8_t chunk[4096];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, file)) > 0)
-        data.insert(data.end(), chunk, chunk + n);
-    *ok = !ferror(file);
-    fclose(file);
-    wipe_memory(chunk, sizeof chunk);
-    return data;
 }

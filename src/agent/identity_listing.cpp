@@ -10,14 +10,14 @@
 #include "agent/reply.h"
 #include "agent/settings.h"
 #include "crypto/fips_policy.h"
-#include "crypto/signature_algorithm.h"
 #include "keys/key.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
+#include "keys/kvl.h"
+#include "keys/signature_algorithm.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 #include "pki/agent_enum.h"
-#include "pki/kvl.h"
 #include "pki/x509_key_blob.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include "agent/key_store.h"
 #include "agent/key_store_files.h"
 #include "agent/passphrase.h"
-#include "keys/private_key_pem.h"
+#include "crypto/private_key_pem.h"
 #include "keys/public_key_format.h"
 #include "log/log.h"
 

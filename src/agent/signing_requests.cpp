@@ -4,19 +4,19 @@
 
 #include "agent/confirmation.h"
 #include "agent/forwarding_notice.h"
-#include "agent/passphrase_prompt.h"
 #include "agent/handlers.h"
 #include "agent/identity_table.h"
+#include "agent/passphrase_prompt.h"
 #include "agent/protocol.h"
 #include "agent/reply.h"
 #include "agent/settings.h"
-#include "crypto/signature_algorithm.h"
 #include "crypto/signature_types.h"
-#include "crypto/key_signer.h"
 #include "keys/key.h"
 #include "keys/key_blob.h"
+#include "keys/signature_algorithm.h"
 #include "log/agent_log.h"
 #include "pki/agent_enum.h"
+#include "pki/key_signer.h"
 #include "pki/pki_startup.h"
 
 namespace {

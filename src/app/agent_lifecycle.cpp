@@ -8,6 +8,7 @@
 #include "app/message_processor.h"
 #include "app/window_messages.h"
 #include "log/agent_log.h"
+#include "pki/cert_key_layer.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ void agent_load_settings_and_log(const std::string &data_folder, const std::stri
 
 int agent_run(const ShellServices &services, const AgentShellSteps &steps)
 {
+    cert_key_layer_install();
     shell_services_set(services);
     message_processor_start();
     run_on_message_thread(identity_tables_init);

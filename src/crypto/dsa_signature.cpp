@@ -6,8 +6,8 @@
 #include <openssl/obj_mac.h>
 
 #include "crypto/fips_policy.h"
-#include "crypto/ossl_ptr.h"
 #include "crypto/signature_support.h"
+#include "keys/ossl_ptr.h"
 #include "log/log.h"
 
 namespace {

@@ -2,9 +2,9 @@
 
 #include <openssl/ec.h>
 
-#include "crypto/ossl_ptr.h"
 #include "crypto/signature_support.h"
 #include "keys/buffer.h"
+#include "keys/ossl_ptr.h"
 #include "log/log.h"
 #include "log/text_compare.h"
 

@@ -3,8 +3,8 @@
 #include "log/text_compare.h"
 
 #include "crypto/fips_policy.h"
-#include "crypto/ossl_ptr.h"
 #include "crypto/signature_support.h"
+#include "keys/ossl_ptr.h"
 #include "log/log.h"
 #include "log/text_compare.h"
 

@@ -6,9 +6,9 @@
 #include <openssl/rsa.h>
 
 #include "crypto/fips_policy.h"
-#include "crypto/ossl_ptr.h"
 #include "crypto/signature_support.h"
 #include "crypto/signature_types.h"
+#include "keys/ossl_ptr.h"
 #include "log/log.h"
 #include "log/text_compare.h"
 

@@ -3,8 +3,8 @@
 #include <openssl/err.h>
 #include <openssl/rsa.h>
 
-#include "crypto/ossl_ptr.h"
 #include "keys/buffer.h"
+#include "keys/ossl_ptr.h"
 
 const SignatureAlgorithm *key_signature_row(const Key *key)
 {

@@ -9,9 +9,9 @@
 
 #include <openssl/evp.h>
 
-#include "crypto/signature_algorithm.h"
 #include "keys/key.h"
 #include "keys/secure_memory.h"
+#include "keys/signature_algorithm.h"
 
 // The row a key signs under: its selected row, else the row of its
 // algorithm name. Null when neither names a row.

@@ -3,11 +3,6 @@
 #include "crypto/fips_policy.h"
 #include "log/log.h"
 
-namespace {
-int x509rsa_sigtype = X509RSA_SIGTYPE_DEFAULT;
-int x509dsa_sigtype = X509DSA_SIGTYPE_DEFAULT;
-}  // namespace
-
 void set_x509rsa_sigtype(int value)
 {
     if (value == 0 && crypto_fips_enabled())
@@ -18,7 +13,7 @@ void set_x509rsa_sigtype(int value)
     } else {
         debug3("x509rsa sigtype=%d", value);
     }
-    x509rsa_sigtype = value;
+    store_x509rsa_sigtype(value);
 }
 
 void set_x509dsa_sigtype(int value)
@@ -28,8 +23,5 @@ void set_x509dsa_sigtype(int value)
         value = X509DSA_SIGTYPE_DEFAULT;
     }
     debug3("x509dsa sigtype=%d", value);
-    x509dsa_sigtype = value;
+    store_x509dsa_sigtype(value);
 }
-
-int get_x509rsa_sigtype() { return x509rsa_sigtype; }
-int get_x509dsa_sigtype() { return x509dsa_sigtype; }

@@ -4,12 +4,12 @@
 
 #include <openssl/err.h>
 
-#include "crypto/signature_types.h"
 #include "keys/buffer.h"
 #include "keys/key_material.h"
+#include "keys/kvl.h"
+#include "keys/signature_type_values.h"
 #include "log/log.h"
 #include "log/text_compare.h"
-#include "pki/kvl.h"
 
 void key_log_crypto_error()
 {

@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
-#include "crypto/ossl_ptr.h"
-#include "crypto/signature_algorithm.h"
+#include "keys/ossl_ptr.h"
 #include "keys/secure_memory.h"
+#include "keys/signature_algorithm.h"
 
 enum KeyType : int32_t {
     KEY_RSA = 1,

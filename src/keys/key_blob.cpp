@@ -6,9 +6,10 @@
 
 #include <openssl/core_names.h>
 
+#include "keys/cert_key_blob.h"
+#include "keys/cert_key_hooks.h"
 #include "keys/key_material.h"
 #include "log/log.h"
-#include "pki/x509_key_blob.h"
 
 namespace {
 
@@ -243,7 +244,7 @@ uint32_t key_to_blob(const Key *key, SecureBytes *blobp, uint32_t *lenp, const c
         if (x509_name_is_rfc6187(name)) {
             SecureBytes blob;
             uint32_t len = 0;
-            if (ssh_pki_x509key_to_rfc6187_pubkey_blob(key, nullptr, &blob, &len, name, nullptr) <= 0)
+            if (cert_key_hooks().rfc6187_blob(key, &blob, &len, name) <= 0)
                 return 0;
             buffer_append(&b, blob.data(), len);
         } else if (!ssh_pki_x509key_to_blob(key, &b)) {

@@ -2,7 +2,7 @@
 // certificate code.
 #pragma once
 
-#include "crypto/ossl_ptr.h"
+#include "keys/ossl_ptr.h"
 #include "keys/secure_memory.h"
 
 // A key of `type_name` ("RSA", "DSA", "EC") from built parameters;

@@ -9,10 +9,10 @@
 #include <openssl/obj_mac.h>
 #include <openssl/param_build.h>
 
-#include "crypto/ossl_ptr.h"
 #include "keys/buffer.h"
 #include "keys/key.h"
 #include "keys/key_material.h"
+#include "keys/ossl_ptr.h"
 #include "log/log.h"
 
 namespace {

@@ -6,12 +6,12 @@
 #include <openssl/evp.h>
 
 #include "keys/buffer.h"
+#include "keys/cert_key_blob.h"
+#include "keys/cert_key_hooks.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
+#include "keys/kvl.h"
 #include "log/log.h"
-#include "pki/cert_provider.h"
-#include "pki/kvl.h"
-#include "pki/x509_key_blob.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ std::string base64(const uint8_t *data, size_t len)
 // The certificate providers resolve a certificate by its public-key hash.
 KeyPtr certificate_by_reference(uint32_t source, const uint8_t *hash, size_t len)
 {
-    return cert_identity_by_public_key_hash(source, hash, len);
+    return cert_key_hooks().by_public_key_hash(source, hash, len);
 }
 
 // The blob reader treats a huge string length as fatal, as it must on the

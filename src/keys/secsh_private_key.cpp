@@ -8,9 +8,9 @@
 #include <openssl/ec.h>
 #include <openssl/obj_mac.h>
 
-#include "crypto/ossl_ptr.h"
 #include "keys/buffer.h"
 #include "keys/key.h"
+#include "keys/ossl_ptr.h"
 #include "keys/private_key_material.h"
 #include "log/log.h"
 

@@ -9,11 +9,11 @@
 #include <functional>
 #include <string>
 
-#include "crypto/key_signer.h"
-#include "crypto/ossl_ptr.h"
 #include "keys/key.h"
+#include "keys/ossl_ptr.h"
 #include "keys/secure_memory.h"
 #include "pki/cert_reference.h"
+#include "pki/key_signer.h"
 
 // Signs a digest with a certificate's private key wherever it lives. RSA:
 // the PKCS #1 v1.5 signature over the DigestInfo of `hash_nid`; DSA and

@@ -5,17 +5,27 @@
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
 
-#include "agent/data_folder.h"
-#include "agent/passphrase.h"
+#include "crypto/private_key_pem.h"
 #include "keys/key_material.h"
-#include "keys/private_key_pem.h"
+#include "keys/kvl.h"
+#include "keys/secure_file.h"
 #include "log/log.h"
 #include "pki/cert_providers.h"
-#include "pki/kvl.h"
 #include "pki/x509_signer.h"
 #include "platform/platform.h"
 
 namespace {
+
+struct StoreBinding {
+    std::string folder;
+    const char *(*passphrase)() = nullptr;
+};
+
+StoreBinding &binding()
+{
+    static StoreBinding bound;
+    return bound;
+}
 
 std::string path_in(const std::string &folder, const std::string &name) { return folder + "/" + name; }
 
@@ -118,7 +128,7 @@ bool store_attach(CertHandle *handle, X509 *cert)
         return false;
     X509StackPtr candidates = all_certificates(folder);
     handle->issuers = cert_issuers_from(cert, candidates.get());
-    PkeyPtr key = read_private_key(path_in(folder, sha1 + ".key"), agent_passphrase_text());
+    PkeyPtr key = read_private_key(path_in(folder, sha1 + ".key"), binding().passphrase());
     if (!key) {
         error("cert_store: the key of certificate %s cannot be read under the agent passphrase", sha1.c_str());
         return false;
@@ -158,7 +168,13 @@ KeyPtr store_by_public_key_hash(const uint8_t *hash, size_t len)
 
 }  // namespace
 
-std::string cert_store_folder() { return agent_data_path(CERT_STORE_FOLDER); }
+void cert_store_bind(const std::string &folder, const char *(*passphrase)())
+{
+    binding().folder = folder;
+    binding().passphrase = passphrase;
+}
+
+std::string cert_store_folder() { return binding().folder; }
 
 bool cert_store_import_pkcs12(const std::string &folder, const uint8_t *p12, size_t len, const char *p12_password,
                               const char *agent_passphrase, std::string *sha1_hex, std::string *why)

@@ -19,7 +19,11 @@ struct CertStoreEntry {
     bool ca = false;
 };
 
-// The store of the agent's data folder; empty while no folder is set.
+// The agent binds the store to its folder and to the passphrase it holds
+// (null while none is held); until then the folder is empty and the store
+// holds nothing.
+void cert_store_bind(const std::string &folder, const char *(*passphrase)());
+// The bound folder; empty while none is bound.
 std::string cert_store_folder();
 
 // Imports a PKCS#12 file: its certificate and key as an identity, its other

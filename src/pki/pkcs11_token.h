@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "crypto/key_signer.h"
-#include "crypto/ossl_ptr.h"
+#include "keys/ossl_ptr.h"
 #include "keys/secure_memory.h"
+#include "pki/key_signer.h"
 
 // How to load a module: its file and the text its initialisation takes
 // (NSS's softoken takes its database folder there; empty for most).

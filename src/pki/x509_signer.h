@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "crypto/key_signer.h"
 #include "keys/key.h"
 #include "pki/cert_provider.h"
+#include "pki/key_signer.h"
 
 // The signature blob for `key` (an identity with a provider handle; its type
 // may have been mapped to the plain type) under its selected row. 0 with the

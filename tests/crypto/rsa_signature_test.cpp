@@ -2,10 +2,10 @@
 
 #include <openssl/obj_mac.h>
 
-#include "crypto/key_signer.h"
 #include "crypto/rsa_signature.h"
-#include "crypto/signature_types.h"
 #include "crypto/signature_check.h"
+#include "crypto/signature_types.h"
+#include "pki/key_signer.h"
 #include "support/fips_environment.h"
 #include "support/log_capture.h"
 

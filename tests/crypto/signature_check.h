@@ -11,9 +11,9 @@
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 
-#include "crypto/ossl_ptr.h"
 #include "keys/buffer.h"
 #include "keys/key.h"
+#include "keys/ossl_ptr.h"
 #include "support/bytes.h"
 
 inline KeyPtr signing_key(int type, unsigned bits, const char *algorithm = nullptr)

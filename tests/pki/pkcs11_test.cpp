@@ -8,9 +8,9 @@
 
 #include "agent/identity_table.h"
 #include "agent/key_store.h"
-#include "crypto/key_signer.h"
 #include "pki/cert_provider.h"
 #include "pki/cert_signature_check.h"
+#include "pki/key_signer.h"
 #include "pki/pkcs11_token.h"
 #include "support/agent_state.h"
 #include "support/dispatch_helper.h"

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "crypto/crypto_module.h"
-#include "crypto/ossl_ptr.h"
+#include "keys/ossl_ptr.h"
 #include "pki/pki_startup.h"
 #include "support/environment.h"
 #include "support/log_capture.h"

@@ -4,7 +4,7 @@
 
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
-#include "pki/kvl.h"
+#include "keys/kvl.h"
 #include "pki/x509_key_blob.h"
 #include "support/log_capture.h"
 #include "support/tool_run.h"

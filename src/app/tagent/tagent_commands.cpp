@@ -9,14 +9,15 @@
 
 #include "agent/passphrase.h"
 #include "agent/protocol.h"
+#include "app/program_texts.h"
+#include "app/startup_passphrase.h"
 #include "app/tagent/tagent_args.h"
 #include "app/tagent/tagent_certs.h"
 #include "app/tagent/tagent_keys.h"
 #include "app/tagent/tagent_shell.h"
-#include "app/program_texts.h"
-#include "app/startup_passphrase.h"
 #include "app/window_messages.h"
 #include "log/text_compare.h"
+#include "pki/cert_key_layer.h"
 
 const char *const TAGENT_USAGE =
     "usage: tagent [-a PATH] COMMAND\n"
@@ -238,6 +239,7 @@ int cmd_watch(const TagentContext &c, const std::vector<std::string> &) { return
 
 int tagent_run(const TagentContext &context, const std::vector<std::string> &args)
 {
+    cert_key_layer_install();
     using Command = std::function<int(const TagentContext &, const std::vector<std::string> &)>;
     static const std::map<std::string, Command> commands = {
         {"status", cmd_status}, {"lock", cmd_lock},   {"unlock", cmd_unlock},         {"remove", cmd_remove},

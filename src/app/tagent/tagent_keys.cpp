@@ -12,13 +12,13 @@
 #include <openssl/pem.h>
 
 #include "agent/protocol.h"
+#include "app/program_texts.h"
 #include "app/tagent/tagent_args.h"
 #include "app/tagent/tagent_shell.h"
-#include "app/program_texts.h"
-#include "crypto/ossl_ptr.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
 #include "keys/openssh_private_key.h"
+#include "keys/ossl_ptr.h"
 #include "keys/private_key_material.h"
 #include "keys/public_key_format.h"
 

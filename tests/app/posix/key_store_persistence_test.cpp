@@ -9,6 +9,7 @@
 #include "agent/settings.h"
 #include "keys/key_material.h"
 #include "support/agent_process.h"
+#include "support/cert_key_layer_environment.h"
 #include "support/tool_run.h"
 
 namespace {

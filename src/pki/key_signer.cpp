@@ -1,4 +1,4 @@
-#include "crypto/key_signer.h"
+#include "pki/key_signer.h"
 
 #include "crypto/dsa_signature.h"
 #include "crypto/ecdsa_signature.h"

@@ -1,6 +1,6 @@
-// The key signer and verifier: dispatch by key type to the RSA, DSA and
-// ECDSA signature code (and, for certificate identities, the certificate
-// layer).
+// The key signer and verifier: dispatch by key type to the signature code
+// of the crypto layer and, for certificate identities, to the certificate
+// signer and verifier here.
 #pragma once
 
 #include <cstddef>

@@ -1,11 +1,11 @@
-// Certificate handles of the PKI library: a certificate, and the byte
-// strings it hands out.
+// Certificate handles: the certificate a key carries, and the byte strings
+// it hands out (its public-key hash, its encoding).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-#include "crypto/ossl_ptr.h"
+#include "keys/ossl_ptr.h"
 #include "keys/secure_memory.h"
 
 namespace KVL {

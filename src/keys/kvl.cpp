@@ -1,4 +1,4 @@
-#include "pki/kvl.h"
+#include "keys/kvl.h"
 
 #include <openssl/x509.h>
 

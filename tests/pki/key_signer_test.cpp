@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "crypto/crypto_module.h"
-#include "crypto/key_signer.h"
 #include "crypto/signature_check.h"
+#include "pki/key_signer.h"
 #include "support/fips_environment.h"
 #include "support/log_capture.h"
 

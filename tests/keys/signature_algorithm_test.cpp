@@ -2,7 +2,7 @@
 
 #include <openssl/obj_mac.h>
 
-#include "crypto/signature_algorithm.h"
+#include "keys/signature_algorithm.h"
 
 TEST(SignatureAlgorithmTable, LookupsByNameAndSignatureName)
 {

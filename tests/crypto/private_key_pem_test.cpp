@@ -2,9 +2,9 @@
 
 #include <string>
 
+#include "crypto/private_key_pem.h"
 #include "keys/key.h"
 #include "keys/key_material.h"
-#include "keys/private_key_pem.h"
 #include "support/log_capture.h"
 
 namespace {

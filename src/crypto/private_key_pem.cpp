@@ -1,4 +1,4 @@
-#include "keys/private_key_pem.h"
+#include "crypto/private_key_pem.h"
 
 #include <cstring>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include "crypto/signature_algorithm.h"
+#include "keys/signature_algorithm.h"
 
 #include <openssl/obj_mac.h>
 
