@@ -10,7 +10,6 @@
 #include "agent/protocol.h"
 #include "agent/settings.h"
 #include "app/program_texts.h"
-#include "app/startup_passphrase.h"
 #include "app/tagent/tagent_args.h"
 #include "app/tagent/tagent_shell.h"
 #include "keys/key.h"
@@ -18,22 +17,6 @@
 #include "pki/cert_store.h"
 
 namespace {
-
-// The value of a file option, else what the user types into the prompt.
-std::optional<SecretString> secret_from(const std::vector<std::string> &args, const char *option,
-                                        const std::string &description)
-{
-    if (auto file = tagent_option(args, option)) {
-        SecretString line;
-        std::string message;
-        if (read_passphrase_file(*file, &line, &message))
-            return line;
-        fprintf(stderr, "tagent: %s\n", message.c_str());
-        return std::nullopt;
-    }
-    return tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), description,
-                                  program_text(TEXT_PASSPHRASE_PROMPT), ""});
-}
 
 // The data folder the agent uses (--data-dir, else the default), with its
 // settings read, so that the agent passphrase can be checked.
@@ -51,7 +34,7 @@ std::optional<SecretString> agent_passphrase(const std::vector<std::string> &arg
 {
     if (!agent_passphrase_is_set())
         return SecretString();
-    auto passphrase = secret_from(args, "--passphrase-file", "Enter the agent passphrase");
+    auto passphrase = tagent_secret(args, "--passphrase-file", "Enter the agent passphrase");
     if (!passphrase)
         return std::nullopt;
     uint8_t digest[AGENT_DIGEST_LENGTH];
@@ -78,7 +61,7 @@ int cert_import(const std::vector<std::string> &args)
     bytes << in.rdbuf();
     std::string p12 = bytes.str();
     std::string folder = open_data_folder(args);
-    auto password = secret_from(args, "--password-file", "Enter the password of " + args[2]);
+    auto password = tagent_secret(args, "--password-file", "Enter the password of " + args[2]);
     if (!password) {
         fprintf(stderr, "tagent: no password given\n");
         return TAGENT_REFUSED;

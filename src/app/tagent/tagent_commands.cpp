@@ -55,11 +55,8 @@ const char *const TAGENT_USAGE =
     "\n"
     "Exit status: 0 done, 1 the agent refused, 2 no agent reachable or a usage error.\n";
 
-namespace {
-
-// The passphrase of --passphrase-file F (or `option`), else asked for.
-std::optional<SecretString> passphrase_from(const std::vector<std::string> &args, const char *option,
-                                            int description)
+std::optional<SecretString> tagent_secret(const std::vector<std::string> &args, const char *option,
+                                          const std::string &description, const char *when_cancelled)
 {
     if (auto file = tagent_option(args, option)) {
         SecretString line;
@@ -69,11 +66,20 @@ std::optional<SecretString> passphrase_from(const std::vector<std::string> &args
         fprintf(stderr, "tagent: %s\n", message.c_str());
         return std::nullopt;
     }
-    auto pin = tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), program_text(description),
-                                 program_text(TEXT_PASSPHRASE_PROMPT), ""});
-    if (!pin)
-        fprintf(stderr, "tagent: no passphrase given\n");
-    return pin;
+    auto answer = tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), description,
+                                         program_text(TEXT_PASSPHRASE_PROMPT), ""});
+    if (!answer && when_cancelled)
+        fprintf(stderr, "tagent: %s\n", when_cancelled);
+    return answer;
+}
+
+namespace {
+
+// The passphrase of --passphrase-file F (or `option`), else asked for.
+std::optional<SecretString> passphrase_from(const std::vector<std::string> &args, const char *option,
+                                            int description)
+{
+    return tagent_secret(args, option, program_text(description), "no passphrase given");
 }
 
 // Sends a one-message request and reports the agent's success code.

@@ -1,8 +1,11 @@
 // The commands of tagent, the agent's client and manager.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "keys/secure_memory.h"
 
 // Exit statuses.
 constexpr int TAGENT_DONE = 0;
@@ -18,3 +21,9 @@ struct TagentContext {
 int tagent_run(const TagentContext &context, const std::vector<std::string> &args);
 
 extern const char *const TAGENT_USAGE;
+
+// The first line of the file that `option` names, else the user's answer to
+// the prompt with `description`; nothing when the file cannot be read (said
+// in one line) or the prompt is cancelled (`when_cancelled` said, if given).
+std::optional<SecretString> tagent_secret(const std::vector<std::string> &args, const char *option,
+                                          const std::string &description, const char *when_cancelled = nullptr);
