@@ -84,9 +84,3 @@ std::optional<SecretString> tagent_ask_passphrase(const PassphraseQuestion &ques
 }
 
 std::string tagent_default_data_folder() { return windows_agent_folders().data; }
-
-int tagent_watch(const std::string &)
-{
-    fprintf(stderr, "tagent: watch is not available on Windows\n");
-    return TAGENT_UNREACHABLE;
-}

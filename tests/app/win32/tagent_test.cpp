@@ -1,7 +1,7 @@
 // tagent.exe under Wine against tkeyagent.exe: a PEM key added (its
 // password typed into dialog 219), listed, kept across a restart, used to
 // sign through the pipe (checked with OpenSSL) and removed; a remote sign
-// confirmed or refused by the user.
+// confirmed or refused by the user; watch.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -228,6 +228,42 @@ TEST(TagentExe, RemoteSignAsksTheUserWhenConfirmKeyOpIsOn)
     }
     EXPECT_NE(agent.log().find("User rejected a request from a remote server to issue a signature"),
               std::string::npos);
+    EXPECT_EQ(agent.close(), 0);
+}
+
+// watch prints each change notice and each change of the lock state, and
+// ends with the agent.
+TEST(TagentExe, WatchSeesChangesAndLocksAndEndsWithTheAgent)
+{
+    WindowsAgent agent;
+    agent.seed_passphrase("");
+    ASSERT_NE(agent.start(), nullptr) << agent.log();
+    std::string out = agent.path("watch.out"), err = agent.path("watch.err"), empty = agent.path("empty.txt");
+    std::ofstream(empty, std::ios::binary) << "\n";
+    // The locked agent logs the registration: from then on every change is seen.
+    EXPECT_EQ(run_tagent(agent, "lock").status, 0);
+    PROCESS_INFORMATION watcher = start_tagent(agent, "watch", out, err);
+    for (int i = 0; i < 200 && agent.log().find("register refresh") == std::string::npos; ++i)
+        Sleep(50);
+    std::string expected;
+    auto wait_for = [&](const char *lines) {
+        expected += lines;
+        for (int i = 0; i < 200 && read_file_text(out) != expected; ++i)
+            Sleep(50);
+        EXPECT_EQ(read_file_text(out), expected);
+    };
+    const std::string unlock = "unlock --passphrase-file \"" + empty + "\"";
+    EXPECT_EQ(run_tagent(agent, unlock).status, 0);
+    wait_for("changed\r\nunlocked\r\n");
+    EXPECT_EQ(run_tagent(agent, "lock").status, 0);
+    wait_for("changed\r\nlocked\r\n");
+    EXPECT_EQ(run_tagent(agent, unlock).status, 0);
+    wait_for("changed\r\nunlocked\r\n");
+    EXPECT_EQ(run_tagent(agent, "remove --all").status, 0);
+    wait_for("changed\r\n");
+
+    EXPECT_EQ(run_tagent(agent, "stop").status, 0);
+    EXPECT_EQ(WindowsAgent::wait_exit(&watcher), 0) << read_file_text(err);
     EXPECT_EQ(agent.close(), 0);
 }
 
