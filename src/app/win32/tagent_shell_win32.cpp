@@ -21,6 +21,13 @@ struct AgentConnection::Channel {
     WinHandle pipe;
 };
 
+const TagentUsageTexts TAGENT_USAGE_TEXTS = {
+    "usage: tagent COMMAND",
+    "Talks to the user's Tarnwell Key Agent, found by its window and started\n"
+    "when none runs.",
+    "in a dialog",
+};
+
 // The agent is started when none runs, as every client of it does.
 AgentConnection::AgentConnection(const std::string &) : channel_(std::make_unique<Channel>())
 {

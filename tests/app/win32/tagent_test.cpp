@@ -267,7 +267,7 @@ TEST(TagentExe, WatchSeesChangesAndLocksAndEndsWithTheAgent)
     EXPECT_EQ(agent.close(), 0);
 }
 
-TEST(TagentExe, UsageErrorsAndAnUnknownCommandExitTwo)
+TEST(TagentExe, HelpAndUsageErrors)
 {
     WindowsAgent agent;
     for (const char *arguments : {"frobnicate", "set AllowAdd maybe", "remove a b"}) {
@@ -275,6 +275,12 @@ TEST(TagentExe, UsageErrorsAndAnUnknownCommandExitTwo)
         EXPECT_EQ(result.status, 2) << arguments;
         EXPECT_EQ(result.err.rfind("tagent: ", 0), 0u) << result.err;
     }
+    ToolResult help = run_tagent(agent, "--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("usage: tagent COMMAND\r\n", 0), 0u) << help.out;
+    EXPECT_NE(help.out.find("asked in a dialog"), std::string::npos);
+    EXPECT_EQ(help.out.find("-a PATH"), std::string::npos);
+    EXPECT_EQ(help.out.find("pinentry"), std::string::npos);
     EXPECT_EQ(find_agent_window(), nullptr) << "no agent is started for a usage error";
 }
 
