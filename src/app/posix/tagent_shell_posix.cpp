@@ -12,6 +12,13 @@
 #include "app/tagent/tagent_args.h"
 #include "app/tagent/tagent_commands.h"
 
+const TagentUsageTexts TAGENT_USAGE_TEXTS = {
+    "usage: tagent [-a PATH] COMMAND",
+    "Talks to the running Tarnwell Key Agent (the socket from -a, else\n"
+    "$SSH_AUTH_SOCK, else the default runtime folder).",
+    "through pinentry",
+};
+
 std::optional<SecretString> tagent_ask_passphrase(const PassphraseQuestion &question)
 {
     return pinentry_get_pin({question.title, question.description, question.prompt, question.repeat});

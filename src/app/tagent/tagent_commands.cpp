@@ -19,41 +19,46 @@
 #include "log/text_compare.h"
 #include "pki/cert_key_layer.h"
 
-const char *const TAGENT_USAGE =
-    "usage: tagent [-a PATH] COMMAND\n"
-    "\n"
-    "Talks to the running Tarnwell Key Agent (the socket from -a, else\n"
-    "$SSH_AUTH_SOCK, else the default runtime folder).\n"
-    "\n"
-    "  status                         locked or unlocked, how many identities, and\n"
-    "                                 how many stored records could not be read\n"
-    "  list                           each identity's name, type and bits, SHA-256\n"
-    "                                 fingerprint and comment\n"
-    "  add FILE [--name N] [--lifetime S] [--confirm] [--temporary]\n"
-    "                                 add a PEM or PKCS#8 private key (its password is\n"
-    "                                 asked through pinentry) or an unencrypted\n"
-    "                                 OpenSSH private key (ssh-add takes encrypted ones)\n"
-    "  remove FILE|NAME               remove one identity\n"
-    "  add-cert LOCATION ID [--comment TEXT]\n"
-    "                                 add a certificate identity: LOCATION 1 system\n"
-    "                                 (NSS database), 2 pkcs11 (token), 3 tarnwell (the\n"
-    "                                 agent's own store); ID its SHA-1 or common name\n"
-    "  cert import FILE.p12 [--password-file F] [--passphrase-file F]\n"
-    "  cert list | cert remove ID     the agent's own certificate store\n"
-    "  lock                           lock the agent\n"
-    "  unlock [--passphrase-file F]   unlock with the agent passphrase (asked\n"
-    "                                 through pinentry without F)\n"
-    "  remove --all                   remove every identity\n"
-    "  export NAME [--comment TEXT]   print a held public key as a SECSH block\n"
-    "  set SETTING yes|no             ConfirmKeyOp, AllowAdd, AllowDelete,\n"
-    "                                 UseOnlySha1 or CreateLog\n"
-    "  passphrase --old-file F --new-file F | passphrase --empty [--old-file F]\n"
-    "                                 change the agent passphrase\n"
-    "  reset --yes                    destroy all keys and the passphrase; the agent exits\n"
-    "  stop                           stop the agent\n"
-    "  watch                          print a line for every change and lock change\n"
-    "\n"
-    "Exit status: 0 done, 1 the agent refused, 2 no agent reachable or a usage error.\n";
+std::string tagent_usage()
+{
+    const TagentUsageTexts &shell = TAGENT_USAGE_TEXTS;
+    return std::string(shell.synopsis) + "\n\n" + shell.finding +
+           "\n"
+           "\n"
+           "  status                         locked or unlocked, how many identities, and\n"
+           "                                 how many stored records could not be read\n"
+           "  list                           each identity's name, type and bits, SHA-256\n"
+           "                                 fingerprint and comment\n"
+           "  add FILE [--name N] [--lifetime S] [--confirm] [--temporary]\n"
+           "                                 add a PEM or PKCS#8 private key (its password is\n"
+           "                                 asked " +
+           shell.asked +
+           ") or an unencrypted\n"
+           "                                 OpenSSH private key (ssh-add takes encrypted ones)\n"
+           "  remove FILE|NAME               remove one identity\n"
+           "  add-cert LOCATION ID [--comment TEXT]\n"
+           "                                 add a certificate identity: LOCATION 1 system\n"
+           "                                 (NSS database), 2 pkcs11 (token), 3 tarnwell (the\n"
+           "                                 agent's own store); ID its SHA-1 or common name\n"
+           "  cert import FILE.p12 [--password-file F] [--passphrase-file F]\n"
+           "  cert list | cert remove ID     the agent's own certificate store\n"
+           "  lock                           lock the agent\n"
+           "  unlock [--passphrase-file F]   unlock with the agent passphrase (asked\n"
+           "                                 " +
+           shell.asked +
+           " without F)\n"
+           "  remove --all                   remove every identity\n"
+           "  export NAME [--comment TEXT]   print a held public key as a SECSH block\n"
+           "  set SETTING yes|no             ConfirmKeyOp, AllowAdd, AllowDelete,\n"
+           "                                 UseOnlySha1 or CreateLog\n"
+           "  passphrase --old-file F --new-file F | passphrase --empty [--old-file F]\n"
+           "                                 change the agent passphrase\n"
+           "  reset --yes                    destroy all keys and the passphrase; the agent exits\n"
+           "  stop                           stop the agent\n"
+           "  watch                          print a line for every change and lock change\n"
+           "\n"
+           "Exit status: 0 done, 1 the agent refused, 2 no agent reachable or a usage error.\n";
+}
 
 std::optional<SecretString> tagent_secret(const std::vector<std::string> &args, const char *option,
                                           const std::string &description, const char *when_cancelled)

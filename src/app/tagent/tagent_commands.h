@@ -20,7 +20,8 @@ struct TagentContext {
 // Runs `args` (the command word first); prints one line on failure.
 int tagent_run(const TagentContext &context, const std::vector<std::string> &args);
 
-extern const char *const TAGENT_USAGE;
+// The usage text, with the shell's own lines.
+std::string tagent_usage();
 
 // The first line of the file that `option` names, else the user's answer to
 // the prompt with `description`; nothing when the file cannot be read (said

@@ -55,3 +55,11 @@ std::string tagent_default_data_folder();
 // Prints a line for every change and lock change until the agent goes;
 // tagent's exit status.
 int tagent_watch(const std::string &control_address);
+
+// The parts of tagent's usage text that differ between shells.
+struct TagentUsageTexts {
+    const char *synopsis;  // the "usage:" line
+    const char *finding;   // how the agent is found, a paragraph
+    const char *asked;     // how a password is asked: "through pinentry"
+};
+extern const TagentUsageTexts TAGENT_USAGE_TEXTS;

@@ -12,13 +12,13 @@ int main(int argc, char **argv)
     std::vector<std::string> args;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
-            fputs(TAGENT_USAGE, stdout);
+            fputs(tagent_usage().c_str(), stdout);
             return TAGENT_DONE;
         }
         args.emplace_back(argv[i]);
     }
     if (args.empty()) {
-        fputs(TAGENT_USAGE, stderr);
+        fputs(tagent_usage().c_str(), stderr);
         return TAGENT_UNREACHABLE;
     }
     // The agent is found by its window; these name it in messages.

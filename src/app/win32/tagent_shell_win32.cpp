@@ -21,6 +21,13 @@ struct AgentConnection::Channel {
     WinHandle pipe;
 };
 
+const TagentUsageTexts TAGENT_USAGE_TEXTS = {
+    "usage: tagent COMMAND",
+    "Talks to the user's Tarnwell Key Agent, found by its window and started\n"
+    "when none runs.",
+    "in a dialog",
+};
+
 // The agent is started when none runs, as every client of it does.
 AgentConnection::AgentConnection(const std::string &) : channel_(std::make_unique<Channel>())
 {
@@ -84,9 +91,3 @@ std::optional<SecretString> tagent_ask_passphrase(const PassphraseQuestion &ques
 }
 
 std::string tagent_default_data_folder() { return windows_agent_folders().data; }
-
-int tagent_watch(const std::string &)
-{
-    fprintf(stderr, "tagent: watch is not available on Windows\n");
-    return TAGENT_UNREACHABLE;
-}
