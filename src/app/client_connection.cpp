@@ -173,10 +173,3 @@ void close_client_connections()
     // waited for beyond this; it ends with the process.
     state.ended.wait_for(guard, std::chrono::seconds(3), [&] { return state.open.empty(); });
 }
-
-int client_connection_count()
-{
-    Registry &state = registry();
-    std::lock_guard<std::mutex> guard(state.lock);
-    return static_cast<int>(state.open.size());
-}

@@ -62,6 +62,3 @@ void release_client_connection(uint64_t connection);
 // Interrupts every open connection and waits (a few seconds at most) for
 // their threads to end.
 void close_client_connections();
-
-// Connections currently served.
-int client_connection_count();
