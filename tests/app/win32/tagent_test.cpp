@@ -46,10 +46,8 @@ PROCESS_INFORMATION start_tagent(const WindowsAgent &agent, const std::string &a
     startup.hStdInput = nullptr;
     std::wstring program = utf8_to_wide(platform_executable_dir() + "tagent.exe");
     std::wstring line = L"tagent.exe " + utf8_to_wide(arguments);
-    PROCESS_INFORMATION process = {};
     agent.use_folder();
-    EXPECT_TRUE(CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                               &process));
+    PROCESS_INFORMATION process = start_process(program, line, true, &startup);
     CloseHandle(startup.hStdOutput);
     CloseHandle(startup.hStdError);
     return process;

@@ -33,6 +33,26 @@ inline bool desktop_ready()
     return false;
 }
 
+// Starts `program` with `line` as its whole command line. A freshly made
+// Wine prefix has refused a first CreateProcess now and then while another
+// test process was starting: a few spaced retries ride that out, and a
+// failure names Windows' error code.
+inline PROCESS_INFORMATION start_process(const std::wstring &program, std::wstring line, bool inherit_handles,
+                                         STARTUPINFOW *startup)
+{
+    PROCESS_INFORMATION process = {};
+    DWORD error = 0;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, inherit_handles, 0, nullptr, nullptr,
+                           startup, &process))
+            return process;
+        error = GetLastError();
+        Sleep(200);
+    }
+    ADD_FAILURE() << "CreateProcess failed with Windows error " << error;
+    return process;
+}
+
 class WindowsAgent {
 public:
     // `with_log`: a kvllog.ini that forces the agent log on.
@@ -71,13 +91,9 @@ public:
     {
         use_folder();
         std::wstring program = utf8_to_wide(platform_executable_dir() + "tkeyagent.exe");
-        std::wstring line = command_line;
         STARTUPINFOW startup = {};
         startup.cb = sizeof startup;
-        PROCESS_INFORMATION process = {};
-        EXPECT_TRUE(CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                   &startup, &process));
-        return process;
+        return start_process(program, command_line, false, &startup);
     }
 
     // Starts the agent and waits until it answers 1035 with 1.
