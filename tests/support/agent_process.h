@@ -17,6 +17,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "support/bytes.h"
 #include "support/files.h"
 
@@ -154,22 +156,66 @@ private:
     int exit_status_ = -1;
 };
 
-struct TagentRun {
+struct ProgramRun {
     int status;
     std::string output;  // standard output and standard error
 };
 
-// Runs tagent against `agent` with `args`.
-inline TagentRun run_tagent(const AgentProcess &agent, std::vector<std::string> args)
+// Runs `args` to its end with `agent`'s socket as SSH_AUTH_SOCK.
+inline ProgramRun run_program(const AgentProcess &agent, const std::vector<std::string> &args,
+                              std::vector<std::string> env = {})
 {
     static std::atomic<int> n{0};
-    std::string out = (agent.root() / ("tagent-" + std::to_string(n++) + ".txt")).string();
-    args.insert(args.begin(), {TAGENT_PATH, "-a", agent.socket_path()});
-    pid_t pid = AgentProcess::spawn(args, out, out);
-    int status = AgentProcess::wait_exit(pid);
-    TagentRun run{status, AgentProcess::read_file(out)};
+    std::string out = (agent.root() / ("run-" + std::to_string(n++) + ".txt")).string();
+    env.push_back("SSH_AUTH_SOCK=" + agent.socket_path());
+    int status = AgentProcess::wait_exit(AgentProcess::spawn(args, out, out, env));
+    ProgramRun run{status, AgentProcess::read_file(out)};
     std::filesystem::remove(out);
     return run;
+}
+
+inline ProgramRun run_tagent(const AgentProcess &agent, std::vector<std::string> args)
+{
+    args.insert(args.begin(), {TAGENT_PATH, "-a", agent.socket_path()});
+    return run_program(agent, args);
+}
+
+inline ProgramRun ssh_add(const AgentProcess &agent, std::vector<std::string> args)
+{
+    args.insert(args.begin(), "/usr/bin/ssh-add");
+    return run_program(agent, args);
+}
+
+// Writes `text` to `name` in the agent's private folder; its path.
+inline std::string write_text(const AgentProcess &agent, const std::string &name, const std::string &text)
+{
+    std::string path = (agent.root() / name).string();
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    return path;
+}
+
+// A new unencrypted PEM key (and its .pub) made by ssh-keygen in the
+// agent's folder, its path as its comment.
+inline std::string make_key(const AgentProcess &agent, const std::string &name, const std::string &type, int bits = 0)
+{
+    std::string path = (agent.root() / name).string();
+    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + path + "' -t " + type +
+                          (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
+    EXPECT_EQ(system(command.c_str()), 0) << command;
+    return path;
+}
+
+// The agent signs a file with the key whose public half is `key_file`.pub
+// (ssh-keygen -Y sign), and the signature checks out against it.
+inline bool agent_signs_with(const AgentProcess &agent, const std::string &key_file)
+{
+    std::string message = write_text(agent, "message.txt", "sign me\n");
+    std::filesystem::remove(message + ".sig");
+    ProgramRun made = run_program(agent, {"/usr/bin/ssh-keygen", "-Y", "sign", "-n", "file", "-f", key_file + ".pub",
+                                          message});
+    ProgramRun checked = run_program(agent, {"/bin/sh", "-c", "ssh-keygen -Y check-novalidate -n file -f " + key_file +
+                                                                  ".pub -s " + message + ".sig < " + message});
+    return made.status == 0 && checked.status == 0;
 }
 
 // One client connection to an agent socket.

@@ -27,3 +27,12 @@ inline std::filesystem::path fresh_temp_folder(const std::string &prefix)
             return folder;
     }
 }
+
+// How many times `part` occurs in `text`.
+inline size_t count_of(const std::string &text, const std::string &part)
+{
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}

@@ -3,47 +3,11 @@
 // the agent's own store and the NSS database. All come back after a restart.
 #include <gtest/gtest.h>
 
-#include "keys/buffer.h"
 #include "support/agent_process.h"
+#include "support/requests.h"
 #include "support/softhsm_token.h"
 #include "support/sshd_server.h"
 #include "support/test_pki.h"
-
-namespace {
-
-struct Outcome {
-    int status;
-    std::string output;
-};
-
-Outcome run(const AgentProcess &agent, const std::vector<std::string> &args)
-{
-    static int n = 0;
-    std::string out = (agent.root() / ("cert-run-" + std::to_string(n++) + ".txt")).string();
-    pid_t pid = AgentProcess::spawn(args, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
-    int status = AgentProcess::wait_exit(pid);
-    return {status, AgentProcess::read_file(out)};
-}
-
-// The vendor forwarding notice sets the process-wide enumeration mode:
-// 2, certificates offered as keys only.
-void offer_certificates_as_keys(const AgentProcess &agent)
-{
-    Buffer notice;
-    buffer_put_char(&notice, 158);
-    buffer_put_cstring(&notice, "test");
-    buffer_put_cstring(&notice, "127.0.0.1");
-    buffer_put_int(&notice, 22);
-    buffer_put_int(&notice, 3);
-    buffer_put_int(&notice, 0);
-    buffer_put_int(&notice, 2);
-    buffer_put_int64(&notice, 0);
-    buffer_put_int(&notice, 0);
-    AgentClient client(agent.socket_path());
-    EXPECT_EQ(client.request(frame(buffer_bytes(notice))), hex_bytes("0000000106"));
-}
-
-}  // namespace
 
 TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
 {
@@ -66,18 +30,18 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
 
     std::ofstream(pki.path("p12pass.txt")) << "p12pass\n";
     std::ofstream(pki.path("empty.txt")) << "\n";
-    Outcome imported = run(agent, {TAGENT_PATH, "cert", "import", store_leaf + ".p12", "--password-file",
+    ProgramRun imported = run_program(agent, {TAGENT_PATH, "cert", "import", store_leaf + ".p12", "--password-file",
                                    pki.path("p12pass.txt"), "--passphrase-file", pki.path("empty.txt"),
                                    "--data-dir", agent.data_dir()});
     ASSERT_EQ(imported.status, 0) << imported.output;
-    Outcome listed = run(agent, {TAGENT_PATH, "cert", "list", "--data-dir", agent.data_dir()});
+    ProgramRun listed = run_program(agent, {TAGENT_PATH, "cert", "list", "--data-dir", agent.data_dir()});
     EXPECT_NE(listed.output.find("identity store-user"), std::string::npos) << listed.output;
     EXPECT_NE(listed.output.find("ca       Test Root"), std::string::npos) << listed.output;
     for (auto [location, id] : {std::pair{"3", "store-user"}, {"pkcs11", "token-user"}, {"system", "nss-user"}}) {
-        Outcome added = run(agent, {TAGENT_PATH, "-a", agent.socket_path(), "add-cert", location, id});
+        ProgramRun added = run_program(agent, {TAGENT_PATH, "-a", agent.socket_path(), "add-cert", location, id});
         EXPECT_EQ(added.status, 0) << added.output << agent.log_text();
     }
-    EXPECT_EQ(run(agent, {TAGENT_PATH, "-a", agent.socket_path(), "add-cert", "3", "nobody"}).status, 1);
+    EXPECT_EQ(run_tagent(agent, {"add-cert", "3", "nobody"}).status, 1);
 
     // authorized_keys: the certificates' public keys as OpenSSH lines.
     std::string authorized;
@@ -90,14 +54,16 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
     ASSERT_TRUE(sshd.start(authorized)) << sshd.log();
 
     auto logs_in = [&](const std::string &leaf, const char *word) {
-        Outcome out = run(agent, sshd.ssh_args({"-o", "IdentitiesOnly=yes", "-o", "IdentityFile=" + leaf + ".pub"},
+        ProgramRun out = run_program(agent, sshd.ssh_args({"-o", "IdentitiesOnly=yes", "-o", "IdentityFile=" + leaf + ".pub"},
                                                std::string("echo ") + word));
         EXPECT_EQ(out.status, 0) << out.output << sshd.log() << agent.log_text();
         return out.output.find(word) != std::string::npos;
     };
     for (int run_number = 0; run_number < 2; ++run_number) {
         SCOPED_TRACE(run_number == 0 ? "first run" : "after a restart");
-        offer_certificates_as_keys(agent);
+        // The vendor forwarding notice's mode 2: certificates offered as keys only.
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(vendor_forwarding_notice("test", "127.0.0.1", 2)),
+                  hex_bytes("0000000106"));
         EXPECT_TRUE(logs_in(token_leaf, "token-ok"));
         EXPECT_TRUE(logs_in(token_leaf, "token-again"));
         EXPECT_TRUE(logs_in(store_leaf, "store-ok"));
@@ -111,8 +77,5 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
     EXPECT_NE(log.find("(as type: ecdsa-sha2-nistp256,  hash: SHA256)"), std::string::npos) << log;
     // The PIN was asked once per agent run.
     std::string asked = read_text_file(pinlog);
-    size_t count = 0;
-    for (size_t at = asked.find("GETPIN"); at != std::string::npos; at = asked.find("GETPIN", at + 1))
-        ++count;
-    EXPECT_EQ(count, 2u) << asked;
+    EXPECT_EQ(count_of(asked, "GETPIN"), 2u) << asked;
 }

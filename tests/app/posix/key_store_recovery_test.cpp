@@ -6,43 +6,11 @@
 #include <algorithm>
 #include <functional>
 
-#include <openssl/evp.h>
-
 #include "support/agent_process.h"
 #include "support/tool_run.h"
 #include "support/unstorable_passphrase.h"
 
 namespace {
-
-ToolResult ssh_add(const AgentProcess &agent, const std::string &args)
-{
-    return run_tool("SSH_AUTH_SOCK='" + agent.socket_path() + "' /usr/bin/ssh-add " + args);
-}
-
-ToolResult tagent(const AgentProcess &agent, const std::string &args)
-{
-    return run_tool(std::string(TAGENT_PATH) + " -a '" + agent.socket_path() + "' " + args);
-}
-
-// `key_file` is a public key alone, so that only the agent can sign.
-bool agent_signs_with(const AgentProcess &agent, const std::string &key_file)
-{
-    std::string message = (agent.root() / "message.txt").string();
-    std::ofstream(message) << "sign me\n";
-    std::filesystem::remove(message + ".sig");
-    ToolResult made = run_tool("SSH_AUTH_SOCK='" + agent.socket_path() + "' ssh-keygen -Y sign -n file -f " +
-                               key_file + ".pub " + message);
-    ToolResult checked = run_tool("ssh-keygen -Y check-novalidate -n file -f " + key_file + ".pub -s " + message +
-                                  ".sig < " + message);
-    return made.status == 0 && checked.status == 0;
-}
-
-std::string write_text(const AgentProcess &agent, const std::string &name, const std::string &text)
-{
-    std::string path = (agent.root() / name).string();
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
 
 // The second key's PEM block loses one line of its body.
 std::string damage_second_record(std::string text)
@@ -106,7 +74,7 @@ TEST(KeyStoreRecovery, DamagedSettingsOrStoreLosesNoIntactKey)
         std::string old_pass = write_text(agent, "old.txt", "the old passphrase\n");
         agent.set_extra_args({"--passphrase-file", old_pass});
         ASSERT_TRUE(agent.start()) << agent.log_text();
-        ASSERT_EQ(ssh_add(agent, key_files[0] + " " + key_files[1] + " " + key_files[2]).status, 0);
+        ASSERT_EQ(ssh_add(agent, {key_files[0], key_files[1], key_files[2]}).status, 0);
         agent.stop();
         damage.apply(agent.data_dir());
         std::string damaged_private = AgentProcess::read_file(agent.data_dir() + "/tAgentKeys");
@@ -116,13 +84,13 @@ TEST(KeyStoreRecovery, DamagedSettingsOrStoreLosesNoIntactKey)
         // what is wrong.
         agent.set_extra_args({});
         ASSERT_TRUE(agent.start()) << agent.log_text();
-        std::string listed = ssh_add(agent, "-l").output;
+        std::string listed = ssh_add(agent, {"-l"}).output;
         EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), 3) << listed;
-        EXPECT_NE(tagent(agent, "unlock --passphrase-file " + write_text(agent, "wrong.txt", "wrong\n")).status, 0);
-        EXPECT_EQ(tagent(agent, "unlock --passphrase-file " + old_pass).status, 0);
+        EXPECT_NE(run_tagent(agent, {"unlock", "--passphrase-file", write_text(agent, "wrong.txt", "wrong\n")}).status, 0);
+        EXPECT_EQ(run_tagent(agent, {"unlock", "--passphrase-file", old_pass}).status, 0);
         EXPECT_NE(agent.log_text().find(agent.data_dir() + "/" + damage.file), std::string::npos) << agent.log_text();
-        ASSERT_EQ(ssh_add(agent, key_files[3]).status, 0);
-        EXPECT_NE(tagent(agent, "status").output.find("unreadable stored records: " + std::to_string(damage.unreadable)),
+        ASSERT_EQ(ssh_add(agent, {key_files[3]}).status, 0);
+        EXPECT_NE(run_tagent(agent, {"status"}).output.find("unreadable stored records: " + std::to_string(damage.unreadable)),
                   std::string::npos);
         agent.stop();
 
@@ -155,16 +123,16 @@ TEST(KeyStoreRecovery, PassphraseWhoseDigestReadsBackShiftedIsRefused)
 
     agent.set_extra_args({"--passphrase-file", good});
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    ToolResult refused = tagent(agent, "passphrase --old-file " + good + " --new-file " + bad);
-    EXPECT_EQ(WEXITSTATUS(refused.status), 1);
+    ProgramRun refused = run_tagent(agent, {"passphrase", "--old-file", good, "--new-file", bad});
+    EXPECT_EQ(refused.status, 1);
     EXPECT_NE(refused.output.find("its SHA-1 digest begins with a white-space byte"), std::string::npos)
         << refused.output;
     std::string other = write_text(agent, "other.txt", "another passphrase\n");
-    EXPECT_EQ(tagent(agent, "passphrase --old-file " + good + " --new-file " + other).status, 0);
+    EXPECT_EQ(run_tagent(agent, {"passphrase", "--old-file", good, "--new-file", other}).status, 0);
     agent.stop();
     agent.set_extra_args({"--passphrase-file", other});
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    EXPECT_NE(tagent(agent, "status").output.find("state: unlocked"), std::string::npos);
+    EXPECT_NE(run_tagent(agent, {"status"}).output.find("state: unlocked"), std::string::npos);
 }
 
 // Starting over is a deliberate choice: refused while the settings file is
@@ -173,11 +141,10 @@ TEST(KeyStoreRecovery, StartOverSetsTheOldStoreAside)
 {
     AgentProcess agent;
     std::string pass = write_text(agent, "pass.txt", "first passphrase\n");
-    std::string key = (agent.root() / "id").string();
-    ASSERT_EQ(run_tool("ssh-keygen -q -m PEM -N '' -t ecdsa -f " + key).status, 0);
+    std::string key = make_key(agent, "id", "ecdsa");
     agent.set_extra_args({"--passphrase-file", pass});
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    ASSERT_EQ(ssh_add(agent, key).status, 0);
+    ASSERT_EQ(ssh_add(agent, {key}).status, 0);
     agent.stop();
     std::string stored = AgentProcess::read_file(agent.data_dir() + "/tAgentKeys");
 
@@ -187,7 +154,7 @@ TEST(KeyStoreRecovery, StartOverSetsTheOldStoreAside)
     std::filesystem::remove(agent.data_dir() + "/tAgent");
     ASSERT_TRUE(agent.start()) << agent.log_text();
     EXPECT_NE(agent.log_text().find("tAgent is missing: the key store is set aside as"), std::string::npos);
-    EXPECT_EQ(ssh_add(agent, "-l").output, "The agent has no identities.\n");
+    EXPECT_EQ(ssh_add(agent, {"-l"}).output, "The agent has no identities.\n");
     agent.stop();
     int aside = 0;
     for (const auto &entry : std::filesystem::directory_iterator(agent.data_dir()))

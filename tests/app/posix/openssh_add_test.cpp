@@ -2,45 +2,8 @@
 // keys made by ssh-keygen.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "support/agent_process.h"
 #include "support/tool_run.h"
-
-namespace {
-
-struct SshAdd {
-    int status;
-    std::string output;
-};
-
-SshAdd ssh_add(const AgentProcess &agent, std::vector<std::string> args)
-{
-    std::string out = (agent.root() / "ssh-add.txt").string();
-    std::filesystem::remove(out);
-    args.insert(args.begin(), "/usr/bin/ssh-add");
-    pid_t pid = AgentProcess::spawn(args, out, out, {"SSH_AUTH_SOCK=" + agent.socket_path()});
-    int status = AgentProcess::wait_exit(pid);
-    return {status, AgentProcess::read_file(out)};
-}
-
-std::string make_key(const AgentProcess &agent, const std::string &name, const std::string &type, int bits = 0)
-{
-    std::string path = (agent.root() / name).string();
-    EXPECT_TRUE(make_ssh_keygen_key(path, type, bits)) << path;
-    return path;
-}
-
-size_t count_lines(const std::string &text, const std::string &needle)
-{
-    size_t n = 0;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        n += line.find(needle) != std::string::npos;
-    return n;
-}
-
-}  // namespace
 
 TEST(OpenSshAdd, AddsListsAndRemovesEveryKeyType)
 {
@@ -58,37 +21,38 @@ TEST(OpenSshAdd, AddsListsAndRemovesEveryKeyType)
         std::vector<std::string> args = {path};
         if ((confirm = !confirm))
             args.insert(args.begin(), "-c");  // every other key with the confirm constraint
-        SshAdd added = ssh_add(agent, args);
+        ProgramRun added = ssh_add(agent, args);
         EXPECT_EQ(added.status, 0) << k.name << ": " << added.output;
     }
     // Adding a held key again still succeeds.
     EXPECT_EQ(ssh_add(agent, {(agent.root() / "p256").string()}).status, 0);
     EXPECT_NE(agent.log_text().find("keyagent: Key exists : id_ECDSA_256_2 ECDSA 256-bit"), std::string::npos);
 
-    SshAdd listed = ssh_add(agent, {"-l"});
+    ProgramRun listed = ssh_add(agent, {"-l"});
     EXPECT_EQ(listed.status, 0);
     // An RSA key is offered under three signature names, the others once.
-    EXPECT_EQ(count_lines(listed.output, "rsa2048 (RSA)"), 3u) << listed.output;
-    EXPECT_EQ(count_lines(listed.output, "dsa (DSA)"), 1u);
-    EXPECT_EQ(count_lines(listed.output, "p521 (ECDSA)"), 1u);
-    SshAdd public_keys = ssh_add(agent, {"-L"});
+    EXPECT_EQ(count_of(listed.output, "rsa2048 (RSA)"), 3u) << listed.output;
+    EXPECT_EQ(count_of(listed.output, "dsa (DSA)"), 1u);
+    EXPECT_EQ(count_of(listed.output, "p521 (ECDSA)"), 1u);
+    ProgramRun public_keys = ssh_add(agent, {"-L"});
     for (std::string name : {"p384", "ed", "ed_confirm"}) {
-        // -L gives the .pub file's key; -l the size and fingerprint that
-        // ssh-keygen shows, the comment after the offered name (an OpenSSH
-        // format key brings its own comment, a PEM one its path).
-        std::string pub = AgentProcess::read_file((agent.root() / (name + ".pub")).string());
-        EXPECT_NE(public_keys.output.find(pub.substr(0, pub.rfind(' '))), std::string::npos) << name;
-        std::string shown = run_tool("ssh-keygen -l -f " + (agent.root() / name).string() + ".pub").output;
+        // -L gives the .pub file's key; -l the size,
+        // fingerprint and comment that ssh-keygen shows, after the offered
+        // signature name.
+        std::string path = (agent.root() / name).string();
+        std::string pub = AgentProcess::read_file(path + ".pub");
+        EXPECT_NE(public_keys.output.find(pub.substr(0, pub.find(' ', pub.find(' ') + 1))), std::string::npos) << name;
+        std::string shown = run_tool("ssh-keygen -l -f " + path + ".pub").output;
         bool ed = name != "p384";
-        std::string comment = ed ? " ssh-ed25519 - " + name : " ecdsa-sha2-nistp384 - " + (agent.root() / name).string();
-        EXPECT_NE(listed.output.find(shown.substr(0, shown.find(' ', 4)) + comment + (ed ? " (ED25519)" : " (ECDSA)")),
+        std::string offered = ed ? " ssh-ed25519 - " : " ecdsa-sha2-nistp384 - ";
+        EXPECT_NE(listed.output.find(shown.substr(0, shown.find(' ', 4)) + offered + path + (ed ? " (ED25519)" : " (ECDSA)")),
                   std::string::npos)
             << shown << listed.output;
     }
     EXPECT_NE(agent.log_text().find("keyagent: Add key : id_ED25519_256 ED25519 256-bit"), std::string::npos);
 
     EXPECT_EQ(ssh_add(agent, {"-d", (agent.root() / "p384").string()}).status, 0);
-    EXPECT_EQ(count_lines(ssh_add(agent, {"-l"}).output, "p384"), 0u);
+    EXPECT_EQ(count_of(ssh_add(agent, {"-l"}).output, "p384"), 0u);
     EXPECT_EQ(ssh_add(agent, {"-D"}).status, 0);
     EXPECT_EQ(ssh_add(agent, {"-l"}).status, 1);  // "The agent has no identities."
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/agent_process.h"
+#include "support/requests.h"
 
 namespace {
 
@@ -68,13 +69,9 @@ TEST(PinentryTty, FirstPassphraseTypedAtTheTerminal)
 
     AgentClient client(agent.socket_path());
     EXPECT_EQ(client.request(frame(hex_bytes("97"))), hex_bytes("00000001 ab"));
-    Buffer unlock;
-    buffer_put_char(&unlock, 23);
-    buffer_put_cstring(&unlock, "tmux words");
     EXPECT_EQ(client.request(frame(hex_bytes("16 00000000"))), hex_bytes("00000001 06"));
-    EXPECT_EQ(client.request(frame(buffer_bytes(unlock))), hex_bytes("00000001 06"));
+    EXPECT_EQ(client.request(string_request(23, "tmux words")), hex_bytes("00000001 06"));
     EXPECT_NE(agent.log_text().find("keyagent: Agent has a passphrase now"), std::string::npos);
 
-    std::string out = (agent.root() / "kill.txt").string();
-    EXPECT_EQ(AgentProcess::wait_exit(AgentProcess::spawn({TKEYAGENT_PATH, "-k", "-a", agent.socket_path()}, out, out)), 0);
+    EXPECT_EQ(run_program(agent, {TKEYAGENT_PATH, "-k", "-a", agent.socket_path()}).status, 0);
 }

@@ -3,9 +3,8 @@
 
 #include "app/posix/control_client.h"
 #include "app/window_messages.h"
-#include "keys/key_blob.h"
-#include "keys/public_key_format.h"
 #include "support/agent_process.h"
+#include "support/requests.h"
 #include "support/tool_run.h"
 
 namespace {
@@ -22,45 +21,33 @@ std::vector<std::string> pinentry_env(const AgentProcess &agent, const std::stri
 
 const Bytes IS_LOCKED = frame(hex_bytes("97"));
 
-// A plain forwarding notice (206) and then a sign request for `blob` on one
-// connection; returns the sign reply.
-Bytes sign_after_notice(const AgentProcess &agent, const Bytes &blob, bool notice)
+// A sign request for `blob` on a fresh connection, after a plain forwarding
+// notice when `remote`; the sign reply.
+Bytes sign_on_connection(const AgentProcess &agent, const Bytes &blob, bool remote)
 {
     AgentClient client(agent.socket_path());
-    if (notice) {
-        Buffer b;
-        buffer_put_char(&b, 206);
-        buffer_put_cstring(&b, "far.example");
-        buffer_put_cstring(&b, "192.0.2.1");
-        buffer_put_int(&b, 22);
-        client.send_bytes(frame(buffer_bytes(b)));
-    }
-    Buffer sign;
-    buffer_put_char(&sign, 13);
-    buffer_put_string(&sign, blob.data(), static_cast<uint32_t>(blob.size()));
-    buffer_put_cstring(&sign, "data");
-    buffer_put_int(&sign, 0);
-    return client.request(frame(buffer_bytes(sign)));
+    if (remote)
+        client.send_bytes(forwarding_notice("far.example", "192.0.2.1"));
+    return client.request(sign_request(blob, "data"));
 }
 
-// Makes an ECDSA key, adds it with OpenSSH's ssh-add and returns its public
-// blob; empty when any step failed.
+// Adds a new ECDSA key with OpenSSH's ssh-add; its public blob, empty when
+// any step failed.
 Bytes add_ecdsa_key(const AgentProcess &agent)
 {
-    std::string key = (agent.root() / "k").string();
-    std::string out = (agent.root() / "add.txt").string();
-    if (!make_ssh_keygen_key(key, "ecdsa") ||
-        AgentProcess::wait_exit(AgentProcess::spawn({"/usr/bin/ssh-add", key}, out, out,
-                                                    {"SSH_AUTH_SOCK=" + agent.socket_path()})) != 0)
+    std::string key = make_key(agent, "k", "ecdsa");
+    if (ssh_add(agent, {key}).status != 0)
         return {};
-    KeyPtr held = key_new(KEY_UNSPEC);
-    std::string line = AgentProcess::read_file(key + ".pub");
-    const char *cursor = line.c_str();
-    if (key_read(held.get(), &cursor) != 1)
-        return {};
-    SecureBytes blob;
-    uint32_t len = key_to_blob(held.get(), &blob, nullptr, key_blob_type_name(held.get()));
-    return Bytes(blob.begin(), blob.begin() + len);
+    return public_line_blob(key + ".pub");
+}
+
+void send_control(const AgentProcess &agent, uint32_t message, uint64_t wparam, uint64_t lparam)
+{
+    ControlRequest request;
+    request.message = message;
+    request.wparam = wparam;
+    request.lparam = lparam;
+    ASSERT_TRUE(control_send((agent.root() / "run" / "control.sock").string(), request));
 }
 
 }  // namespace
@@ -80,10 +67,7 @@ TEST(Prompts, FirstPassphraseNoPassphraseChoiceAndCancel)
     {
         AgentClient client(typed.socket_path());
         EXPECT_EQ(client.request(IS_LOCKED), hex_bytes("00000001 aa"));
-        Buffer unlock;
-        buffer_put_char(&unlock, 23);
-        buffer_put_cstring(&unlock, "typed words");
-        EXPECT_EQ(client.request(frame(buffer_bytes(unlock))), hex_bytes("00000001 06"));
+        EXPECT_EQ(client.request(string_request(23, "typed words")), hex_bytes("00000001 06"));
     }
 
     // An empty entry, confirmed, is the no-passphrase choice: AttemptEmpty.
@@ -104,72 +88,48 @@ TEST(Prompts, FirstPassphraseNoPassphraseChoiceAndCancel)
     }
 }
 
-TEST(Prompts, ConfirmationOnlyForRemoteRequestsAndUnlockFromTheMenu)
+// With ConfirmKeyOp on, only a remote sign request asks, and the answer
+// decides; the menu's unlock unlocks through AttemptEmpty without asking,
+// or asks for the passphrase.
+TEST(Prompts, RemoteSignConfirmationAndUnlockFromTheMenu)
 {
-    AgentProcess agent({"--empty-passphrase"});
-    agent.set_env(pinentry_env(agent, "", "no"));
-    ASSERT_TRUE(agent.start());
-    Bytes blob = add_ecdsa_key(agent);
-    ASSERT_FALSE(blob.empty());
+    struct Case {
+        const char *passphrase;  // nullptr: the empty passphrase
+        const char *answer;
+        bool signs;
+        bool asks_pin;
+    } cases[] = {{nullptr, "no", false, false}, {"menu words", "yes", true, true}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.answer);
+        AgentProcess agent;
+        agent.set_extra_args(c.passphrase ? std::vector<std::string>{"--passphrase-file",
+                                                                     write_text(agent, "pass.txt", c.passphrase)}
+                                          : std::vector<std::string>{"--empty-passphrase"});
+        agent.set_env(pinentry_env(agent, c.passphrase ? c.passphrase : "", c.answer));
+        ASSERT_TRUE(agent.start()) << agent.log_text();
+        Bytes blob = add_ecdsa_key(agent);
+        ASSERT_FALSE(blob.empty());
+        send_control(agent, WM_SET_CONFIRM_KEY_OP, 0, 1);
 
-    ControlRequest confirm_on;
-    confirm_on.message = WM_SET_CONFIRM_KEY_OP;
-    confirm_on.lparam = 1;
-    std::string control = (agent.root() / "run" / "control.sock").string();
-    ASSERT_TRUE(control_send(control, confirm_on));
+        std::string asked_log = (agent.root() / "pinentry.log").string();
+        EXPECT_EQ(sign_on_connection(agent, blob, false).at(4), 14);
+        EXPECT_EQ(read_file_text(asked_log).find("CONFIRM"), std::string::npos) << "a local request asked";
+        Bytes remote = sign_on_connection(agent, blob, true);
+        if (c.signs)
+            EXPECT_EQ(remote.at(4), 14);
+        else
+            EXPECT_EQ(remote, hex_bytes("00000001 05"));
+        std::string asked = read_file_text(asked_log);
+        EXPECT_NE(asked.find("CONFIRM"), std::string::npos);
+        EXPECT_NE(asked.find("Allow it?"), std::string::npos);
+        EXPECT_EQ(agent.log_text().find("User rejected a request from a remote server to issue a signature") !=
+                      std::string::npos,
+                  !c.signs);
 
-    // Without a notice nothing is asked; after one the "no" refuses.
-    EXPECT_EQ(sign_after_notice(agent, blob, false).at(4), 14);
-    EXPECT_EQ(AgentProcess::read_file((agent.root() / "pinentry.log").string()).find("CONFIRM"), std::string::npos);
-    EXPECT_EQ(sign_after_notice(agent, blob, true), hex_bytes("00000001 05"));
-    EXPECT_NE(agent.log_text().find("User rejected a request from a remote server to issue a signature"),
-              std::string::npos);
-    std::string asked = AgentProcess::read_file((agent.root() / "pinentry.log").string());
-    EXPECT_NE(asked.find("CONFIRM"), std::string::npos);
-    EXPECT_NE(asked.find("Allow it?"), std::string::npos);
-
-    // The menu's unlock asks through pinentry ("" is the passphrase here,
-    // but AttemptEmpty already unlocks without asking).
-    ControlRequest lock;
-    lock.message = WM_COMMAND_MESSAGE;
-    lock.wparam = MENU_LOCK;
-    ASSERT_TRUE(control_send(control, lock));
-    EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 aa"));
-    ControlRequest unlock = lock;
-    unlock.wparam = MENU_UNLOCK;
-    ASSERT_TRUE(control_send(control, unlock));
-    EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
-}
-
-TEST(Prompts, ConfirmedRemoteSignatureAndUnlockThroughThePrompt)
-{
-    // An agent with a passphrase (no AttemptEmpty) that the menu's unlock
-    // asks for; the confirmation is answered Yes.
-    AgentProcess agent;
-    std::string file = (agent.root() / "passphrase.txt").string();
-    std::ofstream(file) << "menu words\n";
-    agent.set_extra_args({"--passphrase-file", file});
-    agent.set_env(pinentry_env(agent, "menu words", "yes"));
-    ASSERT_TRUE(agent.start()) << agent.log_text();
-    Bytes blob = add_ecdsa_key(agent);
-    ASSERT_FALSE(blob.empty());
-
-    std::string control = (agent.root() / "run" / "control.sock").string();
-    ControlRequest confirm_on;
-    confirm_on.message = WM_SET_CONFIRM_KEY_OP;
-    confirm_on.lparam = 1;
-    ASSERT_TRUE(control_send(control, confirm_on));
-    EXPECT_EQ(sign_after_notice(agent, blob, true).at(4), 14);
-    EXPECT_NE(AgentProcess::read_file((agent.root() / "pinentry.log").string()).find("CONFIRM"), std::string::npos);
-
-    ControlRequest lock;
-    lock.message = WM_COMMAND_MESSAGE;
-    lock.wparam = MENU_LOCK;
-    ASSERT_TRUE(control_send(control, lock));
-    EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 aa"));
-    ControlRequest unlock = lock;
-    unlock.wparam = MENU_UNLOCK;
-    ASSERT_TRUE(control_send(control, unlock));
-    EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
-    EXPECT_NE(AgentProcess::read_file((agent.root() / "pinentry.log").string()).find("GETPIN"), std::string::npos);
+        send_control(agent, WM_COMMAND_MESSAGE, MENU_LOCK, 0);
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 aa"));
+        send_control(agent, WM_COMMAND_MESSAGE, MENU_UNLOCK, 0);
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
+        EXPECT_EQ(read_file_text(asked_log).find("GETPIN") != std::string::npos, c.asks_pin);
+    }
 }

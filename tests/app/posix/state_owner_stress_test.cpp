@@ -7,19 +7,10 @@
 #include <thread>
 
 #include "support/agent_process.h"
+#include "support/requests.h"
 #include "support/tool_run.h"
 
 namespace {
-
-Bytes sign_request(const Bytes &blob)
-{
-    Buffer b;
-    buffer_put_char(&b, 13);
-    buffer_put_string(&b, blob.data(), static_cast<uint32_t>(blob.size()));
-    buffer_put_cstring(&b, "data to sign");
-    buffer_put_int(&b, 0);
-    return frame(buffer_bytes(b));
-}
 
 // A list answer holds no identity (locked) or the one key; a sign answer is
 // a signature (unlocked) or the locked agent's answer (170).
@@ -32,7 +23,7 @@ int client_errors(const std::string &socket, const Bytes &blob, int rounds)
     for (int i = 0; i < rounds; ++i) {
         Bytes list = client.request(frame(hex_bytes("0b")));
         bool list_ok = list.size() >= 9 && list[4] == 12 && (list[8] == 0 || list[8] == 1);
-        Bytes signature = client.request(sign_request(blob));
+        Bytes signature = client.request(sign_request(blob, "data to sign"));
         bool sign_ok = signature.size() >= 5 && (signature[4] == 14 || signature == hex_bytes("00000001 aa"));
         errors += !list_ok + !sign_ok;
     }
@@ -45,14 +36,12 @@ TEST(StateOwner, ClientsAndControlCommandsInterleave)
 {
     AgentProcess agent({"--empty-passphrase"});
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    std::string key = (agent.root() / "key").string();
-    ASSERT_TRUE(make_ssh_keygen_key(key, "ecdsa"));
+    std::string key = make_key(agent, "key", "ecdsa");
     ASSERT_EQ(run_tagent(agent, {"add", key}).status, 0);
     Bytes blob = public_line_blob(key + ".pub");
 
-    std::string first = (agent.root() / "first.txt").string(), second = (agent.root() / "second.txt").string();
-    std::ofstream(first) << "\n";
-    std::ofstream(second) << "second passphrase\n";
+    std::string first = write_text(agent, "first.txt", "\n");
+    std::string second = write_text(agent, "second.txt", "second passphrase\n");
 
     std::vector<int> errors(4, 0);
     std::vector<std::thread> clients;
@@ -81,7 +70,7 @@ TEST(StateOwner, ClientsAndControlCommandsInterleave)
     agent.set_extra_args({"--passphrase-file", old_file});
     ASSERT_TRUE(agent.start()) << agent.log_text();
     AgentClient client(agent.socket_path());
-    Bytes signature = client.request(sign_request(blob));
+    Bytes signature = client.request(sign_request(blob, "data to sign"));
     ASSERT_GE(signature.size(), 5u);
     EXPECT_EQ(signature[4], 14) << agent.log_text();
 }
