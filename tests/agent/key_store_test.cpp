@@ -43,14 +43,6 @@ bool has_private_half(const Key *key)
     return key->pkey && pkey_get_bn(key->pkey.get(), key->type == KEY_RSA ? "d" : "priv") != nullptr;
 }
 
-size_t count_of(const std::string &text, const std::string &part)
-{
-    size_t n = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++n;
-    return n;
-}
-
 // The PEM blocks of a private file, in order.
 std::vector<std::string> pem_blocks(const std::string &text)
 {
