@@ -427,9 +427,15 @@ TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
     WinHandle pipe = agent_pipe_open(window);
     std::vector<Listed> all = list_identities(pipe.get());
     expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
-    if (const Listed *bob_listed = find(all, "bob by name", "x509v3-sign-rsa")) {
-        EXPECT_TRUE(sign(pipe.get(), bob_listed->blob, 0).empty());
-    }
+    // The reference stays listed (under the certificate's subject: the
+    // public key store cannot resolve it) and in the key store, so that it
+    // signs again once the certificate is back.
+    const Listed *bob_listed = find(all, "2048-bit, X.509 name: \"/CN=capi-bob\"", "x509v3-sign-rsa");
+    ASSERT_NE(bob_listed, nullptr);
+    EXPECT_TRUE(sign(pipe.get(), bob_listed->blob, 0).empty());
     log = agent.log();
+    EXPECT_NE(log.find("the private key of certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available"),
+              std::string::npos)
+        << log;
     EXPECT_NE(log.find("Certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available in location 1 now"), std::string::npos) << log;
 }
