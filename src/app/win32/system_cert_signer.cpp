@@ -1,12 +1,15 @@
 #include "app/win32/system_cert_signer.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include <openssl/evp.h>
+#include <openssl/ecdsa.h>
 #include <openssl/obj_mac.h>
 
 #include "app/program_texts.h"
 #include "app/win32/system_cert_store.h"
+#include "crypto/signature_support.h"
 #include "log/log.h"
 
 namespace {
@@ -174,21 +177,56 @@ DWORD capi_sign(const PrivateKeyHandle &handle, ALG_ID alg, const uint8_t *diges
     return ERROR_SUCCESS;
 }
 
-// CryptoAPI gives its numbers little-endian: the RSA signature as one
-// number, a DSA signature as r and s one after the other.
-void to_big_endian(int key_type, SecureBytes *raw)
+// True when r||s (big-endian halves) is a signature of the digest by the
+// certificate's key.
+bool dsa_signature_verifies(const SystemCertKey &key, const uint8_t *digest, size_t len, const SecureBytes &raw)
 {
-    if (key_type == EVP_PKEY_DSA) {
-        size_t half = raw->size() / 2;
-        std::reverse(raw->begin(), raw->begin() + static_cast<std::ptrdiff_t>(half));
-        std::reverse(raw->begin() + static_cast<std::ptrdiff_t>(half), raw->end());
-    } else {
-        std::reverse(raw->begin(), raw->end());
+    size_t half = raw.size() / 2;
+    ECDSA_SIG *sig = ECDSA_SIG_new();
+    BIGNUM *r = BN_bin2bn(raw.data(), static_cast<int>(half), nullptr);
+    BIGNUM *s = BN_bin2bn(raw.data() + half, static_cast<int>(half), nullptr);
+    bool ok = false;
+    if (sig && r && s && ECDSA_SIG_set0(sig, r, s)) {
+        r = s = nullptr;
+        unsigned char *der = nullptr;
+        int der_len = i2d_ECDSA_SIG(sig, &der);
+        SignatureDigest d;
+        if (der_len > 0 && len <= sizeof d.bytes && key.public_key) {
+            memcpy(d.bytes, digest, len);
+            d.len = static_cast<unsigned>(len);
+            ok = pkey_verify_digest(key.public_key.get(), EVP_sha1(), d, der, static_cast<size_t>(der_len)) == 1;
+        }
+        OPENSSL_free(der);
     }
+    BN_free(r);
+    BN_free(s);
+    ECDSA_SIG_free(sig);
+    return ok;
+}
+
+// CryptoAPI gives its numbers little-endian: the RSA signature as one
+// number, a DSA signature as r and s one after the other. Wine's DSS
+// provider gives r and s big-endian instead, so a DSA signature is taken in
+// whichever order the certificate's key confirms.
+bool to_big_endian(const SystemCertKey &key, const uint8_t *digest, size_t len, SecureBytes *raw)
+{
+    if (key.key_type != EVP_PKEY_DSA) {
+        std::reverse(raw->begin(), raw->end());
+        return true;
+    }
+    SecureBytes swapped = *raw;
+    size_t half = swapped.size() / 2;
+    std::reverse(swapped.begin(), swapped.begin() + static_cast<std::ptrdiff_t>(half));
+    std::reverse(swapped.begin() + static_cast<std::ptrdiff_t>(half), swapped.end());
+    if (dsa_signature_verifies(key, digest, len, swapped)) {
+        *raw = std::move(swapped);
+        return true;
+    }
+    return dsa_signature_verifies(key, digest, len, *raw);
 }
 
 bool sign_with_capi(const SystemCertKey &key, const CERT_CONTEXT *context, PrivateKeyHandle handle, int hash_nid,
-                    const uint8_t *digest, SignPromptCallback prompt, SecureBytes *raw)
+                    const uint8_t *digest, size_t len, SignPromptCallback prompt, SecureBytes *raw)
 {
     ALG_ID alg = capi_hash_id(hash_nid);
     if (key.key_type == EVP_PKEY_EC || !alg) {
@@ -224,7 +262,10 @@ bool sign_with_capi(const SystemCertKey &key, const CERT_CONTEXT *context, Priva
               static_cast<unsigned long>(status));
         return false;
     }
-    to_big_endian(key.key_type, raw);
+    if (!to_big_endian(key, digest, len, raw)) {
+        error("system store: the DSA signature of certificate %s does not verify", key.name.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -233,15 +274,27 @@ PrivateKeyHandle acquire_private_key(const CERT_CONTEXT *context, DWORD *status)
     HCRYPTPROV_OR_NCRYPT_KEY_HANDLE handle = 0;
     DWORD spec = 0;
     BOOL must_free = FALSE;
-    // Silently first: a provider that insists on its own window is let
-    // show it only when it refuses to work without.
+    // Silently first; a provider that refuses to work silently may then
+    // show its own window. Wine's DSS provider refuses the silent flag
+    // outright.
     for (DWORD silent : {static_cast<DWORD>(CRYPT_ACQUIRE_SILENT_FLAG), static_cast<DWORD>(0)}) {
         if (CryptAcquireCertificatePrivateKey(context, CRYPT_ACQUIRE_ALLOW_NCRYPT_KEY_FLAG | silent, nullptr,
                                               &handle, &spec, &must_free))
             return PrivateKeyHandle(handle, spec, must_free != FALSE);
-        *status = GetLastError();
-        if (*status != static_cast<DWORD>(NTE_SILENT_CONTEXT))
-            break;
+        if (silent)
+            *status = GetLastError();
+    }
+    // Wine does not open the recorded container of some CryptoAPI providers
+    // (DSS) itself: open it from the recorded key information.
+    std::vector<BYTE> bytes = context_property(context, CERT_KEY_PROV_INFO_PROP_ID);
+    auto *info = reinterpret_cast<const CRYPT_KEY_PROV_INFO *>(bytes.data());
+    if (bytes.size() < sizeof(CRYPT_KEY_PROV_INFO) || info->dwProvType == 0)
+        return {};
+    for (DWORD silent : {static_cast<DWORD>(CRYPT_SILENT), static_cast<DWORD>(0)}) {
+        HCRYPTPROV prov = 0;
+        if (CryptAcquireContextW(&prov, info->pwszContainerName, info->pwszProvName, info->dwProvType,
+                                 silent | (info->dwFlags & CRYPT_MACHINE_KEYSET)))
+            return PrivateKeyHandle(prov, info->dwKeySpec, true);
     }
     return {};
 }
@@ -267,5 +320,5 @@ bool system_cert_sign_digest(const SystemCertKey &key, int hash_nid, const uint8
     }
     if (handle.is_ncrypt())
         return sign_with_cng(key, handle.ncrypt_key(), hash_nid, digest, len, prompt, raw);
-    return sign_with_capi(key, context.get(), std::move(handle), hash_nid, digest, prompt, raw);
+    return sign_with_capi(key, context.get(), std::move(handle), hash_nid, digest, len, prompt, raw);
 }

@@ -4,8 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include <openssl/evp.h>
 
 #include "keys/secure_memory.h"
 #include "pki/key_signer.h"
@@ -14,6 +17,7 @@ struct SystemCertKey {
     std::vector<uint8_t> sha1;  // the certificate's SHA-1, how the store finds it
     std::string name;           // the subject's common name, for the PIN prompt
     int key_type = 0;           // EVP_PKEY_RSA, EVP_PKEY_DSA or EVP_PKEY_EC
+    std::shared_ptr<EVP_PKEY> public_key;  // the certificate's
 };
 
 // Signs `digest` (made with `hash_nid`) with the certificate's private key:

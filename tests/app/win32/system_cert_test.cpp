@@ -119,8 +119,8 @@ private:
         }
     }
 
-    // The key as a Microsoft key blob into a container of the RSA provider
-    // that PKCS#12 imports use, recorded on the certificate.
+    // The key as a Microsoft key blob into a container of the provider that
+    // PKCS#12 imports use for its algorithm, recorded on the certificate.
     void import_into_container(const CERT_CONTEXT *context, EVP_PKEY *key)
     {
         std::string name = "tarnwell-test-" + hex(sha1_);
@@ -129,17 +129,19 @@ private:
         ASSERT_GT(i2b_PrivateKey_bio(bio, key), 0);
         BUF_MEM *blob = nullptr;
         BIO_get_mem_ptr(bio, &blob);
+        bool dsa = EVP_PKEY_get_base_id(key) == EVP_PKEY_DSA;
+        const wchar_t *provider = dsa ? MS_ENH_DSS_DH_PROV_W : MS_ENHANCED_PROV_W;
+        DWORD type = dsa ? PROV_DSS_DH : PROV_RSA_FULL;
         HCRYPTPROV prov = 0;
-        ASSERT_TRUE(CryptAcquireContextW(&prov, container_.c_str(), MS_ENHANCED_PROV_W, PROV_RSA_FULL,
-                                         CRYPT_NEWKEYSET));
+        ASSERT_TRUE(CryptAcquireContextW(&prov, container_.c_str(), provider, type, CRYPT_NEWKEYSET));
         HCRYPTKEY imported = 0;
         EXPECT_TRUE(CryptImportKey(prov, reinterpret_cast<const BYTE *>(blob->data), static_cast<DWORD>(blob->length),
                                    0, 0, &imported));
         CryptDestroyKey(imported);
         CryptReleaseContext(prov, 0);
         BIO_free(bio);
-        CRYPT_KEY_PROV_INFO info = {container_.data(), const_cast<wchar_t *>(MS_ENHANCED_PROV_W), PROV_RSA_FULL, 0,
-                                    0, nullptr, AT_KEYEXCHANGE};
+        CRYPT_KEY_PROV_INFO info = {container_.data(), const_cast<wchar_t *>(provider), type, 0, 0, nullptr,
+                                    static_cast<DWORD>(dsa ? AT_SIGNATURE : AT_KEYEXCHANGE)};
         ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
     }
 
@@ -438,4 +440,36 @@ TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
               std::string::npos)
         << log;
     EXPECT_NE(log.find("Certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available in location 1 now"), std::string::npos) << log;
+}
+
+TEST_F(SystemStore, DsaKeysSignRawAndAsn1)
+{
+    EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr);
+    EVP_PKEY *params = nullptr, *raw_key = nullptr;
+    ASSERT_GT(EVP_PKEY_paramgen_init(pctx), 0);
+    EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx, 1024);
+    EVP_PKEY_CTX_set_dsa_paramgen_q_bits(pctx, 160);
+    ASSERT_GT(EVP_PKEY_paramgen(pctx, &params), 0);
+    EVP_PKEY_CTX_free(pctx);
+    pctx = EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr);
+    ASSERT_GT(EVP_PKEY_keygen_init(pctx), 0);
+    ASSERT_GT(EVP_PKEY_keygen(pctx, &raw_key), 0);
+    EVP_PKEY_CTX_free(pctx);
+    EVP_PKEY_free(params);
+    PkeyPtr dsa_key(raw_key);
+    X509Ptr cert = make_certificate("capi-dsa", dsa_key.get(), root, root_key);
+    StoredCertificate stored(L"MY", cert.get(), dsa_key.get(), KeyImport::container);
+    LogCapture log;
+    for (int dsa_sigtype : {0, 1}) {
+        set_x509dsa_sigtype(dsa_sigtype);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "capi-dsa");
+        ASSERT_NE(key, nullptr);
+        key->sigalg = signature_algorithm_by_name("x509v3-sign-dss");
+        SecureBytes blob;
+        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0)
+            << (log.lines().empty() ? "" : log.lines().back());
+        expect_verifies(blob, X509_get0_pubkey(cert.get()), "x509v3-sign-dss", "SHA1", dsa_sigtype ? "der" : "raw",
+                        DATA);
+    }
+    set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
 }
