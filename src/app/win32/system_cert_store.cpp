@@ -13,8 +13,8 @@ CertStorePtr system_store_open(const wchar_t *name)
 CertContextPtr system_store_find_sha1(HCERTSTORE store, const std::vector<uint8_t> &sha1)
 {
     CRYPT_HASH_BLOB blob = {static_cast<DWORD>(sha1.size()), const_cast<BYTE *>(sha1.data())};
-    return CertContextPtr(
-        CertFindCertificateInStore(store, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, CERT_FIND_SHA1_HASH, &blob, nullptr));
+    return CertContextPtr(CertFindCertificateInStore(store, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0,
+                                                     CERT_FIND_SHA1_HASH, &blob, nullptr));
 }
 
 bool system_store_has_private_key(const CERT_CONTEXT *context)
