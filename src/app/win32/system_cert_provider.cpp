@@ -23,7 +23,8 @@ void fill_handle(CertHandle *handle, X509 *cert)
 {
     X509StackPtr candidates = system_store_chain_candidates();
     handle->issuers = cert_issuers_from(cert, candidates.get());
-    SystemCertKey key{sha1_of(cert), cert_simple_name(cert), EVP_PKEY_get_base_id(X509_get0_pubkey(cert)),
+    SystemCertKey key{sha1_of(cert), cert_sha1_hex(cert), cert_simple_name(cert),
+                      EVP_PKEY_get_base_id(X509_get0_pubkey(cert)),
                       std::shared_ptr<EVP_PKEY>(X509_get_pubkey(cert), EVP_PKEY_free)};
     handle->sign = [key](int hash_nid, const uint8_t *digest, size_t len, SignPromptCallback prompt,
                          SecureBytes *raw) {

@@ -18,19 +18,7 @@ namespace {
 bool wants_pin(DWORD status)
 {
     return status == static_cast<DWORD>(NTE_SILENT_CONTEXT) || status == static_cast<DWORD>(SCARD_W_WRONG_CHV) ||
-           status == static_cast<DWORD>(SCARD_W_CARD_NOT_AUTHENTICATED) ||
-           status == static_cast<DWORD>(SCARD_W_CHV_BLOCKED);
-}
-
-std::string hex_of(const std::vector<uint8_t> &bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (uint8_t b : bytes) {
-        out += digits[b >> 4];
-        out += digits[b & 15];
-    }
-    return out;
+           status == static_cast<DWORD>(SCARD_W_CARD_NOT_AUTHENTICATED);
 }
 
 // The key passphrase prompt for a certificate: the same text as for a key.
@@ -307,7 +295,7 @@ bool system_cert_sign_digest(const SystemCertKey &key, int hash_nid, const uint8
     CertStorePtr store = system_store_open(L"MY");
     CertContextPtr context = store ? system_store_find_sha1(store.get(), key.sha1) : nullptr;
     if (!context) {
-        error("system store: certificate %s (%s) is not in the user's \"MY\" store", hex_of(key.sha1).c_str(),
+        error("system store: certificate %s (%s) is not in the user's \"MY\" store", key.sha1_hex.c_str(),
               key.name.c_str());
         return false;
     }

@@ -14,10 +14,11 @@
 #include "pki/key_signer.h"
 
 struct SystemCertKey {
-    std::vector<uint8_t> sha1;  // the certificate's SHA-1, how the store finds it
-    std::string name;           // the subject's common name, for the PIN prompt
-    int key_type = 0;           // EVP_PKEY_RSA, EVP_PKEY_DSA or EVP_PKEY_EC
-    std::shared_ptr<EVP_PKEY> public_key;  // the certificate's
+    std::vector<uint8_t> sha1;             // the certificate's SHA-1, how the store finds it
+    std::string sha1_hex;                  // the same for log lines
+    std::string name;                      // the subject's common name, for the PIN prompt
+    int key_type = 0;                      // EVP_PKEY_RSA, EVP_PKEY_DSA or EVP_PKEY_EC
+    std::shared_ptr<EVP_PKEY> public_key;  // the certificate's, to check DSA signatures
 };
 
 // Signs `digest` (made with `hash_nid`) with the certificate's private key:
