@@ -23,6 +23,8 @@ void fill_handle(CertHandle *handle, X509 *cert)
 {
     X509StackPtr candidates = system_store_chain_candidates();
     handle->issuers = cert_issuers_from(cert, candidates.get());
+    debug("system store: certificate %s: %d issuers among %d certificates of the user's stores",
+          cert_simple_name(cert).c_str(), sk_X509_num(handle->issuers.get()), sk_X509_num(candidates.get()));
     SystemCertKey key{sha1_of(cert), cert_sha1_hex(cert), cert_simple_name(cert),
                       EVP_PKEY_get_base_id(X509_get0_pubkey(cert)),
                       std::shared_ptr<EVP_PKEY>(X509_get_pubkey(cert), EVP_PKEY_free)};
