@@ -425,6 +425,11 @@ TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
     EXPECT_NE(log.find("Certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available in location 1 now"),
               std::string::npos)
         << log;
+
+    // Back in the store, it signs again without a restart.
+    StoredCertificate bob_again(L"MY", leaf[1], leaf_key[1], KeyImport::container);
+    expect_verifies(sign(pipe.get(), bob_listed->blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa", "SHA1", "rsa",
+                    DATA);
 }
 
 TEST_F(SystemStore, DsaKeysSignRawAndAsn1)
