@@ -17,6 +17,7 @@ const TagentUsageTexts TAGENT_USAGE_TEXTS = {
     "Talks to the running Tarnwell Key Agent (the socket from -a, else\n"
     "$SSH_AUTH_SOCK, else the default runtime folder).",
     "through pinentry",
+    "the user's NSS database",
 };
 
 std::optional<SecretString> tagent_ask_passphrase(const PassphraseQuestion &question)

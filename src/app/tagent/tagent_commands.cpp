@@ -37,9 +37,13 @@ std::string tagent_usage()
            "                                 OpenSSH private key (ssh-add takes encrypted ones)\n"
            "  remove FILE|NAME               remove one identity\n"
            "  add-cert LOCATION ID [--comment TEXT]\n"
-           "                                 add a certificate identity: LOCATION 1 system\n"
-           "                                 (NSS database), 2 pkcs11 (token), 3 tarnwell (the\n"
-           "                                 agent's own store); ID its SHA-1 or common name\n"
+           "                                 add a certificate identity, ID its SHA-1 or\n"
+           "                                 common name, from LOCATION\n"
+           "                                   1 system: " +
+           shell.system_store +
+           "\n"
+           "                                   2 pkcs11: a PKCS#11 token\n"
+           "                                   3 tarnwell: the agent's own certificate store\n"
            "  cert import FILE.p12 [--password-file F] [--passphrase-file F]\n"
            "  cert list | cert remove ID     the agent's own certificate store\n"
            "  lock                           lock the agent\n"

@@ -58,8 +58,9 @@ int tagent_watch(const std::string &control_address);
 
 // The parts of tagent's usage text that differ between shells.
 struct TagentUsageTexts {
-    const char *synopsis;  // the "usage:" line
-    const char *finding;   // how the agent is found, a paragraph
-    const char *asked;     // how a password is asked: "through pinentry"
+    const char *synopsis;      // the "usage:" line
+    const char *finding;       // how the agent is found, a paragraph
+    const char *asked;         // how a password is asked: "through pinentry"
+    const char *system_store;  // certificate location 1: "the user's NSS database"
 };
 extern const TagentUsageTexts TAGENT_USAGE_TEXTS;

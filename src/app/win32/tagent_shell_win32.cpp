@@ -26,6 +26,7 @@ const TagentUsageTexts TAGENT_USAGE_TEXTS = {
     "Talks to the user's Tarnwell Key Agent, found by its window and started\n"
     "when none runs.",
     "in a dialog",
+    "the user's \"MY\" certificate store",
 };
 
 // The agent is started when none runs, as every client of it does.

@@ -12,6 +12,7 @@
 #include "app/win32/command_line.h"
 #include "app/win32/resource_texts.h"
 #include "app/win32/startup_passphrase.h"
+#include "app/win32/system_cert_provider.h"
 #include "app/win32/tray_icon.h"
 #include "app/win32/windows_services.h"
 #include "log/agent_log.h"
@@ -77,6 +78,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int)
     bool sockets_started = WSAStartup(MAKEWORD(2, 0), &sockets) == 0;
     resource_library_load();
 
+    system_cert_provider_install();
     windows_services_attach(GetCurrentThreadId(), window);
     AgentShellSteps steps;
     steps.initialise_passphrase = initialise_passphrase;

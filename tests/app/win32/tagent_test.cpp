@@ -278,6 +278,8 @@ TEST(TagentExe, HelpAndUsageErrors)
     EXPECT_NE(help.out.find("asked in a dialog"), std::string::npos);
     EXPECT_EQ(help.out.find("-a PATH"), std::string::npos);
     EXPECT_EQ(help.out.find("pinentry"), std::string::npos);
+    EXPECT_NE(help.out.find("1 system: the user's \"MY\" certificate store"), std::string::npos) << help.out;
+    EXPECT_EQ(help.out.find("NSS"), std::string::npos);
     EXPECT_EQ(find_agent_window(), nullptr) << "no agent is started for a usage error";
 }
 

@@ -1,0 +1,465 @@
+// Certificate location 1 on Windows: certificates with RSA keys imported
+// into the user's "MY" store (as a PKCS#12 import puts them there) are
+// found by hash and by common name, sign under each hash the settings
+// select, and come back from the key store after tkeyagent.exe restarts.
+// OpenSSL checks every signature against the certificate's public key.
+#include <windows.h>
+#include <wincrypt.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/x509v3.h>
+
+#include "agent/protocol.h"
+#include "app/win32/agent_client_access.h"
+#include "app/win32/system_cert_provider.h"
+#include "app/win32/system_cert_store.h"
+#include "crypto/signature_types.h"
+#include "keys/signature_algorithm.h"
+#include "pki/cert_key_layer.h"
+#include "pki/cert_signature_check.h"
+#include "pki/key_signer.h"
+#include "support/log_capture.h"
+#include "win32/windows_agent.h"
+
+namespace {
+
+X509Ptr make_certificate(const char *cn, EVP_PKEY *key, X509 *issuer, EVP_PKEY *issuer_key)
+{
+    X509Ptr cert(X509_new());
+    X509_set_version(cert.get(), 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), static_cast<long>(GetTickCount() & 0x7fffffff));
+    X509_gmtime_adj(X509_getm_notBefore(cert.get()), -60);
+    X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
+    X509_set_pubkey(cert.get(), key);
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(cert.get()), "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char *>(cn), -1, -1, 0);
+    X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer ? issuer : cert.get()));
+    EXPECT_GT(X509_sign(cert.get(), issuer_key ? issuer_key : key, EVP_sha256()), 0);
+    return cert;
+}
+
+std::vector<uint8_t> sha1_bytes(X509 *cert)
+{
+    uint8_t digest[EVP_MAX_MD_SIZE];
+    unsigned len = 0;
+    X509_digest(cert, EVP_sha1(), digest, &len);
+    return {digest, digest + len};
+}
+
+std::string hex(const std::vector<uint8_t> &bytes)
+{
+    std::string out;
+    char two[3];
+    for (uint8_t b : bytes) {
+        snprintf(two, sizeof two, "%02X", b);
+        out += two;
+    }
+    return out;
+}
+
+// How a certificate's key reaches the store. Wine 8 puts the key of every
+// PKCS#12 import into one key container named after the user, so a second
+// imported key replaces the first: only one certificate per test comes by
+// PKCS#12, the others by CryptImportKey into a container of their own,
+// which is what the import does on Windows.
+enum class KeyImport { none, pkcs12, container };
+
+// Adds a certificate to one of the user's stores for the life of the object.
+class StoredCertificate {
+public:
+    StoredCertificate(const wchar_t *store, X509 *cert, EVP_PKEY *key, KeyImport how)
+        : store_(store), sha1_(sha1_bytes(cert))
+    {
+        add(cert, key, how);
+    }
+    ~StoredCertificate() { remove(); }
+
+    // Takes the certificate and its key container away.
+    void remove();
+
+private:
+    void add(X509 *cert, EVP_PKEY *key, KeyImport how)
+    {
+        CertStorePtr target(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, store_));
+        ASSERT_TRUE(target);
+        CertContextPtr context;
+        if (how == KeyImport::pkcs12) {
+            PKCS12 *p12 = PKCS12_create("p12pass", nullptr, key, cert, nullptr, NID_pbe_WithSHA1And3_Key_TripleDES_CBC,
+                                        NID_pbe_WithSHA1And3_Key_TripleDES_CBC, 2048, 1, 0);
+            ASSERT_NE(p12, nullptr);
+            unsigned char *der = nullptr;
+            int len = i2d_PKCS12(p12, &der);
+            PKCS12_free(p12);
+            CRYPT_DATA_BLOB blob = {static_cast<DWORD>(len), der};
+            CertStorePtr imported(PFXImportCertStore(&blob, L"p12pass", CRYPT_USER_KEYSET));
+            OPENSSL_free(der);
+            ASSERT_TRUE(imported) << "PFXImportCertStore failed: " << GetLastError();
+            context = system_store_find_sha1(imported.get(), sha1_);
+        } else {
+            int len = i2d_X509(cert, nullptr);
+            std::vector<uint8_t> der(static_cast<size_t>(len));
+            uint8_t *out = der.data();
+            i2d_X509(cert, &out);
+            context.reset(CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(len)));
+            if (how == KeyImport::container)
+                import_into_container(context.get(), key);
+        }
+        ASSERT_TRUE(context);
+        ASSERT_TRUE(CertAddCertificateContextToStore(target.get(), context.get(), CERT_STORE_ADD_REPLACE_EXISTING,
+                                                     nullptr));
+        DWORD size = 0;
+        if (CertGetCertificateContextProperty(context.get(), CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size)) {
+            key_info_.resize(size);
+            CertGetCertificateContextProperty(context.get(), CERT_KEY_PROV_INFO_PROP_ID, key_info_.data(), &size);
+        }
+    }
+
+    // The key as a Microsoft key blob into a container of the provider that
+    // PKCS#12 imports use for its algorithm, recorded on the certificate.
+    void import_into_container(const CERT_CONTEXT *context, EVP_PKEY *key)
+    {
+        std::string name = "tarnwell-test-" + hex(sha1_);
+        container_.assign(name.begin(), name.end());
+        BIO *bio = BIO_new(BIO_s_mem());
+        ASSERT_GT(i2b_PrivateKey_bio(bio, key), 0);
+        BUF_MEM *blob = nullptr;
+        BIO_get_mem_ptr(bio, &blob);
+        bool dsa = EVP_PKEY_get_base_id(key) == EVP_PKEY_DSA;
+        const wchar_t *provider = dsa ? MS_ENH_DSS_DH_PROV_W : MS_ENHANCED_PROV_W;
+        DWORD type = dsa ? PROV_DSS_DH : PROV_RSA_FULL;
+        HCRYPTPROV prov = 0;
+        ASSERT_TRUE(CryptAcquireContextW(&prov, container_.c_str(), provider, type, CRYPT_NEWKEYSET));
+        HCRYPTKEY imported = 0;
+        EXPECT_TRUE(CryptImportKey(prov, reinterpret_cast<const BYTE *>(blob->data), static_cast<DWORD>(blob->length),
+                                   0, 0, &imported));
+        CryptDestroyKey(imported);
+        CryptReleaseContext(prov, 0);
+        BIO_free(bio);
+        CRYPT_KEY_PROV_INFO info = {container_.data(), const_cast<wchar_t *>(provider), type, 0, 0, nullptr,
+                                    static_cast<DWORD>(dsa ? AT_SIGNATURE : AT_KEYEXCHANGE)};
+        ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, 0, &info));
+    }
+
+    const wchar_t *store_;
+    std::vector<uint8_t> sha1_;
+    std::vector<BYTE> key_info_;
+    std::wstring container_;
+};
+
+void StoredCertificate::remove()
+{
+    if (sha1_.empty())
+        return;
+    CertStorePtr target(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, store_));
+    if (CertContextPtr context = target ? system_store_find_sha1(target.get(), sha1_) : nullptr)
+        CertDeleteCertificateFromStore(context.release());  // frees the context
+    // Wine 8 leaves the certificate's registry entry behind, where stores
+    // opened later find it again.
+    std::wstring entry = std::wstring(L"Software\\Microsoft\\SystemCertificates\\") + store_ + L"\\Certificates\\";
+    for (uint8_t b : sha1_) {
+        wchar_t two[3];
+        swprintf(two, 3, L"%02X", b);
+        entry += two;
+    }
+    RegDeleteTreeW(HKEY_CURRENT_USER, entry.c_str());
+    if (!key_info_.empty()) {
+        auto *info = reinterpret_cast<const CRYPT_KEY_PROV_INFO *>(key_info_.data());
+        HCRYPTPROV gone = 0;
+        CryptAcquireContextW(&gone, info->pwszContainerName, info->pwszProvName, info->dwProvType,
+                             CRYPT_DELETEKEYSET);
+    }
+    sha1_.clear();
+}
+
+std::string lower(std::string text)
+{
+    for (char &c : text)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// A root in the user's "CA" store and RSA leaves issued by it in "MY".
+class SystemStore : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        cert_key_layer_install();
+        root_key = EVP_RSA_gen(2048);
+        root = make_certificate("Capi Test Root", root_key, nullptr, nullptr).release();
+        for (int i = 0; i < 2; ++i) {
+            leaf_key[i] = EVP_RSA_gen(2048);
+            leaf[i] = make_certificate(i ? "capi-bob" : "capi-alice", leaf_key[i], root, root_key).release();
+        }
+    }
+    static void TearDownTestSuite()
+    {
+        for (int i = 0; i < 2; ++i) {
+            X509_free(leaf[i]);
+            EVP_PKEY_free(leaf_key[i]);
+        }
+        X509_free(root);
+        EVP_PKEY_free(root_key);
+    }
+    void SetUp() override { system_cert_provider_install(); }
+    void TearDown() override
+    {
+        set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
+        cert_provider_set(CERT_SOURCE_SYSTEM, nullptr);
+    }
+
+    static EVP_PKEY *root_key, *leaf_key[2];
+    static X509 *root, *leaf[2];
+};
+EVP_PKEY *SystemStore::root_key = nullptr;
+EVP_PKEY *SystemStore::leaf_key[2] = {};
+X509 *SystemStore::root = nullptr;
+X509 *SystemStore::leaf[2] = {};
+
+const Bytes DATA = text_bytes("session identifier and user auth request");
+
+struct SignCase {
+    const char *algorithm;  // the row the request selects
+    bool as_plain_key;      // the certificate offered as its plain key
+    int rsa_sigtype;
+    const char *signature_name, *md;
+};
+
+const SignCase SIGN_CASES[] = {
+    {"x509v3-sign-rsa", false, 3, "x509v3-sign-rsa", "SHA1"},
+    {"x509v3-sign-rsa", false, 0, "x509v3-sign-rsa", "MD5"},
+    {"x509v3-ssh-rsa", false, 3, "ssh-rsa", "SHA1"},
+    {"x509v3-rsa2048-sha256", false, 3, "rsa2048-sha256", "SHA256"},
+    {"ssh-rsa", true, 3, "ssh-rsa", "SHA1"},
+    {"rsa-sha2-256", true, 3, "rsa-sha2-256", "SHA256"},
+    {"rsa-sha2-512", true, 3, "rsa-sha2-512", "SHA512"},
+};
+
+}  // namespace
+
+TEST_F(SystemStore, FindsByHashAndNameAndSignsUnderEachRsaAlgorithm)
+{
+    StoredCertificate ca(L"CA", root, nullptr, KeyImport::none),
+        alice(L"MY", leaf[0], leaf_key[0], KeyImport::pkcs12);
+    std::string by_hash = hex(sha1_bytes(leaf[0]));
+    for (const std::string &identifier : {by_hash, std::string("capi-alice")}) {
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, identifier);
+        ASSERT_NE(key, nullptr) << identifier;
+        EXPECT_EQ(X509_cmp(key->cert.get(), leaf[0]), 0);
+        CertHandle *handle = cert_identity_handle(key.get());
+        ASSERT_NE(handle, nullptr);
+        ASSERT_EQ(sk_X509_num(handle->issuers.get()), 1) << "the root from the CA store";
+        EXPECT_EQ(X509_cmp(sk_X509_value(handle->issuers.get(), 0), root), 0);
+    }
+    for (const SignCase &c : SIGN_CASES) {
+        SCOPED_TRACE(std::string(c.algorithm) + " rsa sigtype " + std::to_string(c.rsa_sigtype));
+        set_x509rsa_sigtype(c.rsa_sigtype);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "capi-alice");
+        ASSERT_NE(key, nullptr);
+        if (c.as_plain_key)
+            key->type = KEY_RSA;
+        key->sigalg = signature_algorithm_by_name(c.algorithm);
+        SecureBytes blob;
+        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
+        expect_verifies(blob, X509_get0_pubkey(leaf[0]), c.signature_name, c.md, "rsa", DATA);
+    }
+}
+
+namespace {
+
+struct Listed {
+    SecureBytes blob;
+    std::string comment;
+};
+
+std::vector<Listed> list_identities(HANDLE pipe)
+{
+    Buffer body, reply;
+    buffer_put_char(&body, SSH2_AGENTC_REQUEST_IDENTITIES);
+    if (!agent_pipe_request(pipe, body, SSH2_AGENT_IDENTITIES_ANSWER, &reply)) {
+        ADD_FAILURE() << "no identities answer";
+        return {};
+    }
+    buffer_get_char(&reply);
+    std::vector<Listed> all(buffer_get_int(&reply));
+    for (Listed &one : all) {
+        one.blob = buffer_get_string(&reply);
+        SecureBytes comment = buffer_get_string(&reply);
+        one.comment.assign(comment.begin(), comment.end());
+    }
+    return all;
+}
+
+uint8_t add_certificate(HANDLE pipe, const std::string &identifier, const std::string &comment)
+{
+    Buffer body, reply;
+    buffer_put_char(&body, SSH2_AGENTC_ADD_IDENTITY);
+    buffer_put_cstring(&body, "x509v3-sign-rsa");
+    buffer_put_char(&body, CERT_SOURCE_SYSTEM);
+    buffer_put_cstring(&body, identifier.c_str());
+    buffer_put_cstring(&body, comment.c_str());
+    EXPECT_TRUE(agent_pipe_call(pipe, body, &reply));
+    return buffer_len(&reply) ? buffer_get_char(&reply) : 0;
+}
+
+// The signature blob, empty when the agent refused.
+SecureBytes sign(HANDLE pipe, const SecureBytes &key_blob, uint32_t flags)
+{
+    Buffer body, reply;
+    buffer_put_char(&body, SSH2_AGENTC_SIGN_REQUEST);
+    buffer_put_string(&body, key_blob.data(), static_cast<uint32_t>(key_blob.size()));
+    buffer_put_string(&body, DATA.data(), static_cast<uint32_t>(DATA.size()));
+    buffer_put_int(&body, flags);
+    if (!agent_pipe_call(pipe, body, &reply) || buffer_get_char(&reply) != SSH2_AGENT_SIGN_RESPONSE)
+        return {};
+    return buffer_get_string(&reply);
+}
+
+// The entry of the identity with `comment` listed under `name` (the list
+// names each form in front of the comment).
+const Listed *find(const std::vector<Listed> &all, const std::string &comment, const char *name)
+{
+    for (const Listed &one : all)
+        if (one.comment == std::string(name) + " - " + comment)
+            return &one;
+    return nullptr;
+}
+
+size_t count_identities(const std::vector<Listed> &all)
+{
+    std::set<std::string> comments;
+    for (const Listed &one : all)
+        comments.insert(one.comment.substr(one.comment.find(" - ") + 1));
+    return comments.size();
+}
+
+// Each listed form signs, and OpenSSL agrees with the signature.
+void expect_signs(HANDLE pipe, const std::vector<Listed> &all, const std::string &comment, X509 *cert)
+{
+    const struct {
+        const char *listed;
+        uint32_t flags;
+        const char *signature_name, *md;
+    } forms[] = {
+        {"x509v3-sign-rsa", 0, "x509v3-sign-rsa", "SHA1"},
+        {"x509v3-rsa2048-sha256", 0, "rsa2048-sha256", "SHA256"},
+        {"ssh-rsa", 4, "rsa-sha2-512", "SHA512"},
+    };
+    for (const auto &form : forms) {
+        SCOPED_TRACE(comment + " listed as " + form.listed);
+        const Listed *one = find(all, comment, form.listed);
+        ASSERT_NE(one, nullptr);
+        expect_verifies(sign(pipe, one->blob, form.flags), X509_get0_pubkey(cert), form.signature_name, form.md,
+                        "rsa", DATA);
+    }
+}
+
+}  // namespace
+
+TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
+{
+    StoredCertificate ca(L"CA", root, nullptr, KeyImport::none),
+        alice(L"MY", leaf[0], leaf_key[0], KeyImport::pkcs12);
+    auto bob = std::make_unique<StoredCertificate>(L"MY", leaf[1], leaf_key[1], KeyImport::container);
+    StoredCertificate keyless(L"MY", root, nullptr, KeyImport::none);
+    WindowsAgent agent;
+    agent.seed_passphrase("");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    {
+        WinHandle pipe = agent_pipe_open(window);
+        ASSERT_TRUE(pipe);
+        EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(leaf[0])), "alice by hash"), SSH_AGENT_SUCCESS);
+        EXPECT_EQ(add_certificate(pipe.get(), "capi-bob", "bob by name"), SSH_AGENT_SUCCESS);
+        EXPECT_EQ(add_certificate(pipe.get(), "capi-nobody", "nobody"), SSH_AGENT_FAILURE);
+        EXPECT_EQ(add_certificate(pipe.get(), std::string(40, 'a'), "no such hash"), SSH_AGENT_FAILURE);
+        EXPECT_EQ(add_certificate(pipe.get(), "Capi Test Root", "no private key"), SSH_AGENT_FAILURE);
+        std::vector<Listed> all = list_identities(pipe.get());
+        EXPECT_EQ(count_identities(all), 2u) << agent.log();
+        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
+        expect_signs(pipe.get(), all, "bob by name", leaf[1]);
+    }
+    std::string log = agent.log();
+    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "Capi Test Root"})
+        EXPECT_NE(log.find("system store: no certificate with a private key matches \"" + identifier + "\""),
+                  std::string::npos)
+            << log;
+    std::string stored = read_file_text(agent.folder() / "tAgentKeys");
+    EXPECT_NE(stored.find("#CERT_SYSTEM\nsha1=" + lower(hex(sha1_bytes(leaf[0])))), std::string::npos) << stored;
+
+    // After a restart both come back from the key store and sign.
+    ASSERT_EQ(agent.close(), 0);
+    window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    {
+        WinHandle pipe = agent_pipe_open(window);
+        std::vector<Listed> all = list_identities(pipe.get());
+        EXPECT_EQ(count_identities(all), 2u) << agent.log();
+        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
+        expect_signs(pipe.get(), all, "bob by name", leaf[1]);
+    }
+
+    // Bob's certificate leaves the store: after a restart his reference is
+    // reported and cannot sign, and Alice's identity still loads and signs.
+    bob.reset();
+    ASSERT_EQ(agent.close(), 0);
+    window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    WinHandle pipe = agent_pipe_open(window);
+    std::vector<Listed> all = list_identities(pipe.get());
+    expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
+    // The reference stays listed (under the certificate's subject: the
+    // public key store cannot resolve it) and in the key store, so that it
+    // signs again once the certificate is back.
+    const Listed *bob_listed = find(all, "2048-bit, X.509 name: \"/CN=capi-bob\"", "x509v3-sign-rsa");
+    ASSERT_NE(bob_listed, nullptr);
+    EXPECT_TRUE(sign(pipe.get(), bob_listed->blob, 0).empty());
+    log = agent.log();
+    EXPECT_NE(log.find("the private key of certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find("Certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available in location 1 now"),
+              std::string::npos)
+        << log;
+
+    // Back in the store, it signs again without a restart.
+    StoredCertificate bob_again(L"MY", leaf[1], leaf_key[1], KeyImport::container);
+    expect_verifies(sign(pipe.get(), bob_listed->blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa", "SHA1", "rsa",
+                    DATA);
+}
+
+TEST_F(SystemStore, DsaKeysSignRawAndAsn1)
+{
+    EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr);
+    EVP_PKEY *params = nullptr, *raw_key = nullptr;
+    ASSERT_GT(EVP_PKEY_paramgen_init(pctx), 0);
+    EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx, 1024);
+    EVP_PKEY_CTX_set_dsa_paramgen_q_bits(pctx, 160);
+    ASSERT_GT(EVP_PKEY_paramgen(pctx, &params), 0);
+    EVP_PKEY_CTX_free(pctx);
+    pctx = EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr);
+    ASSERT_GT(EVP_PKEY_keygen_init(pctx), 0);
+    ASSERT_GT(EVP_PKEY_keygen(pctx, &raw_key), 0);
+    EVP_PKEY_CTX_free(pctx);
+    EVP_PKEY_free(params);
+    PkeyPtr dsa_key(raw_key);
+    X509Ptr cert = make_certificate("capi-dsa", dsa_key.get(), root, root_key);
+    StoredCertificate stored(L"MY", cert.get(), dsa_key.get(), KeyImport::container);
+    LogCapture log;
+    for (int dsa_sigtype : {0, 1}) {
+        set_x509dsa_sigtype(dsa_sigtype);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "capi-dsa");
+        ASSERT_NE(key, nullptr);
+        key->sigalg = signature_algorithm_by_name("x509v3-sign-dss");
+        SecureBytes blob;
+        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0)
+            << (log.lines().empty() ? "" : log.lines().back());
+        expect_verifies(blob, X509_get0_pubkey(cert.get()), "x509v3-sign-dss", "SHA1", dsa_sigtype ? "der" : "raw",
+                        DATA);
+    }
+    set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
+}
