@@ -7,9 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <openssl/ecdsa.h>
-#include <openssl/evp.h>
-
 #include <atomic>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +16,7 @@
 #include "app/win32/openssh_pipe.h"
 #include "app/win32/pageant_window.h"
 #include "app/win32/user_security.h"
+#include "crypto/ecdsa_signature.h"
 #include "keys/key.h"
 #include "keys/key_blob.h"
 #include "keys/private_key_material.h"
@@ -28,6 +26,9 @@
 
 constexpr uint8_t ADD_IDENTITY = 17, SIGN_REQUEST = 13, SIGN_RESPONSE = 14, AGENT_SUCCESS = 6;
 constexpr uint8_t REQUEST_IDENTITIES = 11, IDENTITIES_ANSWER = 12;
+
+// A reply's message number, or -1 for none.
+inline int reply_type(const Bytes &reply) { return reply.empty() ? -1 : reply[0]; }
 
 // Opens the OpenSSH agent pipe as its clients do; empty when it is not there.
 inline WinHandle openssh_pipe_open()
@@ -68,9 +69,6 @@ inline Bytes read_reply(HANDLE pipe)
         return {};
     return body;
 }
-
-// A reply's message number, or -1 for none.
-inline int reply_type(const Bytes &reply) { return reply.empty() ? -1 : reply[0]; }
 
 // A mapping in the Pageant client's way, owned by `owner`: the request is
 // written into it, its name sent, and the reply read back. The SendMessage
@@ -147,30 +145,12 @@ struct TestKey {
     // A sign reply's body (14, string signature blob) verifies over `data`.
     bool verifies(const Bytes &reply, const Bytes &data) const
     {
-        if (reply.empty() || reply[0] != SIGN_RESPONSE)
+        if (reply_type(reply) != SIGN_RESPONSE)
             return false;
-        Buffer in, sig, numbers;
+        Buffer in;
         buffer_append(&in, reply.data() + 1, static_cast<uint32_t>(reply.size() - 1));
         SecureBytes signature = buffer_get_string(&in);
-        buffer_append(&sig, signature.data(), static_cast<uint32_t>(signature.size()));
-        std::string name = buffer_get_string_text(&sig);
-        SecureBytes inner = buffer_get_string(&sig);
-        buffer_append(&numbers, inner.data(), static_cast<uint32_t>(inner.size()));
-        BIGNUM *r = BN_new(), *s = BN_new();
-        buffer_get_bignum2(&numbers, r);
-        buffer_get_bignum2(&numbers, s);
-        ECDSA_SIG *ecdsa = ECDSA_SIG_new();
-        ECDSA_SIG_set0(ecdsa, r, s);
-        unsigned char *der = nullptr;
-        int der_length = i2d_ECDSA_SIG(ecdsa, &der);
-        ECDSA_SIG_free(ecdsa);
-        EVP_MD_CTX *ctx = EVP_MD_CTX_new();
-        bool ok = name == "ecdsa-sha2-nistp256" && der_length > 0 &&
-                  EVP_DigestVerifyInit(ctx, nullptr, EVP_sha256(), nullptr, key->pkey.get()) == 1 &&
-                  EVP_DigestVerify(ctx, der, der_length, data.data(), data.size()) == 1;
-        EVP_MD_CTX_free(ctx);
-        OPENSSL_free(der);
-        return ok;
+        return ssh_ecdsa_verify(key.get(), signature.data(), signature.size(), data.data(), data.size(), 0) == 1;
     }
 };
 
