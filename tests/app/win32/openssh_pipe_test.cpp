@@ -7,8 +7,11 @@
 
 #include <cstdio>
 #include <fstream>
+#include <thread>
 
+#include "app/program_texts.h"
 #include "win32/agent_channels.h"
+#include "win32/dialog_driver.h"
 
 namespace {
 
@@ -56,6 +59,43 @@ TEST_F(OpenSshPipe, Ssh2ListsSignsAddsRemovesAndIsRefusedWhileLocked)
                              "unlock: ok", "done\nexit 0\n"})
         EXPECT_NE(output.find(line), std::string::npos) << line << " missing from:\n" << output;
     EXPECT_NE(agent_.log().find("keyagent: Connected to the OpenSSH agent pipe."), std::string::npos);
+}
+
+// After a forwarding notice on the same connection a sign request is a
+// remote one: with ConfirmKeyOp on, the user is asked and the answer holds.
+TEST_F(OpenSshPipe, RemoteSignIsConfirmedByTheUser)
+{
+    TestKey key;
+    WinHandle pipe = openssh_pipe_open();
+    ASSERT_TRUE(pipe);
+    ASSERT_EQ(pipe_call(pipe.get(), key.add_body()), Bytes{AGENT_SUCCESS});
+    ASSERT_EQ(SendMessageW(window_, 1029, 0, 1), 1);  // ConfirmKeyOp on
+    Buffer notice;
+    buffer_put_char(&notice, 206);
+    buffer_put_cstring(&notice, "server.example");
+    buffer_put_cstring(&notice, "192.0.2.7");
+    buffer_put_int(&notice, 22);
+    for (int button : {IDYES, IDNO}) {
+        std::thread user([button] {
+            HWND box = wait_for_dialog(utf8_to_wide(program_text(TEXT_APPLICATION_TITLE)));
+            ASSERT_NE(box, nullptr);
+            press(box, button);
+        });
+        WinHandle remote = openssh_pipe_open();
+        const Bytes data(40, static_cast<uint8_t>(button));
+        // The notice has no reply: the sign request's reply comes first.
+        Bytes both = frame(buffer_bytes(notice)), sign = frame(key.sign_body(data));
+        both.insert(both.end(), sign.begin(), sign.end());
+        ASSERT_TRUE(write_bytes(remote.get(), both));
+        Bytes reply = read_reply(remote.get());
+        user.join();
+        if (button == IDYES)
+            EXPECT_TRUE(key.verifies(reply, data));
+        else
+            EXPECT_EQ(reply, Bytes{5});
+    }
+    EXPECT_NE(agent_.log().find("User rejected a request from a remote server to issue a signature"),
+              std::string::npos);
 }
 
 // Wine keeps the access list without enforcing it: it is read back.
