@@ -62,6 +62,8 @@ void listen(Listener *state, HANDLE first)
         }
         pipe = INVALID_HANDLE_VALUE;
     }
+    if (pipe != INVALID_HANDLE_VALUE)
+        CloseHandle(pipe);
     SetEvent(state->ended.get());
 }
 

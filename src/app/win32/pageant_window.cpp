@@ -80,21 +80,6 @@ private:
     bool replied_ = false;
 };
 
-std::vector<BYTE> token_default_owner()
-{
-    HANDLE raw = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw))
-        return {};
-    WinHandle token(raw);
-    DWORD size = 0;
-    GetTokenInformation(token.get(), TokenOwner, nullptr, 0, &size);
-    std::vector<BYTE> info(size ? size : 1);
-    if (!GetTokenInformation(token.get(), TokenOwner, info.data(), size, &size))
-        return {};
-    PSID sid = reinterpret_cast<TOKEN_OWNER *>(info.data())->Owner;
-    return std::vector<BYTE>(static_cast<BYTE *>(sid), static_cast<BYTE *>(sid) + GetLengthSid(sid));
-}
-
 // Wine gives an object made with default security no owner at all, where
 // Windows always gives it the maker's default owner; Wine keeps but does not
 // enforce object security, so there an ownerless mapping is let through.
@@ -118,7 +103,7 @@ bool owned_by_user(HANDLE mapping)
     if (!owner) {
         accepted = running_under_wine();
     } else {
-        std::vector<BYTE> user = current_user_sid(), default_owner = token_default_owner();
+        std::vector<BYTE> user = current_user_sid(), default_owner = default_owner_sid();
         accepted = (!user.empty() && EqualSid(owner, user.data())) ||
                    (!default_owner.empty() && EqualSid(owner, default_owner.data()));
     }
