@@ -59,6 +59,12 @@ TEST_F(OpenSshPipe, Ssh2ListsSignsAddsRemovesAndIsRefusedWhileLocked)
                              "unlock: ok", "done\nexit 0\n"})
         EXPECT_NE(output.find(line), std::string::npos) << line << " missing from:\n" << output;
     EXPECT_NE(agent_.log().find("keyagent: Connected to the OpenSSH agent pipe."), std::string::npos);
+    // The listener and the Pageant window end with the agent.
+    EXPECT_EQ(agent_.close(), 0);
+    std::string log = agent_.log();
+    EXPECT_LT(log.find("keyagent: Stopped listening on the OpenSSH agent pipe."),
+              log.find("keyagent: Process message thread stopped."));
+    EXPECT_NE(log.find("keyagent: Process message thread stopped."), std::string::npos);
 }
 
 // After a forwarding notice on the same connection a sign request is a
@@ -117,23 +123,6 @@ TEST_F(OpenSshPipe, AccessListGrantsTheUserAloneGenericAll)
     LocalFree(sid_text);
     LocalFree(sddl);
     LocalFree(descriptor);
-}
-
-// Exact-length framing: two requests in one write are both answered, and a
-// request split over several writes is joined.
-TEST_F(OpenSshPipe, EveryWellFormedRequestIsAnswered)
-{
-    WinHandle pipe = openssh_pipe_open();
-    ASSERT_TRUE(pipe);
-    Bytes two = frame(LIST_BODY), second = frame(LIST_BODY);
-    two.insert(two.end(), second.begin(), second.end());
-    ASSERT_TRUE(write_bytes(pipe.get(), two));
-    EXPECT_EQ(reply_type(read_reply(pipe.get())), IDENTITIES_ANSWER);
-    EXPECT_EQ(reply_type(read_reply(pipe.get())), IDENTITIES_ANSWER);
-    Bytes split = frame(LIST_BODY);
-    for (uint8_t byte : split)
-        ASSERT_TRUE(write_bytes(pipe.get(), {byte}));
-    EXPECT_EQ(reply_type(read_reply(pipe.get())), IDENTITIES_ANSWER);
 }
 
 struct BadClient {
