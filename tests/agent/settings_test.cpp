@@ -119,7 +119,7 @@ TEST_F(Settings, SettersRewriteOnlyOnChange)
 }
 
 // The switches of the Windows agent's OpenSSH pipe and Pageant window follow
-// the documented lines, and only when one of them is off.
+// the other lines, and are written only when one of them is off.
 TEST_F(Settings, ThirdPartyClientSwitchesAreWrittenOnlyWhenOff)
 {
     set_agent_passphrase("pw", 0);
