@@ -17,9 +17,13 @@ namespace {
 
 constexpr DWORD PIPE_BUFFER_SIZE = 131072;
 constexpr DWORD STOP_WAIT_MS = 3000;
+// Instances waiting for a client at any time, each on a thread of its own, so
+// that clients arriving together seldom find the pipe busy.
+constexpr int LISTENING_THREADS = 2;
 
 struct Listener {
     std::atomic<bool> stopping{false};
+    std::atomic<int> running{0};
     WinHandle ended{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
 
@@ -64,7 +68,8 @@ void listen(Listener *state, HANDLE first)
     }
     if (pipe != INVALID_HANDLE_VALUE)
         CloseHandle(pipe);
-    SetEvent(state->ended.get());
+    if (--state->running == 0)
+        SetEvent(state->ended.get());
 }
 
 // True when some program has instances of the pipe already, whether or not
@@ -95,12 +100,19 @@ void openssh_pipe_start()
         return;
     }
     auto state = std::make_unique<Listener>();
-    try {
-        std::thread(listen, state.get(), first).detach();
-    } catch (const std::system_error &) {
-        CloseHandle(first);
-        agent_log("The OpenSSH agent pipe: no listening thread; running without it.");
-        return;
+    state->running = LISTENING_THREADS;
+    for (int i = 0; i < LISTENING_THREADS; ++i) {
+        HANDLE instance = i == 0 ? first : INVALID_HANDLE_VALUE;
+        try {
+            std::thread(listen, state.get(), instance).detach();
+        } catch (const std::system_error &) {
+            if (instance != INVALID_HANDLE_VALUE)
+                CloseHandle(instance);
+            if (--state->running == 0) {
+                agent_log("The OpenSSH agent pipe: no listening thread; running without it.");
+                return;
+            }
+        }
     }
     listener = state.release();
     agent_log("Listening on the OpenSSH agent pipe.");
@@ -111,11 +123,15 @@ void openssh_pipe_stop()
     if (!listener)
         return;
     listener->stopping = true;
-    // The listening thread waits for a client: one that connects and leaves
+    // Each listening thread waits for a client: one that connects and leaves
     // at once wakes it.
-    WinHandle wake(CreateFileW(OPENSSH_AGENT_PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0,
-                               nullptr));
-    wake = WinHandle();
+    for (int i = 0; i < LISTENING_THREADS; ++i) {
+        WinHandle wake(CreateFileW(OPENSSH_AGENT_PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0,
+                                   nullptr));
+        if (!wake && GetLastError() == ERROR_PIPE_BUSY && WaitNamedPipeW(OPENSSH_AGENT_PIPE, 200))
+            wake = WinHandle(CreateFileW(OPENSSH_AGENT_PIPE, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                         OPEN_EXISTING, 0, nullptr));
+    }
     if (WaitForSingleObject(listener->ended.get(), STOP_WAIT_MS) == WAIT_OBJECT_0)
         delete listener;
     listener = nullptr;

@@ -1,6 +1,6 @@
 // The OpenSSH agent pipe "\\.\pipe\openssh-ssh-agent", which Win32-OpenSSH
 // ssh.exe, Git for Windows, VS Code and other OpenSSH-protocol clients open.
-// It is always listening: one instance waits for the next client while each
+// It is always listening: instances wait for the next clients while each
 // connected client is served on a thread of its own, with the exact-length
 // framing of a Unix agent socket.
 #pragma once
