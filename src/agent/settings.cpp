@@ -39,7 +39,12 @@ constexpr SettingField SETTING_FIELDS[] = {
     {"AttemptEmpty", FieldKind::YES_FLAG, &AgentSettings::AttemptEmpty},
     {"UseOnlySha1", FieldKind::YES_FLAG, &AgentSettings::UseOnlySha1},
     {"CreateLog", FieldKind::YES_FLAG, &AgentSettings::CreateLog},
+    {"OpenSshPipe", FieldKind::NO_FLAG, &AgentSettings::OpenSshPipe},
+    {"Pageant", FieldKind::NO_FLAG, &AgentSettings::Pageant},
 };
+
+// The first field written only when a field from here on is not at its default.
+constexpr size_t OPTIONAL_FIELDS = 8;
 
 // White space as the C locale has it, whatever the process locale is.
 bool is_space(uint8_t c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
@@ -168,7 +173,11 @@ SecureBytes format_agent_settings(const AgentSettings &settings)
     append("Passphrase ");
     out.insert(out.end(), settings.passphrase_digest, settings.passphrase_digest + AGENT_DIGEST_LENGTH);
     append("\n");
-    for (const SettingField &field : SETTING_FIELDS) {
+    bool optional = settings.OpenSshPipe == 0 || settings.Pageant == 0;
+    for (size_t i = 0; i < sizeof SETTING_FIELDS / sizeof SETTING_FIELDS[0]; ++i) {
+        const SettingField &field = SETTING_FIELDS[i];
+        if (i >= OPTIONAL_FIELDS && !optional)
+            break;
         if (field.kind == FieldKind::NUMBER)
             append(std::string(field.key) + " " + std::to_string(static_cast<long>(settings.AutoLockMinutes)) +
                    "\n");

@@ -20,6 +20,12 @@ struct AgentSettings {
     uint32_t AttemptEmpty = 0;  // the vendor attempt-empty unlock is served
     uint32_t UseOnlySha1 = 0;   // list only the SHA-1 signature names
     uint32_t CreateLog = 0;     // write the agent log file
+    // The Windows agent's doors for the clients users already have: the
+    // OpenSSH agent pipe and the Pageant window. Their lines follow the
+    // others and are written only when one is off, so that a file with the
+    // defaults keeps its layout and older agents read every file alike.
+    uint32_t OpenSshPipe = 1;
+    uint32_t Pageant = 1;
 };
 
 // The process-wide block. Like the identity tables it has no lock: it is

@@ -117,3 +117,25 @@ TEST_F(Settings, SettersRewriteOnlyOnChange)
     EXPECT_FALSE(agent_log_file().enabled);
     agent_log_file() = saved;
 }
+
+// The switches of the Windows agent's OpenSSH pipe and Pageant window follow
+// the other lines, and are written only when one of them is off.
+TEST_F(Settings, ThirdPartyClientSwitchesAreWrittenOnlyWhenOff)
+{
+    set_agent_passphrase("pw", 0);
+    EXPECT_EQ(file_text("tAgent").substr(32), DEFAULT_LINES);
+    EXPECT_EQ(agent_settings().OpenSshPipe, 1u);
+    EXPECT_EQ(agent_settings().Pageant, 1u);
+
+    agent_settings().Pageant = 0;
+    write_agent_settings();
+    EXPECT_EQ(file_text("tAgent").substr(32), std::string(DEFAULT_LINES) + "OpenSshPipe yes\nPageant no\n");
+    read_agent_settings();
+    EXPECT_EQ(agent_settings().OpenSshPipe, 1u);
+    EXPECT_EQ(agent_settings().Pageant, 0u);
+
+    write_file("tAgent", "Passphrase " + sha1("pw") + "\n" + DEFAULT_LINES + "OpenSshPipe NO\n");
+    read_agent_settings();
+    EXPECT_EQ(agent_settings().OpenSshPipe, 0u);
+    EXPECT_EQ(agent_settings().Pageant, 1u);
+}

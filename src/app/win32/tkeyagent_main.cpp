@@ -13,6 +13,7 @@
 #include "app/win32/resource_texts.h"
 #include "app/win32/startup_passphrase.h"
 #include "app/win32/system_cert_provider.h"
+#include "app/win32/third_party_clients.h"
 #include "app/win32/tray_icon.h"
 #include "app/win32/windows_services.h"
 #include "log/agent_log.h"
@@ -43,6 +44,14 @@ void run_message_loop()
         TranslateMessage(&message);
         DispatchMessageW(&message);
     }
+}
+
+// The OpenSSH agent pipe and the Pageant window are open while the loop runs.
+void serve_until_stopped()
+{
+    third_party_clients_start();
+    run_message_loop();
+    third_party_clients_stop();
 }
 
 }  // namespace
@@ -82,7 +91,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int)
     windows_services_attach(GetCurrentThreadId(), window);
     AgentShellSteps steps;
     steps.initialise_passphrase = initialise_passphrase;
-    steps.run_loop = run_message_loop;
+    steps.run_loop = serve_until_stopped;
     steps.hide_tray = hide_shell_windows;
     steps.close_connections = close_client_connections;
     agent_run(windows_shell_services(), steps);

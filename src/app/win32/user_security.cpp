@@ -16,24 +16,29 @@ WinHandle open_token()
     return WinHandle(token);
 }
 
-}  // namespace
-
-std::vector<BYTE> current_user_sid()
+// The SID that TokenUser or TokenOwner names; both records begin with it.
+std::vector<BYTE> token_sid(TOKEN_INFORMATION_CLASS which)
 {
     WinHandle token = open_token();
     if (!token)
         return {};
     DWORD size = 0;
-    GetTokenInformation(token.get(), TokenUser, nullptr, 0, &size);
+    GetTokenInformation(token.get(), which, nullptr, 0, &size);
     std::vector<BYTE> info(size ? size : 1);
-    if (!GetTokenInformation(token.get(), TokenUser, info.data(), size, &size))
+    if (!GetTokenInformation(token.get(), which, info.data(), size, &size))
         return {};
-    PSID sid = reinterpret_cast<TOKEN_USER *>(info.data())->User.Sid;
+    PSID sid = *reinterpret_cast<PSID *>(info.data());
     std::vector<BYTE> copy(GetLengthSid(sid));
     if (!CopySid(static_cast<DWORD>(copy.size()), copy.data(), sid))
         return {};
     return copy;
 }
+
+}  // namespace
+
+std::vector<BYTE> current_user_sid() { return token_sid(TokenUser); }
+
+std::vector<BYTE> default_owner_sid() { return token_sid(TokenOwner); }
 
 std::unique_ptr<UserOnlySecurity> make_user_only_security()
 {

@@ -11,6 +11,9 @@
 // The user's SID from the thread's token, or from the process token when the
 // thread has none. Empty on failure.
 std::vector<BYTE> current_user_sid();
+// The owner the user's new objects get by default, from the same token: the
+// user, or for an elevated administrator the Administrators group.
+std::vector<BYTE> default_owner_sid();
 
 // A descriptor and the attributes that point to it. Not movable: the
 // attributes point into the record itself.
