@@ -54,11 +54,11 @@ VIAddVersionKey /LANG=${LANG_ENGLISH} "FileVersion" "${VERSION}"
 VIAddVersionKey /LANG=${LANG_ENGLISH} "ProductVersion" "${VERSION}"
 VIAddVersionKey /LANG=${LANG_ENGLISH} "LegalCopyright" ""
 
-; Ends a running agent: WM_CLOSE to its hidden window, which closes the
-; manager window too, then waits (at most 15 s) for the process to end so
-; that its files can be replaced or removed.
-!macro STOP_AGENT
-  FindWindow $0 "${AGENT_CLASS}"
+; Sends WM_CLOSE to the top-level window of class CLASS titled TITLE ("" for
+; any title), if there is one, and waits (at most 15 s) for its process to
+; end so that the program's files can be replaced or removed.
+!macro CLOSE_PROGRAM CLASS TITLE
+  FindWindow $0 "${CLASS}" "${TITLE}"
   ${If} $0 <> 0
     System::Call 'user32::GetWindowThreadProcessId(p r0, *i .r1) i'
     System::Call 'kernel32::OpenProcess(i 0x00100000, i 0, i r1) p .r2'
@@ -68,6 +68,13 @@ VIAddVersionKey /LANG=${LANG_ENGLISH} "LegalCopyright" ""
       System::Call 'kernel32::CloseHandle(p r2) i'
     ${EndIf}
   ${EndIf}
+!macroend
+
+; Ends the agent through its hidden window (it closes the manager window as
+; it goes), then a manager window that is still open.
+!macro STOP_AGENT
+  !insertmacro CLOSE_PROGRAM "${AGENT_CLASS}" ""
+  !insertmacro CLOSE_PROGRAM "#32770" "${PRODUCT}"
 !macroend
 
 Function .onInit
