@@ -4,6 +4,13 @@
 // through the folder in TARNWELL_PICTURES_DIR: this program writes
 // NAME.want holding the window's rectangle on the desktop, the script
 // answers with NAME.png.
+//
+// A new scene is one test: raise the window, then take_picture(NAME, WINDOW)
+// while it shows, then end it. picture_of_modal does all three for a modal
+// window raised on the test's own thread. notification_area() is the
+// taskbar's notification area, wait_for_window("#32768") an open menu,
+// GetDesktopWindow() the whole screen; WindowsAgent starts the agent on
+// the same desktop.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -19,6 +26,23 @@
 #include "win32/dialog_driver.h"
 #include "win32/windows_agent.h"
 
+// The top-level window of `window_class`, visible, waiting at most 10 s;
+// null if none.
+HWND wait_for_window(const wchar_t *window_class)
+{
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        if (HWND window = FindWindowW(window_class, nullptr))
+            if (IsWindowVisible(window))
+                return window;
+        Sleep(50);
+    }
+    return nullptr;
+}
+
+// The virtual desktop's taskbar, whose right end holds the notification
+// icons.
+HWND notification_area() { return wait_for_window(L"Shell_TrayWnd"); }
+
 namespace {
 
 std::filesystem::path pictures_folder()
@@ -27,14 +51,18 @@ std::filesystem::path pictures_folder()
     return folder ? folder : "";
 }
 
+}  // namespace
+
 // Photographs `window` as it is on the screen now (the whole desktop for
-// the desktop window); false when no picture came within 30 s.
+// the desktop window); false for no window or when no picture came within
+// 30 s.
 bool take_picture(const std::string &name, HWND window)
 {
+    RECT r = {};
+    if (!window || !GetWindowRect(window, &r) || r.right <= r.left || r.bottom <= r.top)
+        return false;
     RedrawWindow(window, nullptr, nullptr, RDW_INVALIDATE | RDW_UPDATENOW | RDW_ALLCHILDREN);
     GdiFlush();
-    RECT r = {};
-    GetWindowRect(window, &r);
     std::filesystem::path want = pictures_folder() / (name + ".want"), png = pictures_folder() / (name + ".png");
     {
         std::ofstream(want.string() + ".tmp") << r.left << ' ' << r.top << ' ' << r.right - r.left << ' '
@@ -48,6 +76,8 @@ bool take_picture(const std::string &name, HWND window)
     }
     return false;
 }
+
+namespace {
 
 // A modal window raised by `show` on this thread, found by the title
 // `title`, made ready by `prepare`, photographed and ended by pressing
