@@ -85,7 +85,12 @@ Function un.onInit
   SetShellVarContext current
 FunctionEnd
 
+Var agent_was_running
+
 Section "Install"
+  ; An agent running from an earlier installation is stopped for the
+  ; upgrade and started again afterwards.
+  FindWindow $agent_was_running "${AGENT_CLASS}"
   !insertmacro STOP_AGENT
   SetOutPath "$INSTDIR"
   File "${SOURCE_DIR}\tkeyagent.exe"
@@ -109,6 +114,10 @@ Section "Install"
   WriteRegStr HKCU "${UNINSTALL_KEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S'
   WriteRegDWORD HKCU "${UNINSTALL_KEY}" "NoModify" 1
   WriteRegDWORD HKCU "${UNINSTALL_KEY}" "NoRepair" 1
+
+  ${If} $agent_was_running <> 0
+    Exec '"$INSTDIR\tkeyagent.exe"'
+  ${EndIf}
 SectionEnd
 
 Section "Uninstall"

@@ -10,10 +10,12 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "agent/data_folder.h"
 #include "agent/passphrase.h"
 #include "app/win32/agent_folders.h"
+#include "win32/dialog_driver.h"
 #include "win32/windows_agent.h"
 
 namespace {
@@ -93,8 +95,8 @@ long run(const fs::path &program, const std::wstring &arguments, const fs::path 
 
 // The uninstaller hands over to a copy of itself, "Un.exe" in the
 // temporary folder, and returns at once: waits (at most 60 s each) for
-// every such copy to end.
-bool uninstaller_copies_ended()
+// every such copy to end, or ends them at once with `end_them`.
+bool uninstaller_copies_ended(bool end_them = false)
 {
     HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     if (snapshot == INVALID_HANDLE_VALUE)
@@ -105,8 +107,10 @@ bool uninstaller_copies_ended()
     for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
         if (lstrcmpiW(entry.szExeFile, L"Un.exe") != 0)
             continue;
-        HANDLE copy = OpenProcess(SYNCHRONIZE, FALSE, entry.th32ProcessID);
+        HANDLE copy = OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, entry.th32ProcessID);
         if (copy) {
+            if (end_them)
+                TerminateProcess(copy, 1);
             ended = WaitForSingleObject(copy, 60000) == WAIT_OBJECT_0 && ended;
             CloseHandle(copy);
         }
@@ -115,15 +119,82 @@ bool uninstaller_copies_ended()
     return ended;
 }
 
-// What an install leaves in the user's profile, removed whatever the test's
-// outcome, an agent started from it included.
-struct Installation {
-    fs::path programs = known_folder(FOLDERID_LocalAppData) / "Programs" / PRODUCT;
-    fs::path data = known_folder(FOLDERID_RoamingAppData) / PRODUCT;
-    fs::path shortcut = known_folder(FOLDERID_Programs) / (std::wstring(PRODUCT) + L".lnk");
-    fs::path scratch = fresh_temp_folder("installer");
+// The titles of the visible top-level windows, for failure messages.
+std::string window_titles()
+{
+    std::wstring titles;
+    EnumWindows(
+        [](HWND window, LPARAM out) -> BOOL {
+            wchar_t title[256] = L"", name[64] = L"";
+            if (IsWindowVisible(window) && GetWindowTextW(window, title, 256) > 0) {
+                GetClassNameW(window, name, 64);
+                *reinterpret_cast<std::wstring *>(out) += std::wstring(L"[") + name + L"] " + title + L"; ";
+            }
+            return TRUE;
+        },
+        reinterpret_cast<LPARAM>(&titles));
+    return wide_to_utf8(titles.data(), titles.size());
+}
 
-    ~Installation()
+// The agent that another program started: its process once its window
+// exists (waiting at most 20 s).
+PROCESS_INFORMATION agent_started_elsewhere()
+{
+    PROCESS_INFORMATION agent = {};
+    for (int attempt = 0; attempt < 200 && !agent.hProcess; ++attempt) {
+        if (HWND window = find_agent_window()) {
+            GetWindowThreadProcessId(window, &agent.dwProcessId);
+            agent.hProcess = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE, FALSE,
+                                         agent.dwProcessId);
+        } else {
+            Sleep(100);
+        }
+    }
+    return agent;
+}
+
+// The visible top-level dialog that `wanted` picks, waiting at most 10 s.
+HWND wait_for_dialog_where(const std::function<bool(HWND)> &wanted)
+{
+    struct Search {
+        const std::function<bool(HWND)> &wanted;
+        HWND found;
+    } search = {wanted, nullptr};
+    for (int attempt = 0; attempt < 200 && !search.found; ++attempt) {
+        EnumWindows(
+            [](HWND window, LPARAM param) -> BOOL {
+                auto *s = reinterpret_cast<Search *>(param);
+                wchar_t name[16] = L"";
+                GetClassNameW(window, name, 16);
+                if (lstrcmpW(name, L"#32770") == 0 && IsWindowVisible(window) && s->wanted(window))
+                    s->found = window;
+                return !s->found;
+            },
+            reinterpret_cast<LPARAM>(&search));
+        if (!search.found)
+            Sleep(50);
+    }
+    return search.found;
+}
+
+// Installs silently for a test, over the store of an earlier installation
+// (with the agent log on). What the install leaves in the user's profile
+// is removed whatever the outcome, a running agent included.
+class Installer : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(fs::exists(setup)) << "no installer: the build needs makensis (Debian package nsis)";
+        ASSERT_TRUE(desktop_ready());
+        ASSERT_EQ(find_agent_window(), nullptr);
+        ASSERT_TRUE(create_private_folder(data.string()));
+        agent_data_folder_set(data.string());
+        ASSERT_EQ(set_agent_passphrase("kept across installs", 0), 1) << "the passphrase could not be stored";
+        agent_data_folder_set("");
+        std::ofstream(data / "kvllog.ini", std::ios::binary) << "agent=\n";
+        ASSERT_EQ(run(setup, L"/S", scratch / "setup.out"), 0);
+    }
+    void TearDown() override
     {
         if (HWND window = find_agent_window()) {
             DWORD id = 0;
@@ -135,36 +206,41 @@ struct Installation {
             if (agent)
                 CloseHandle(agent);
         }
+        uninstaller_copies_ended(true);
         RegDeleteKeyValueW(HKEY_CURRENT_USER, RUN_KEY, PRODUCT);
         RegDeleteTreeW(HKEY_CURRENT_USER, UNINSTALL_KEY);
         std::error_code ignored;
         for (const fs::path &path : {programs, data, shortcut, scratch})
             fs::remove_all(path, ignored);
+        // The uninstaller's copies of itself, left for a restart to remove.
+        for (const auto &entry : fs::directory_iterator(fs::temp_directory_path(), ignored))
+            if (entry.path().filename().wstring().rfind(L"~nsu", 0) == 0)
+                fs::remove_all(entry.path(), ignored);
     }
+
+    std::string log() const { return read_file_text(data / "tAgentLog.txt"); }
+    std::string status() const
+    {
+        fs::path out = scratch / "status.out";
+        EXPECT_EQ(run(programs / "tagent.exe", L"status", out), 0);
+        return read_file_text(out);
+    }
+
+    fs::path setup = fs::path(platform_executable_dir()) / "tarnwell-key-agent-setup.exe";
+    fs::path programs = known_folder(FOLDERID_LocalAppData) / "Programs" / PRODUCT;
+    fs::path data = known_folder(FOLDERID_RoamingAppData) / PRODUCT;
+    fs::path shortcut = known_folder(FOLDERID_Programs) / (std::wstring(PRODUCT) + L".lnk");
+    fs::path scratch = fresh_temp_folder("installer");
 };
 
-TEST(Installer, InstallsForTheUserStartsAtLogOnAndUninstallsKeepingTheKeys)
+TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingTheKeys)
 {
-    fs::path setup = fs::path(platform_executable_dir()) / "tarnwell-key-agent-setup.exe";
-    ASSERT_TRUE(fs::exists(setup)) << "no installer: the build needs makensis (Debian package nsis)";
-    ASSERT_TRUE(desktop_ready());
-    ASSERT_EQ(find_agent_window(), nullptr);
-    Installation installed;
-    // The store of an earlier installation, with the agent log switched on.
-    ASSERT_TRUE(create_private_folder(installed.data.string()));
-    agent_data_folder_set(installed.data.string());
-    ASSERT_EQ(set_agent_passphrase("kept across installs", 0), 1) << "the passphrase could not be stored";
-    agent_data_folder_set("");
-    std::ofstream(installed.data / "kvllog.ini", std::ios::binary) << "agent=\n";
-    auto log = [&] { return read_file_text(installed.data / "tAgentLog.txt"); };
-
-    ASSERT_EQ(run(setup, L"/S", installed.scratch / "setup.out"), 0);
     for (const char *name : {"tkeyagent.exe", "tagent.exe", "tagent.dll", "pki.dll", "libcrypto-3-x64.dll",
                              "tarnwell-key-agent.html", "Uninstall.exe"})
-        EXPECT_TRUE(fs::exists(installed.programs / name)) << name;
-    fs::path agent_program = installed.programs / "tkeyagent.exe";
+        EXPECT_TRUE(fs::exists(programs / name)) << name;
+    fs::path agent_program = programs / "tkeyagent.exe";
     EXPECT_EQ(run_entry(), L"\"" + agent_program.wstring() + L"\"");
-    EXPECT_EQ(shortcut_target(installed.shortcut), installed.programs / "tagent.exe");
+    EXPECT_EQ(shortcut_target(shortcut), programs / "tagent.exe");
     EXPECT_TRUE(uninstall_entry_exists());
 
     // Log-on: Windows runs the Run entry's command line as it stands.
@@ -172,21 +248,62 @@ TEST(Installer, InstallsForTheUserStartsAtLogOnAndUninstallsKeepingTheKeys)
     startup.cb = sizeof startup;
     PROCESS_INFORMATION agent = start_process(agent_program.wstring(), run_entry(), false, &startup);
     ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
-    fs::path status = installed.scratch / "status.out";
-    EXPECT_EQ(run(installed.programs / "tagent.exe", L"status", status), 0);
-    EXPECT_NE(read_file_text(status).find("state: locked"), std::string::npos) << read_file_text(status);
-    EXPECT_NE(read_file_text(status).find("identities: 0"), std::string::npos) << read_file_text(status);
+    std::string answer = status();
+    EXPECT_NE(answer.find("state: locked"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("identities: 0"), std::string::npos) << answer;
 
-    EXPECT_EQ(run(installed.programs / "Uninstall.exe", L"/S", installed.scratch / "uninstall.out"), 0);
+    // An upgrade over the running agent stops it and starts it again.
+    ASSERT_EQ(run(setup, L"/S", scratch / "upgrade.out"), 0);
+    EXPECT_EQ(WindowsAgent::wait_exit(&agent), 0) << "the upgrade stops the running agent";
+    agent = agent_started_elsewhere();
+    ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
+    EXPECT_NE(status().find("state: locked"), std::string::npos);
+
+    EXPECT_EQ(run(programs / "Uninstall.exe", L"/S", scratch / "uninstall.out"), 0);
     ASSERT_TRUE(uninstaller_copies_ended());
-    EXPECT_FALSE(fs::exists(installed.programs));
+    EXPECT_FALSE(fs::exists(programs));
     EXPECT_EQ(WindowsAgent::wait_exit(&agent), 0) << "the uninstaller stops the agent";
     EXPECT_EQ(find_agent_window(), nullptr);
     EXPECT_EQ(run_entry(), L"");
-    EXPECT_FALSE(fs::exists(installed.shortcut));
+    EXPECT_FALSE(fs::exists(shortcut));
     EXPECT_FALSE(uninstall_entry_exists());
-    EXPECT_TRUE(fs::exists(installed.data / "tAgent")) << "a silent uninstall keeps the key store";
+    EXPECT_TRUE(fs::exists(data / "tAgent")) << "a silent uninstall keeps the key store";
     EXPECT_NE(log().find("Key Agent started"), std::string::npos) << log();
+}
+
+// Uninstalling by hand: the user confirms in the wizard and answers No to
+// keeping the keys, and the key store goes too.
+TEST_F(Installer, UninstallAnsweredNoDeletesTheKeyStore)
+{
+    fs::path uninstaller = programs / "Uninstall.exe";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = start_process(uninstaller.wstring(), L"\"" + uninstaller.wstring() + L"\"",
+                                                false, &startup);
+    EXPECT_EQ(WindowsAgent::wait_exit(&process), 0);
+    HWND wizard = wait_for_dialog_where([](HWND window) {
+        wchar_t title[256] = L"";
+        GetWindowTextW(window, title, 256);
+        return std::wstring(title).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0;
+    });
+    ASSERT_NE(wizard, nullptr) << window_titles();
+    press(wizard, IDOK);  // "Uninstall" on the confirmation page
+    HWND question = wait_for_dialog_where(
+        [](HWND window) { return static_texts(window).find(L"Keep your stored keys") != std::wstring::npos; });
+    ASSERT_NE(question, nullptr) << window_titles();
+    press(question, IDNO);
+    // The last page's button turns into "Close" when the work is done.
+    auto closable = [wizard] {
+        return control_text(wizard, IDOK) == L"&Close" && IsWindowEnabled(GetDlgItem(wizard, IDOK));
+    };
+    for (int attempt = 0; attempt < 600 && !closable(); ++attempt)
+        Sleep(100);
+    ASSERT_TRUE(closable());
+    press(wizard, IDOK);
+    ASSERT_TRUE(uninstaller_copies_ended());
+    EXPECT_FALSE(fs::exists(programs));
+    EXPECT_FALSE(fs::exists(data / "tAgent"));
+    EXPECT_FALSE(fs::exists(data));
 }
 
 }  // namespace
