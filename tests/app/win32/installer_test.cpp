@@ -1,6 +1,7 @@
 // The installer under Wine: a silent install for the user alone, the agent
-// started as Windows starts it at log-on, and a silent uninstall that stops
-// the agent, removes what the install made and keeps the key store.
+// started as Windows starts it at log-on, an upgrade over the running agent,
+// and uninstalls that stop the agent, remove what the install made and keep
+// the key store or, answered No, delete it.
 #include <windows.h>
 #include <shlobj.h>
 #include <shobjidl.h>
@@ -36,23 +37,17 @@ fs::path known_folder(REFKNOWNFOLDERID id)
     return folder;
 }
 
-// The command line that Windows runs at log-on, or empty.
-std::wstring run_entry()
+// A text value under HKEY_CURRENT_USER, or empty.
+std::wstring registry_text(const wchar_t *key, const wchar_t *name)
 {
     wchar_t value[1024] = L"";
     DWORD size = sizeof value;
-    RegGetValueW(HKEY_CURRENT_USER, RUN_KEY, PRODUCT, RRF_RT_REG_SZ, nullptr, value, &size);
+    RegGetValueW(HKEY_CURRENT_USER, key, name, RRF_RT_REG_SZ, nullptr, value, &size);
     return value;
 }
 
-bool uninstall_entry_exists()
-{
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_CURRENT_USER, UNINSTALL_KEY, 0, KEY_READ, &key) != ERROR_SUCCESS)
-        return false;
-    RegCloseKey(key);
-    return true;
-}
+// The command line that Windows runs at log-on, or empty.
+std::wstring run_entry() { return registry_text(RUN_KEY, PRODUCT); }
 
 // The program that a shell link starts, read through the shell's own link
 // object.
@@ -119,23 +114,6 @@ bool uninstaller_copies_ended(bool end_them = false)
     return ended;
 }
 
-// The titles of the visible top-level windows, for failure messages.
-std::string window_titles()
-{
-    std::wstring titles;
-    EnumWindows(
-        [](HWND window, LPARAM out) -> BOOL {
-            wchar_t title[256] = L"", name[64] = L"";
-            if (IsWindowVisible(window) && GetWindowTextW(window, title, 256) > 0) {
-                GetClassNameW(window, name, 64);
-                *reinterpret_cast<std::wstring *>(out) += std::wstring(L"[") + name + L"] " + title + L"; ";
-            }
-            return TRUE;
-        },
-        reinterpret_cast<LPARAM>(&titles));
-    return wide_to_utf8(titles.data(), titles.size());
-}
-
 // The agent that another program started: its process once its window
 // exists (waiting at most 20 s).
 PROCESS_INFORMATION agent_started_elsewhere()
@@ -197,14 +175,9 @@ protected:
     void TearDown() override
     {
         if (HWND window = find_agent_window()) {
-            DWORD id = 0;
-            GetWindowThreadProcessId(window, &id);
-            HANDLE agent = OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, id);
+            PROCESS_INFORMATION agent = agent_started_elsewhere();
             PostMessageW(window, WM_CLOSE, 0, 0);
-            if (agent && WaitForSingleObject(agent, 30000) != WAIT_OBJECT_0)
-                TerminateProcess(agent, 1);
-            if (agent)
-                CloseHandle(agent);
+            WindowsAgent::wait_exit(&agent);
         }
         uninstaller_copies_ended(true);
         RegDeleteKeyValueW(HKEY_CURRENT_USER, RUN_KEY, PRODUCT);
@@ -241,7 +214,7 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingThe
     fs::path agent_program = programs / "tkeyagent.exe";
     EXPECT_EQ(run_entry(), L"\"" + agent_program.wstring() + L"\"");
     EXPECT_EQ(shortcut_target(shortcut), programs / "tagent.exe");
-    EXPECT_TRUE(uninstall_entry_exists());
+    EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), PRODUCT);
 
     // Log-on: Windows runs the Run entry's command line as it stands.
     STARTUPINFOW startup = {};
@@ -266,7 +239,7 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingThe
     EXPECT_EQ(find_agent_window(), nullptr);
     EXPECT_EQ(run_entry(), L"");
     EXPECT_FALSE(fs::exists(shortcut));
-    EXPECT_FALSE(uninstall_entry_exists());
+    EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), L"");
     EXPECT_TRUE(fs::exists(data / "tAgent")) << "a silent uninstall keeps the key store";
     EXPECT_NE(log().find("Key Agent started"), std::string::npos) << log();
 }
@@ -286,11 +259,11 @@ TEST_F(Installer, UninstallAnsweredNoDeletesTheKeyStore)
         GetWindowTextW(window, title, 256);
         return std::wstring(title).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0;
     });
-    ASSERT_NE(wizard, nullptr) << window_titles();
+    ASSERT_NE(wizard, nullptr);
     press(wizard, IDOK);  // "Uninstall" on the confirmation page
     HWND question = wait_for_dialog_where(
         [](HWND window) { return static_texts(window).find(L"Keep your stored keys") != std::wstring::npos; });
-    ASSERT_NE(question, nullptr) << window_titles();
+    ASSERT_NE(question, nullptr);
     press(question, IDNO);
     // The last page's button turns into "Close" when the work is done.
     auto closable = [wizard] {
