@@ -1,0 +1,282 @@
+// The installer under Wine: a silent install for the user alone, the agent
+// started as Windows starts it at log-on, an upgrade over the running agent,
+// and uninstalls that stop the agent, remove what the install made and keep
+// the key store or, answered No, delete it.
+#include <windows.h>
+#include <shlobj.h>
+#include <shobjidl.h>
+#include <tlhelp32.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "agent/data_folder.h"
+#include "agent/passphrase.h"
+#include "app/win32/agent_folders.h"
+#include "win32/dialog_driver.h"
+#include "win32/windows_agent.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr wchar_t PRODUCT[] = L"Tarnwell Key Agent";
+constexpr wchar_t RUN_KEY[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr wchar_t UNINSTALL_KEY[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\TarnwellKeyAgent";
+
+fs::path known_folder(REFKNOWNFOLDERID id)
+{
+    PWSTR path = nullptr;
+    fs::path folder;
+    if (SUCCEEDED(SHGetKnownFolderPath(id, KF_FLAG_CREATE, nullptr, &path)))
+        folder = path;
+    CoTaskMemFree(path);
+    return folder;
+}
+
+// A text value under HKEY_CURRENT_USER, or empty.
+std::wstring registry_text(const wchar_t *key, const wchar_t *name)
+{
+    wchar_t value[1024] = L"";
+    DWORD size = sizeof value;
+    RegGetValueW(HKEY_CURRENT_USER, key, name, RRF_RT_REG_SZ, nullptr, value, &size);
+    return value;
+}
+
+// The command line that Windows runs at log-on, or empty.
+std::wstring run_entry() { return registry_text(RUN_KEY, PRODUCT); }
+
+// The program that a shell link starts, read through the shell's own link
+// object.
+fs::path shortcut_target(const fs::path &link)
+{
+    fs::path target;
+    CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    IShellLinkW *shell_link = nullptr;
+    if (SUCCEEDED(CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW,
+                                   reinterpret_cast<void **>(&shell_link)))) {
+        IPersistFile *file = nullptr;
+        wchar_t path[MAX_PATH] = L"";
+        if (SUCCEEDED(shell_link->QueryInterface(IID_IPersistFile, reinterpret_cast<void **>(&file)))) {
+            if (SUCCEEDED(file->Load(link.wstring().c_str(), STGM_READ)) &&
+                SUCCEEDED(shell_link->GetPath(path, MAX_PATH, nullptr, 0)))
+                target = path;
+            file->Release();
+        }
+        shell_link->Release();
+    }
+    CoUninitialize();
+    return target;
+}
+
+// Runs `program` to its end, its standard output into `out`; the exit code.
+long run(const fs::path &program, const std::wstring &arguments, const fs::path &out)
+{
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = CreateFileW(out.wstring().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                     &inherit, CREATE_ALWAYS, 0, nullptr);
+    startup.hStdError = startup.hStdOutput;
+    PROCESS_INFORMATION process =
+        start_process(program.wstring(), L"\"" + program.wstring() + L"\" " + arguments, true, &startup);
+    CloseHandle(startup.hStdOutput);
+    return WindowsAgent::wait_exit(&process);
+}
+
+// The uninstaller hands over to a copy of itself, "Un.exe" in the
+// temporary folder, and returns at once: waits (at most 60 s each) for
+// every such copy to end, or ends them at once with `end_them`.
+bool uninstaller_copies_ended(bool end_them = false)
+{
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    if (snapshot == INVALID_HANDLE_VALUE)
+        return false;
+    bool ended = true;
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
+        if (lstrcmpiW(entry.szExeFile, L"Un.exe") != 0)
+            continue;
+        HANDLE copy = OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, entry.th32ProcessID);
+        if (copy) {
+            if (end_them)
+                TerminateProcess(copy, 1);
+            ended = WaitForSingleObject(copy, 60000) == WAIT_OBJECT_0 && ended;
+            CloseHandle(copy);
+        }
+    }
+    CloseHandle(snapshot);
+    return ended;
+}
+
+// The agent that another program started: its process once its window
+// exists (waiting at most 20 s).
+PROCESS_INFORMATION agent_started_elsewhere()
+{
+    PROCESS_INFORMATION agent = {};
+    for (int attempt = 0; attempt < 200 && !agent.hProcess; ++attempt) {
+        if (HWND window = find_agent_window()) {
+            GetWindowThreadProcessId(window, &agent.dwProcessId);
+            agent.hProcess = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE, FALSE,
+                                         agent.dwProcessId);
+        } else {
+            Sleep(100);
+        }
+    }
+    return agent;
+}
+
+// The visible top-level dialog that `wanted` picks, waiting at most 10 s.
+HWND wait_for_dialog_where(const std::function<bool(HWND)> &wanted)
+{
+    struct Search {
+        const std::function<bool(HWND)> &wanted;
+        HWND found;
+    } search = {wanted, nullptr};
+    for (int attempt = 0; attempt < 200 && !search.found; ++attempt) {
+        EnumWindows(
+            [](HWND window, LPARAM param) -> BOOL {
+                auto *s = reinterpret_cast<Search *>(param);
+                wchar_t name[16] = L"";
+                GetClassNameW(window, name, 16);
+                if (lstrcmpW(name, L"#32770") == 0 && IsWindowVisible(window) && s->wanted(window))
+                    s->found = window;
+                return !s->found;
+            },
+            reinterpret_cast<LPARAM>(&search));
+        if (!search.found)
+            Sleep(50);
+    }
+    return search.found;
+}
+
+// Installs silently for a test, over the store of an earlier installation
+// (with the agent log on). What the install leaves in the user's profile
+// is removed whatever the outcome, a running agent included.
+class Installer : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(fs::exists(setup)) << "no installer: the build needs makensis (Debian package nsis)";
+        ASSERT_TRUE(desktop_ready());
+        ASSERT_EQ(find_agent_window(), nullptr);
+        ASSERT_TRUE(create_private_folder(data.string()));
+        agent_data_folder_set(data.string());
+        ASSERT_EQ(set_agent_passphrase("kept across installs", 0), 1) << "the passphrase could not be stored";
+        agent_data_folder_set("");
+        std::ofstream(data / "kvllog.ini", std::ios::binary) << "agent=\n";
+        ASSERT_EQ(run(setup, L"/S", scratch / "setup.out"), 0);
+    }
+    void TearDown() override
+    {
+        if (HWND window = find_agent_window()) {
+            PROCESS_INFORMATION agent = agent_started_elsewhere();
+            PostMessageW(window, WM_CLOSE, 0, 0);
+            WindowsAgent::wait_exit(&agent);
+        }
+        uninstaller_copies_ended(true);
+        RegDeleteKeyValueW(HKEY_CURRENT_USER, RUN_KEY, PRODUCT);
+        RegDeleteTreeW(HKEY_CURRENT_USER, UNINSTALL_KEY);
+        std::error_code ignored;
+        for (const fs::path &path : {programs, data, shortcut, scratch})
+            fs::remove_all(path, ignored);
+        // The uninstaller's copies of itself, left for a restart to remove.
+        for (const auto &entry : fs::directory_iterator(fs::temp_directory_path(), ignored))
+            if (entry.path().filename().wstring().rfind(L"~nsu", 0) == 0)
+                fs::remove_all(entry.path(), ignored);
+    }
+
+    std::string log() const { return read_file_text(data / "tAgentLog.txt"); }
+    std::string status() const
+    {
+        fs::path out = scratch / "status.out";
+        EXPECT_EQ(run(programs / "tagent.exe", L"status", out), 0);
+        return read_file_text(out);
+    }
+
+    fs::path setup = fs::path(platform_executable_dir()) / "tarnwell-key-agent-setup.exe";
+    fs::path programs = known_folder(FOLDERID_LocalAppData) / "Programs" / PRODUCT;
+    fs::path data = known_folder(FOLDERID_RoamingAppData) / PRODUCT;
+    fs::path shortcut = known_folder(FOLDERID_Programs) / (std::wstring(PRODUCT) + L".lnk");
+    fs::path scratch = fresh_temp_folder("installer");
+};
+
+TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingTheKeys)
+{
+    for (const char *name : {"tkeyagent.exe", "tagent.exe", "tagent.dll", "pki.dll", "libcrypto-3-x64.dll",
+                             "tarnwell-key-agent.html", "Uninstall.exe"})
+        EXPECT_TRUE(fs::exists(programs / name)) << name;
+    fs::path agent_program = programs / "tkeyagent.exe";
+    EXPECT_EQ(run_entry(), L"\"" + agent_program.wstring() + L"\"");
+    EXPECT_EQ(shortcut_target(shortcut), programs / "tagent.exe");
+    EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), PRODUCT);
+
+    // Log-on: Windows runs the Run entry's command line as it stands.
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION agent = start_process(agent_program.wstring(), run_entry(), false, &startup);
+    ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
+    std::string answer = status();
+    EXPECT_NE(answer.find("state: locked"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("identities: 0"), std::string::npos) << answer;
+
+    // An upgrade over the running agent stops it and starts it again.
+    ASSERT_EQ(run(setup, L"/S", scratch / "upgrade.out"), 0);
+    EXPECT_EQ(WindowsAgent::wait_exit(&agent), 0) << "the upgrade stops the running agent";
+    agent = agent_started_elsewhere();
+    ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
+    EXPECT_NE(status().find("state: locked"), std::string::npos);
+
+    EXPECT_EQ(run(programs / "Uninstall.exe", L"/S", scratch / "uninstall.out"), 0);
+    ASSERT_TRUE(uninstaller_copies_ended());
+    EXPECT_FALSE(fs::exists(programs));
+    EXPECT_EQ(WindowsAgent::wait_exit(&agent), 0) << "the uninstaller stops the agent";
+    EXPECT_EQ(find_agent_window(), nullptr);
+    EXPECT_EQ(run_entry(), L"");
+    EXPECT_FALSE(fs::exists(shortcut));
+    EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), L"");
+    EXPECT_TRUE(fs::exists(data / "tAgent")) << "a silent uninstall keeps the key store";
+    EXPECT_NE(log().find("Key Agent started"), std::string::npos) << log();
+}
+
+// Uninstalling by hand: the user confirms in the wizard and answers No to
+// keeping the keys, and the key store goes too.
+TEST_F(Installer, UninstallAnsweredNoDeletesTheKeyStore)
+{
+    fs::path uninstaller = programs / "Uninstall.exe";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = start_process(uninstaller.wstring(), L"\"" + uninstaller.wstring() + L"\"",
+                                                false, &startup);
+    EXPECT_EQ(WindowsAgent::wait_exit(&process), 0);
+    HWND wizard = wait_for_dialog_where([](HWND window) {
+        wchar_t title[256] = L"";
+        GetWindowTextW(window, title, 256);
+        return std::wstring(title).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0;
+    });
+    ASSERT_NE(wizard, nullptr);
+    press(wizard, IDOK);  // "Uninstall" on the confirmation page
+    HWND question = wait_for_dialog_where(
+        [](HWND window) { return static_texts(window).find(L"Keep your stored keys") != std::wstring::npos; });
+    ASSERT_NE(question, nullptr);
+    press(question, IDNO);
+    // The last page's button turns into "Close" when the work is done.
+    auto closable = [wizard] {
+        return control_text(wizard, IDOK) == L"&Close" && IsWindowEnabled(GetDlgItem(wizard, IDOK));
+    };
+    for (int attempt = 0; attempt < 600 && !closable(); ++attempt)
+        Sleep(100);
+    ASSERT_TRUE(closable());
+    press(wizard, IDOK);
+    ASSERT_TRUE(uninstaller_copies_ended());
+    EXPECT_FALSE(fs::exists(programs));
+    EXPECT_FALSE(fs::exists(data / "tAgent"));
+    EXPECT_FALSE(fs::exists(data));
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+// Pictures of the windows a user sees, for a person to look at. Each test
+// raises one scene and has scripts/screenshots, which runs this program
+// under Xvfb and a Wine virtual desktop, photograph it. The hand-off goes
+// through the folder in TARNWELL_PICTURES_DIR: this program writes
+// NAME.want holding the window's rectangle on the desktop, the script
+// answers with NAME.png.
+//
+// A new scene is one test: raise the window, then take_picture(NAME, WINDOW)
+// while it shows, then end it. picture_of_modal does all three for a modal
+// window raised on the test's own thread. notification_area() is the
+// taskbar's notification area, wait_for_window("#32768") an open menu,
+// GetDesktopWindow() the whole screen; WindowsAgent starts the agent on
+// the same desktop.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "app/program_texts.h"
+#include "app/win32/dialogs.h"
+#include "app/win32/resource_texts.h"
+#include "win32/dialog_driver.h"
+#include "win32/windows_agent.h"
+
+// The top-level window of `window_class`, visible, waiting at most 10 s;
+// null if none.
+HWND wait_for_window(const wchar_t *window_class)
+{
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        if (HWND window = FindWindowW(window_class, nullptr))
+            if (IsWindowVisible(window))
+                return window;
+        Sleep(50);
+    }
+    return nullptr;
+}
+
+// The virtual desktop's taskbar, whose right end holds the notification
+// icons.
+HWND notification_area() { return wait_for_window(L"Shell_TrayWnd"); }
+
+namespace {
+
+std::filesystem::path pictures_folder()
+{
+    const char *folder = getenv("TARNWELL_PICTURES_DIR");
+    return folder ? folder : "";
+}
+
+}  // namespace
+
+// Photographs `window` as it is on the screen now (the whole desktop for
+// the desktop window); false for no window or when no picture came within
+// 30 s.
+bool take_picture(const std::string &name, HWND window)
+{
+    RECT r = {};
+    if (!window || !GetWindowRect(window, &r) || r.right <= r.left || r.bottom <= r.top)
+        return false;
+    RedrawWindow(window, nullptr, nullptr, RDW_INVALIDATE | RDW_UPDATENOW | RDW_ALLCHILDREN);
+    GdiFlush();
+    std::filesystem::path want = pictures_folder() / (name + ".want"), png = pictures_folder() / (name + ".png");
+    {
+        std::ofstream(want.string() + ".tmp") << r.left << ' ' << r.top << ' ' << r.right - r.left << ' '
+                                              << r.bottom - r.top << '\n';
+    }
+    std::filesystem::rename(want.string() + ".tmp", want);
+    for (int attempt = 0; attempt < 300; ++attempt) {
+        if (std::filesystem::exists(png))
+            return true;
+        Sleep(100);
+    }
+    return false;
+}
+
+namespace {
+
+// A modal window raised by `show` on this thread, found by the title
+// `title`, made ready by `prepare`, photographed and ended by pressing
+// `dismiss`.
+void picture_of_modal(const std::string &name, const std::wstring &title, const std::function<void()> &show,
+                      const std::function<void(HWND)> &prepare = {}, int dismiss = IDCANCEL)
+{
+    std::thread photographer([&] {
+        HWND window = wait_for_dialog(title);
+        ASSERT_NE(window, nullptr) << name << ": no window titled as expected";
+        if (prepare)
+            prepare(window);
+        EXPECT_TRUE(take_picture(name, window)) << name << ": no picture came back";
+        press(window, dismiss);
+    });
+    show();
+    photographer.join();
+}
+
+class Pictures : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_FALSE(pictures_folder().empty()) << "run through scripts/screenshots";
+        ASSERT_TRUE(desktop_ready());
+        ASSERT_NE(resource_library_load(), nullptr) << "tagent.dll beside the program";
+    }
+};
+
+TEST_F(Pictures, FirstPassphraseDialog)
+{
+    picture_of_modal(
+        "dialog-133-first-passphrase", resource_text(DIALOG_FIRST_PASSPHRASE),
+        [] { SecretString s; bool none = false; ask_first_passphrase(nullptr, &s, &none); },
+        [](HWND dialog) { type_into(dialog, CONTROL_PASSPHRASE, L"correct horse"); });
+}
+
+TEST_F(Pictures, UnlockDialog)
+{
+    picture_of_modal(
+        "dialog-124-unlock", resource_text(DIALOG_UNLOCK), [] { SecretString s; ask_unlock_passphrase(&s); },
+        [](HWND dialog) { type_into(dialog, CONTROL_PASSPHRASE, L"battery staple"); });
+}
+
+TEST_F(Pictures, KeyPassphraseDialog)
+{
+    picture_of_modal("dialog-219-key-passphrase", resource_text(DIALOG_KEY_PASSPHRASE), [] {
+        SecretString s;
+        ask_key_passphrase("Enter the passphrase for the key 'id_ecdsa':", &s);
+    });
+}
+
+TEST_F(Pictures, ConfirmationBox)
+{
+    picture_of_modal(
+        "confirm-key-operation", resource_text(TEXT_APPLICATION_TITLE), [] { confirm_key_operation("work key"); }, {}, IDNO);
+}
+
+}  // namespace
