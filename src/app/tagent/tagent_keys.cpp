@@ -159,7 +159,7 @@ std::optional<std::vector<IdentityRow>> tagent_identity_rows(const TagentContext
         return std::nullopt;
     std::vector<IdentityRow> rows;
     for (const auto &id : *listed) {
-        IdentityRow row{id.name, "", "", id.comment};
+        IdentityRow row{id.name, "", "", id.comment, id.blob};
         KeyPtr key = key_from_blob(id.blob.data(), static_cast<uint32_t>(id.blob.size()));
         if (key && key->type != KEY_UNSPEC) {
             row.type = std::string(key_type(key.get())) + " " + std::to_string(key_size(key.get()));
@@ -259,14 +259,20 @@ int tagent_remove(const TagentContext &c, const std::vector<std::string> &args)
         blob = found->blob;
         len = static_cast<uint32_t>(blob.size());
     }
+    blob.resize(len);
+    return tagent_remove_identity(c, blob, *target);
+}
+
+int tagent_remove_identity(const TagentContext &c, const SecureBytes &blob, const std::string &what)
+{
     AgentConnection agent(c.agent_socket);
     Buffer body, reply;
     buffer_put_char(&body, SSH2_AGENTC_REMOVE_IDENTITY);
-    buffer_put_string(&body, blob.data(), len);
+    buffer_put_string(&body, blob.data(), static_cast<uint32_t>(blob.size()));
     if (!agent.connected() || !agent.call(body, &reply))
         return tagent_unreachable(c.agent_socket);
     if (buffer_get_char(&reply) != SSH_AGENT_SUCCESS) {
-        fprintf(stderr, "tagent: the agent did not remove %s\n", target->c_str());
+        fprintf(stderr, "tagent: the agent did not remove %s\n", what.c_str());
         return TAGENT_REFUSED;
     }
     return TAGENT_DONE;

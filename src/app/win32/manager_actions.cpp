@@ -130,9 +130,10 @@ ManagerOutcome manager_add_key(const std::string &file)
     return run_args({"add", file}, "The key was not added.");
 }
 
-ManagerOutcome manager_remove_key(const std::string &name)
+ManagerOutcome manager_remove_identity(const IdentityRow &identity)
 {
-    return run_args({"remove", name}, "The key was not removed.");
+    return run([&](const TagentContext &c) { return tagent_remove_identity(c, identity.blob, identity.name); },
+               "The key was not removed.");
 }
 
 ManagerOutcome manager_remove_all() { return run_args({"remove", "--all"}, "The keys were not removed."); }

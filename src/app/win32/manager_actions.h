@@ -22,7 +22,7 @@ std::optional<std::vector<IdentityRow>> manager_identities();
 int manager_lock_state();
 
 ManagerOutcome manager_add_key(const std::string &file);
-ManagerOutcome manager_remove_key(const std::string &name);
+ManagerOutcome manager_remove_identity(const IdentityRow &identity);
 ManagerOutcome manager_remove_all();
 ManagerOutcome manager_lock();
 ManagerOutcome manager_unlock(const SecretString &passphrase);

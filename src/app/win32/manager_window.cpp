@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <commdlg.h>
 
+#include <cstdio>
+
 #include <string>
 #include <vector>
 
@@ -45,6 +47,9 @@ constexpr SettingSwitch SWITCHES[] = {
 // not the user's.
 bool filling = false;
 
+// The identities as listed, in the list's order.
+std::vector<IdentityRow> shown;
+
 void show_failure(HWND window, const ManagerOutcome &outcome)
 {
     if (!outcome.done)
@@ -77,20 +82,21 @@ void keep_auto_lock(HWND window)
 
 void refresh(HWND window)
 {
+    // Asked first: while the agent is asked, messages sent to this window
+    // are handled, and they must find the list whole.
+    auto rows = manager_identities();
+    int state = rows ? manager_lock_state() : -1;
     HWND list = GetDlgItem(window, MANAGER_IDENTITIES);
     int selected = static_cast<int>(SendMessageW(list, LB_GETCURSEL, 0, 0));
     SendMessageW(list, LB_RESETCONTENT, 0, 0);
-    auto rows = manager_identities();
-    int state = rows ? manager_lock_state() : -1;
-    if (rows) {
-        for (const IdentityRow &row : *rows) {
-            std::string line = row.name + "\t" + (row.type.empty() ? "(unreadable key)" : row.type) + "\t" +
-                               row.fingerprint + "\t" + row.comment;
-            SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(utf8_to_wide(line).c_str()));
-        }
-        if (selected >= 0)
-            SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(selected), 0);
+    shown = rows ? std::move(*rows) : std::vector<IdentityRow>();
+    for (const IdentityRow &row : shown) {
+        std::string line = row.name + "\t" + (row.type.empty() ? "(unreadable key)" : row.type) + "\t" +
+                           row.fingerprint + "\t" + row.comment;
+        SendMessageW(list, LB_ADDSTRING, 0, reinterpret_cast<LPARAM>(utf8_to_wide(line).c_str()));
     }
+    if (selected >= 0)
+        SendMessageW(list, LB_SETCURSEL, static_cast<WPARAM>(selected), 0);
     const wchar_t *text = state == 1 ? L"The agent is locked."
                           : state == 0 ? L"The agent is unlocked."
                                        : L"The agent is not running.";
@@ -98,20 +104,6 @@ void refresh(HWND window)
     EnableWindow(GetDlgItem(window, MANAGER_LOCK), state == 0);
     EnableWindow(GetDlgItem(window, MANAGER_UNLOCK), state == 1);
     fill_settings(window);
-}
-
-// The name of the selected identity: the first column of its line.
-std::string selected_name(HWND window)
-{
-    HWND list = GetDlgItem(window, MANAGER_IDENTITIES);
-    LRESULT index = SendMessageW(list, LB_GETCURSEL, 0, 0);
-    if (index == LB_ERR)
-        return "";
-    std::vector<wchar_t> line(static_cast<size_t>(SendMessageW(list, LB_GETTEXTLEN, index, 0)) + 1, L'\0');
-    SendMessageW(list, LB_GETTEXT, index, reinterpret_cast<LPARAM>(line.data()));
-    std::wstring text(line.data());
-    text = text.substr(0, text.find(L'\t'));
-    return wide_to_utf8(text.c_str(), text.size());
 }
 
 void browse(HWND window)
@@ -146,12 +138,12 @@ void add_key(HWND window)
 
 void remove_selected(HWND window)
 {
-    std::string name = selected_name(window);
-    if (name.empty()) {
+    LRESULT index = SendDlgItemMessageW(window, MANAGER_IDENTITIES, LB_GETCURSEL, 0, 0);
+    if (index == LB_ERR || static_cast<size_t>(index) >= shown.size()) {
         MessageBoxW(window, L"Select an identity to remove.", BOX_CAPTION, MB_OK | MB_ICONINFORMATION);
         return;
     }
-    show_failure(window, manager_remove_key(name));
+    show_failure(window, manager_remove_identity(shown[static_cast<size_t>(index)]));
 }
 
 void unlock(HWND window)
@@ -268,6 +260,9 @@ void drop_own_console()
     DWORD processes[2];
     if (GetConsoleProcessList(processes, 2) == 1)
         FreeConsole();
+    // tagent's commands report success on the standard output, which a
+    // window has no use for.
+    freopen("NUL", "w", stdout);
 }
 
 }  // namespace
