@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -80,12 +81,27 @@ void keep_auto_lock(HWND window)
                                      number ? static_cast<int32_t>(minutes) : 0);
 }
 
+// While the agent is asked, messages sent to this window are handled, and
+// one of them may change what is being asked for: the asking is repeated
+// then, and the controls change only afterwards, all at once.
+bool refreshing = false;
+bool refresh_again = false;
+
 void refresh(HWND window)
 {
-    // Asked first: while the agent is asked, messages sent to this window
-    // are handled, and they must find the list whole.
-    auto rows = manager_identities();
-    int state = rows ? manager_lock_state() : -1;
+    if (refreshing) {
+        refresh_again = true;
+        return;
+    }
+    refreshing = true;
+    std::optional<std::vector<IdentityRow>> rows;
+    int state = -1;
+    do {
+        refresh_again = false;
+        rows = manager_identities();
+        state = rows ? manager_lock_state() : -1;
+    } while (refresh_again);
+    refreshing = false;
     HWND list = GetDlgItem(window, MANAGER_IDENTITIES);
     int selected = static_cast<int>(SendMessageW(list, LB_GETCURSEL, 0, 0));
     SendMessageW(list, LB_RESETCONTENT, 0, 0);

@@ -99,7 +99,8 @@ AgentSettings settings_file(const WindowsAgent &agent)
     return parse_agent_settings(reinterpret_cast<const uint8_t *>(text.data()), text.size());
 }
 
-// Polls `condition` for at most 20 s: the manager acts on its own thread.
+// Polls `condition` for at most 20 s: the manager acts on its own thread,
+// and a click sent while it asks the agent shows once that is done.
 bool eventually(const std::function<bool()> &condition)
 {
     for (int attempt = 0; attempt < 400; ++attempt) {
@@ -195,14 +196,14 @@ TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
     press(done, IDOK);
     EXPECT_NE(read_file_text(agent.path("tAgentKeys")), store);
     manager.click(MANAGER_LOCK);
-    EXPECT_EQ(manager.state(), L"The agent is locked.");
+    EXPECT_TRUE(eventually([&] { return manager.state() == L"The agent is locked."; }));
     manager.click_later(MANAGER_UNLOCK);
     answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, L"new"}});
     EXPECT_TRUE(eventually([&] { return manager.state() == L"The agent is unlocked."; }));
 
     SendDlgItemMessageW(manager.window(), MANAGER_IDENTITIES, LB_SETCURSEL, 0, 0);
     manager.click(MANAGER_REMOVE);
-    EXPECT_EQ(manager.identities(), 0);
+    EXPECT_TRUE(eventually([&] { return manager.identities() == 0; }));
     EXPECT_NE(tagent_output(agent, "list").find("The agent has no identities."), std::string::npos);
 
     // Reset, confirmed: the agent destroys its data and stops, and closes

@@ -21,6 +21,7 @@
 #include "app/win32/tray_menu.h"
 #include "app/window_messages.h"
 #include "win32/dialog_driver.h"
+#include "win32/tray_driver.h"
 #include "win32/windows_agent.h"
 
 namespace {
@@ -265,7 +266,7 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
     EXPECT_TRUE(ends_within(manager, 20000));
 
     // Exit closes the manager and stops the agent, which removes its icon.
-    post_command(window, MENU_OPEN_MANAGER);
+    ASSERT_NE(open_manager(window), nullptr);
     manager = manager_process();
     ASSERT_TRUE(manager);
     post_command(window, MENU_EXIT);
@@ -290,4 +291,45 @@ TEST(TrayIcon, UnlockTriesTheEmptyPassphraseFirst)
     ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_UNLOCK, 0, SMTO_NORMAL, 20000, &result))
         << "the unlock waited for a dialog";
     EXPECT_FALSE(agent_locked(window));
+}
+
+// Chooses the item at `position` of the real popup with the keyboard:
+// another process cannot read a menu's items, but it can choose them
+// (which items are grayed is checked on the menu the same builder makes,
+// above). The command is posted
+// to the agent, so its effect is awaited by the caller.
+void choose(HWND agent, int position)
+{
+    HWND popup = open_tray_menu(agent);
+    ASSERT_NE(popup, nullptr) << "no menu opened";
+    for (int i = 0; i <= position; ++i)
+        PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
+    PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
+    for (int attempt = 0; attempt < 200 && IsWindowVisible(popup); ++attempt)
+        Sleep(50);
+    EXPECT_FALSE(IsWindowVisible(popup)) << "the menu stayed open";
+}
+
+bool lock_state_becomes(HWND agent, bool locked)
+{
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        if (agent_locked(agent) == locked)
+            return true;
+        Sleep(50);
+    }
+    return false;
+}
+
+TEST(TrayIcon, RightClickMenuLocksAndUnlocks)
+{
+    WindowsAgent agent;
+    agent.seed_passphrase("");  // AttemptEmpty: unlock needs no dialog
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    ASSERT_FALSE(agent_locked(window));
+
+    choose(window, 1);  // lock
+    EXPECT_TRUE(lock_state_becomes(window, true));
+    choose(window, 2);  // unlock
+    EXPECT_TRUE(lock_state_becomes(window, false));
 }
