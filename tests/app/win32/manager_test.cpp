@@ -178,6 +178,14 @@ TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
     answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, L"old"}});
     EXPECT_TRUE(eventually([&] { return manager.state() == L"The agent is unlocked."; }));
 
+    // A failure is shown with tagent's own line.
+    type_into(manager.window(), MANAGER_KEY_FILE, utf8_to_wide(agent.path("missing.pem")));
+    manager.click_later(MANAGER_ADD);
+    HWND failure = wait_for_dialog(BOX_CAPTION);
+    ASSERT_NE(failure, nullptr);
+    EXPECT_NE(static_texts(failure).find(L"cannot read a private key from "), std::wstring::npos);
+    press(failure, IDOK);
+
     // A key added in the window, its password asked in dialog 219.
     std::string key_file = agent.path("id_ecdsa.pem");
     write_encrypted_key(key_file, "key password");
