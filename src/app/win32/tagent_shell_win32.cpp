@@ -25,7 +25,7 @@ struct AgentConnection::Channel {
 const TagentUsageTexts TAGENT_USAGE_TEXTS = {
     "usage: tagent COMMAND",
     "Talks to the user's Tarnwell Key Agent, found by its window and started\n"
-    "when none runs.",
+    "when none runs. Without a command it opens the manager window.",
     "in a dialog",
 };
 
