@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "app/program_texts.h"
+#include "app/win32/manager_window.h"
 #include "app/win32/resource_texts.h"
 #include "app/win32/resources/manager_dialog.h"
 
@@ -20,8 +21,8 @@ INT_PTR CALLBACK change_procedure(HWND dialog, UINT message, WPARAM wparam, LPAR
             change->empty = IsDlgButtonChecked(dialog, CHANGE_EMPTY) == BST_CHECKED;
             change->new_passphrase = change->empty ? SecretString() : secret_control_text(dialog, CHANGE_NEW);
             if (!change->empty && change->new_passphrase != secret_control_text(dialog, CHANGE_REPEAT)) {
-                MessageBoxW(dialog, resource_text(TEXT_PASSPHRASES_DIFFER).c_str(),
-                            resource_text(TEXT_APPLICATION_TITLE).c_str(), MB_OK | MB_ICONERROR);
+                MessageBoxW(dialog, resource_text(TEXT_PASSPHRASES_DIFFER).c_str(), MANAGER_BOX_CAPTION,
+                            MB_OK | MB_ICONERROR);
                 return TRUE;
             }
             EndDialog(dialog, IDOK);

@@ -18,17 +18,13 @@
 #include "app/win32/manager_passphrase.h"
 #include "app/win32/manager_settings.h"
 #include "app/win32/resource_texts.h"
+#include "app/win32/resources/manager_dialog.h"
 #include "app/win32/tagent_shell_win32.h"
 #include "app/window_messages.h"
 #include "platform/platform.h"
 #include "platform/win32/text_conversion.h"
-#include "app/win32/resources/manager_dialog.h"
 
 namespace {
-
-// The manager's own message boxes carry another caption than the window,
-// so that the agent never takes one of them for the manager.
-constexpr wchar_t BOX_CAPTION[] = L"Tarnwell Key Agent Manager";
 
 struct SettingSwitch {
     int control;
@@ -54,7 +50,7 @@ std::vector<IdentityRow> shown;
 void show_failure(HWND window, const ManagerOutcome &outcome)
 {
     if (!outcome.done)
-        MessageBoxW(window, utf8_to_wide(outcome.message).c_str(), BOX_CAPTION, MB_OK | MB_ICONERROR);
+        MessageBoxW(window, utf8_to_wide(outcome.message).c_str(), MANAGER_BOX_CAPTION, MB_OK | MB_ICONERROR);
 }
 
 bool checked(HWND window, int control) { return IsDlgButtonChecked(window, control) == BST_CHECKED; }
@@ -156,7 +152,7 @@ void remove_selected(HWND window)
 {
     LRESULT index = SendDlgItemMessageW(window, MANAGER_IDENTITIES, LB_GETCURSEL, 0, 0);
     if (index == LB_ERR || static_cast<size_t>(index) >= shown.size()) {
-        MessageBoxW(window, L"Select an identity to remove.", BOX_CAPTION, MB_OK | MB_ICONINFORMATION);
+        MessageBoxW(window, L"Select an identity to remove.", MANAGER_BOX_CAPTION, MB_OK | MB_ICONINFORMATION);
         return;
     }
     show_failure(window, manager_remove_identity(shown[static_cast<size_t>(index)]));
@@ -178,7 +174,7 @@ void change_passphrase(HWND window)
     show_failure(window, outcome);
     if (outcome.done) {
         keep_auto_lock(window);
-        MessageBoxW(window, L"The agent passphrase is changed.", BOX_CAPTION, MB_OK | MB_ICONINFORMATION);
+        MessageBoxW(window, L"The agent passphrase is changed.", MANAGER_BOX_CAPTION, MB_OK | MB_ICONINFORMATION);
     }
 }
 
@@ -187,7 +183,7 @@ void reset(HWND window)
     int answer = MessageBoxW(window,
                              L"Destroy every key the agent keeps and its passphrase? The agent stops; the "
                              L"next start asks for a new passphrase.",
-                             BOX_CAPTION, MB_YESNO | MB_ICONWARNING | MB_DEFBUTTON2);
+                             MANAGER_BOX_CAPTION, MB_YESNO | MB_ICONWARNING | MB_DEFBUTTON2);
     if (answer == IDYES)
         show_failure(window, manager_reset());
 }
@@ -288,7 +284,7 @@ int run_manager_window()
     drop_own_console();
     HMODULE resources = resource_library_load();
     if (!resources) {
-        MessageBoxW(nullptr, L"tagent.dll is missing beside tagent.exe.", BOX_CAPTION, MB_OK | MB_ICONERROR);
+        MessageBoxW(nullptr, L"tagent.dll is missing beside tagent.exe.", MANAGER_BOX_CAPTION, MB_OK | MB_ICONERROR);
         return TAGENT_UNREACHABLE;
     }
     manager_settings_open();

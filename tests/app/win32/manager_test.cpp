@@ -15,14 +15,13 @@
 #include "agent/settings.h"
 #include "app/program_texts.h"
 #include "app/win32/agent_client_access.h"
+#include "app/win32/manager_window.h"
 #include "app/win32/resource_texts.h"
 #include "app/win32/resources/manager_dialog.h"
 #include "win32/dialog_driver.h"
 #include "win32/windows_agent.h"
 
 namespace {
-
-constexpr wchar_t BOX_CAPTION[] = L"Tarnwell Key Agent Manager";
 
 // tagent.exe started by the test: without arguments the manager window,
 // else a command whose standard output is returned.
@@ -181,7 +180,7 @@ TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
     // A failure is shown with tagent's own line.
     type_into(manager.window(), MANAGER_KEY_FILE, utf8_to_wide(agent.path("missing.pem")));
     manager.click_later(MANAGER_ADD);
-    HWND failure = wait_for_dialog(BOX_CAPTION);
+    HWND failure = wait_for_dialog(MANAGER_BOX_CAPTION);
     ASSERT_NE(failure, nullptr);
     EXPECT_NE(static_texts(failure).find(L"cannot read a private key from "), std::wstring::npos);
     press(failure, IDOK);
@@ -199,7 +198,7 @@ TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
     std::string store = read_file_text(agent.path("tAgentKeys"));
     manager.click_later(MANAGER_CHANGE_PASSPHRASE);
     answer_dialog(L"Change Agent Passphrase", {{CHANGE_OLD, L"old"}, {CHANGE_NEW, L"new"}, {CHANGE_REPEAT, L"new"}});
-    HWND done = wait_for_dialog(BOX_CAPTION);
+    HWND done = wait_for_dialog(MANAGER_BOX_CAPTION);
     ASSERT_NE(done, nullptr);
     press(done, IDOK);
     EXPECT_NE(read_file_text(agent.path("tAgentKeys")), store);
@@ -217,7 +216,7 @@ TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
     // Reset, confirmed: the agent destroys its data and stops, and closes
     // the manager on its way out.
     manager.click_later(MANAGER_RESET);
-    HWND confirm = wait_for_dialog(BOX_CAPTION);
+    HWND confirm = wait_for_dialog(MANAGER_BOX_CAPTION);
     ASSERT_NE(confirm, nullptr);
     press(confirm, IDYES);
     EXPECT_TRUE(manager.ended_within(20000));
