@@ -219,7 +219,8 @@ int cmd_set(const TagentContext &c, const std::vector<std::string> &args)
     if (!equals_ignore_case(args[2].c_str(), "yes") && !equals_ignore_case(args[2].c_str(), "no"))
         return tagent_usage_error("the value is yes or no");
     int64_t changed = 0;
-    int status = tagent_window_message(c, setting->second, 0, equals_ignore_case(args[2].c_str(), "yes") ? 1 : 0, "", &changed);
+    uint64_t value = equals_ignore_case(args[2].c_str(), "yes") ? 1 : 0;
+    int status = tagent_window_message(c, setting->second, 0, value, "", &changed);
     if (status == TAGENT_DONE)
         printf("%s %s\n", args[1].c_str(), changed ? "changed" : "unchanged");
     return status;

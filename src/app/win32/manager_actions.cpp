@@ -157,8 +157,9 @@ ManagerOutcome manager_change_passphrase(const SecretString &old_passphrase, con
 ManagerOutcome manager_set(uint32_t message, bool value)
 {
     int64_t changed = 0;
-    return run([&](const TagentContext &c) { return tagent_window_message(c, message, 0, value ? 1 : 0, "", &changed); },
-               "The setting was not changed.");
+    return run(
+        [&](const TagentContext &c) { return tagent_window_message(c, message, 0, value ? 1 : 0, "", &changed); },
+        "The setting was not changed.");
 }
 
 ManagerOutcome manager_reset() { return run_args({"reset", "--yes"}, "The agent data was not reset."); }

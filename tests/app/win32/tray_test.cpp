@@ -150,7 +150,8 @@ NOTIFYICONDATAW icon_record(UINT flags, int icon)
     if (flags & NIF_TIP)
         lstrcpynW(record.szTip, resource_text(TEXT_APPLICATION_TITLE).c_str(), ARRAYSIZE(record.szTip));
     if (icon)
-        record.hIcon = static_cast<HICON>(LoadImageW(resource_library(), MAKEINTRESOURCEW(icon), IMAGE_ICON, 16, 16, 0));
+        record.hIcon =
+            static_cast<HICON>(LoadImageW(resource_library(), MAKEINTRESOURCEW(icon), IMAGE_ICON, 16, 16, 0));
     return record;
 }
 
