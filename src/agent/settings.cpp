@@ -216,7 +216,9 @@ const char *settings_file_state_text(SettingsFileState state)
 
 bool settings_digest_reads_back(const uint8_t digest[AGENT_DIGEST_LENGTH]) { return !is_space(digest[0]); }
 
-void write_agent_settings()
+void write_agent_settings() { write_agent_settings_file(agent_settings()); }
+
+void write_agent_settings_file(const AgentSettings &settings)
 {
     std::string path = agent_data_path(AGENT_SETTINGS_FILE);
     if (path.empty())
@@ -227,7 +229,7 @@ void write_agent_settings()
     FILE *file = fopen(fresh.c_str(), "w+b");
     if (!file)
         return;
-    SecureBytes data = format_agent_settings(agent_settings());
+    SecureBytes data = format_agent_settings(settings);
     bool written = fwrite(data.data(), 1, data.size(), file) == data.size();
     written = fclose(file) == 0 && written;
     if (!written || !platform_complete_file(fresh) || !platform_replace_file(fresh, path))

@@ -56,6 +56,8 @@ bool settings_digest_reads_back(const uint8_t digest[AGENT_DIGEST_LENGTH]);
 // Writes the process-wide block to the file, whole. Nothing is reported when
 // the file cannot be written.
 void write_agent_settings();
+// The same for another block (the manager program's, which keeps its own).
+void write_agent_settings_file(const AgentSettings &settings);
 
 // The file's contents read by position: each line counts only where it is
 // expected, so a line out of place leaves its setting at the default.

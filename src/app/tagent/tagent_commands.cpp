@@ -82,6 +82,58 @@ std::optional<SecretString> tagent_secret(const std::vector<std::string> &args, 
     return answer;
 }
 
+int tagent_window_message(const TagentContext &c, uint32_t message, uint64_t wparam, uint64_t lparam,
+                          const std::string &data, int64_t *result)
+{
+    ControlRequest request;
+    request.message = message;
+    request.wparam = wparam;
+    request.lparam = lparam;
+    request.data = data;
+    if (!control_call(c.control_socket, request, result))
+        return tagent_unreachable(c.control_socket);
+    return TAGENT_DONE;
+}
+
+int tagent_unlock_with(const TagentContext &c, const SecretString &passphrase)
+{
+    AgentConnection agent(c.agent_socket);
+    Buffer body, reply;
+    buffer_put_char(&body, SSH_AGENTC_UNLOCK);
+    buffer_put_string(&body, passphrase.data(), static_cast<uint32_t>(passphrase.size()));
+    bool answered = agent.connected() && agent.call(body, &reply);
+    buffer_clear_wipe(&body);
+    if (!answered)
+        return tagent_unreachable(c.agent_socket);
+    uint8_t code = buffer_get_char(&reply);
+    if (code == SSH_AGENT_SUCCESS || code == SSH_AGENT_SUCCESS_V2)
+        return TAGENT_DONE;
+    fprintf(stderr, "tagent: wrong passphrase: the agent stays locked\n");
+    return TAGENT_REFUSED;
+}
+
+int tagent_change_passphrase(const TagentContext &c, const SecretString &old_passphrase,
+                             const SecretString &new_passphrase, bool empty)
+{
+    if (old_passphrase.size() > 255 || new_passphrase.size() > 255)
+        return tagent_usage_error("passphrases are at most 255 characters");
+    // The copy-data record: old text at 0, new text at 256, flag at 512.
+    std::string record(CHANGE_PASSPHRASE_RECORD_SIZE, '\0');
+    memcpy(record.data(), old_passphrase.data(), old_passphrase.size());
+    memcpy(record.data() + 256, new_passphrase.data(), new_passphrase.size());
+    record[512] = empty || new_passphrase.empty() ? 1 : 0;
+    int64_t changed = 0;
+    int status = tagent_window_message(c, WM_COPYDATA_MESSAGE, COPYDATA_CHANGE_PASSPHRASE, 0, record, &changed);
+    wipe_memory(record.data(), record.size());
+    if (status != TAGENT_DONE)
+        return status;
+    if (!changed) {
+        fprintf(stderr, "tagent: wrong passphrase: the agent passphrase is unchanged\n");
+        return TAGENT_REFUSED;
+    }
+    return TAGENT_DONE;
+}
+
 namespace {
 
 // The passphrase of --passphrase-file F (or `option`), else asked for.
@@ -103,19 +155,6 @@ int simple_request(const TagentContext &c, const Buffer &body, const char *refus
         return TAGENT_DONE;
     fprintf(stderr, "tagent: %s\n", refused);
     return TAGENT_REFUSED;
-}
-
-int control(const TagentContext &c, uint32_t message, uint64_t wparam, uint64_t lparam, const std::string &data,
-            int64_t *result)
-{
-    ControlRequest request;
-    request.message = message;
-    request.wparam = wparam;
-    request.lparam = lparam;
-    request.data = data;
-    if (!control_call(c.control_socket, request, result))
-        return tagent_unreachable(c.control_socket);
-    return TAGENT_DONE;
 }
 
 int cmd_status(const TagentContext &c, const std::vector<std::string> &)
@@ -153,12 +192,7 @@ int cmd_unlock(const TagentContext &c, const std::vector<std::string> &args)
     auto passphrase = passphrase_from(args, "--passphrase-file", TEXT_UNLOCK_DESCRIPTION);
     if (!passphrase)
         return TAGENT_REFUSED;
-    Buffer body;
-    buffer_put_char(&body, SSH_AGENTC_UNLOCK);
-    buffer_put_string(&body, passphrase->data(), static_cast<uint32_t>(passphrase->size()));
-    int status = simple_request(c, body, "wrong passphrase: the agent stays locked");
-    buffer_clear_wipe(&body);
-    return status;
+    return tagent_unlock_with(c, *passphrase);
 }
 
 int cmd_remove(const TagentContext &c, const std::vector<std::string> &args)
@@ -189,7 +223,8 @@ int cmd_set(const TagentContext &c, const std::vector<std::string> &args)
     if (!equals_ignore_case(args[2].c_str(), "yes") && !equals_ignore_case(args[2].c_str(), "no"))
         return tagent_usage_error("the value is yes or no");
     int64_t changed = 0;
-    int status = control(c, setting->second, 0, equals_ignore_case(args[2].c_str(), "yes") ? 1 : 0, "", &changed);
+    uint64_t value = equals_ignore_case(args[2].c_str(), "yes") ? 1 : 0;
+    int status = tagent_window_message(c, setting->second, 0, value, "", &changed);
     if (status == TAGENT_DONE)
         printf("%s %s\n", args[1].c_str(), changed ? "changed" : "unchanged");
     return status;
@@ -215,23 +250,7 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
     }
     if (!new_passphrase)
         return TAGENT_REFUSED;
-    if (old_passphrase->size() > 255 || new_passphrase->size() > 255)
-        return tagent_usage_error("passphrases are at most 255 characters");
-    // The copy-data record: old text at 0, new text at 256, flag at 512.
-    std::string record(CHANGE_PASSPHRASE_RECORD_SIZE, '\0');
-    memcpy(record.data(), old_passphrase->data(), old_passphrase->size());
-    memcpy(record.data() + 256, new_passphrase->data(), new_passphrase->size());
-    record[512] = empty || new_passphrase->empty() ? 1 : 0;
-    int64_t changed = 0;
-    int status = control(c, WM_COPYDATA_MESSAGE, COPYDATA_CHANGE_PASSPHRASE, 0, record, &changed);
-    wipe_memory(record.data(), record.size());
-    if (status != TAGENT_DONE)
-        return status;
-    if (!changed) {
-        fprintf(stderr, "tagent: wrong passphrase: the agent passphrase is unchanged\n");
-        return TAGENT_REFUSED;
-    }
-    return TAGENT_DONE;
+    return tagent_change_passphrase(c, *old_passphrase, *new_passphrase, empty);
 }
 
 int cmd_reset(const TagentContext &c, const std::vector<std::string> &args)
@@ -239,13 +258,13 @@ int cmd_reset(const TagentContext &c, const std::vector<std::string> &args)
     if (!tagent_flag(args, "--yes"))
         return tagent_usage_error("reset destroys every key and the passphrase; confirm with --yes");
     int64_t ignored = 0;
-    return control(c, WM_RESET_AGENT_DATA, 0, 0, "", &ignored);
+    return tagent_window_message(c, WM_RESET_AGENT_DATA, 0, 0, "", &ignored);
 }
 
 int cmd_stop(const TagentContext &c, const std::vector<std::string> &)
 {
     int64_t ignored = 0;
-    return control(c, WM_COMMAND_MESSAGE, MENU_EXIT, 0, "", &ignored);
+    return tagent_window_message(c, WM_COMMAND_MESSAGE, MENU_EXIT, 0, "", &ignored);
 }
 
 int cmd_watch(const TagentContext &c, const std::vector<std::string> &) { return tagent_watch(c.control_socket); }

@@ -152,21 +152,37 @@ std::optional<ListedIdentity> find_by_name(const TagentContext &c, const std::st
 
 }  // namespace
 
-int tagent_list(const TagentContext &c, const std::vector<std::string> &)
+std::optional<std::vector<IdentityRow>> tagent_identity_rows(const TagentContext &c)
 {
     auto listed = vendor_list(c);
     if (!listed)
-        return tagent_unreachable(c.agent_socket);
-    if (listed->empty())
-        printf("The agent has no identities.\n");
+        return std::nullopt;
+    std::vector<IdentityRow> rows;
     for (const auto &id : *listed) {
+        IdentityRow row{id.name, "", "", id.comment, id.blob};
         KeyPtr key = key_from_blob(id.blob.data(), static_cast<uint32_t>(id.blob.size()));
-        if (!key || key->type == KEY_UNSPEC) {
-            printf("%s  (unreadable key)  %s\n", id.name.c_str(), id.comment.c_str());
-            continue;
+        if (key && key->type != KEY_UNSPEC) {
+            row.type = std::string(key_type(key.get())) + " " + std::to_string(key_size(key.get()));
+            row.fingerprint = "SHA256:" + key_fingerprint(key.get(), SSH_FP_SHA256, SSH_FP_BASE64);
         }
-        printf("%s  %s %u  SHA256:%s  %s\n", id.name.c_str(), key_type(key.get()), key_size(key.get()),
-               key_fingerprint(key.get(), SSH_FP_SHA256, SSH_FP_BASE64).c_str(), id.comment.c_str());
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+int tagent_list(const TagentContext &c, const std::vector<std::string> &)
+{
+    auto rows = tagent_identity_rows(c);
+    if (!rows)
+        return tagent_unreachable(c.agent_socket);
+    if (rows->empty())
+        printf("The agent has no identities.\n");
+    for (const auto &row : *rows) {
+        if (row.type.empty())
+            printf("%s  (unreadable key)  %s\n", row.name.c_str(), row.comment.c_str());
+        else
+            printf("%s  %s  %s  %s\n", row.name.c_str(), row.type.c_str(), row.fingerprint.c_str(),
+                   row.comment.c_str());
     }
     return TAGENT_DONE;
 }
@@ -243,14 +259,20 @@ int tagent_remove(const TagentContext &c, const std::vector<std::string> &args)
         blob = found->blob;
         len = static_cast<uint32_t>(blob.size());
     }
+    blob.resize(len);
+    return tagent_remove_identity(c, blob, *target);
+}
+
+int tagent_remove_identity(const TagentContext &c, const SecureBytes &blob, const std::string &what)
+{
     AgentConnection agent(c.agent_socket);
     Buffer body, reply;
     buffer_put_char(&body, SSH2_AGENTC_REMOVE_IDENTITY);
-    buffer_put_string(&body, blob.data(), len);
+    buffer_put_string(&body, blob.data(), static_cast<uint32_t>(blob.size()));
     if (!agent.connected() || !agent.call(body, &reply))
         return tagent_unreachable(c.agent_socket);
     if (buffer_get_char(&reply) != SSH_AGENT_SUCCESS) {
-        fprintf(stderr, "tagent: the agent did not remove %s\n", target->c_str());
+        fprintf(stderr, "tagent: the agent did not remove %s\n", what.c_str());
         return TAGENT_REFUSED;
     }
     return TAGENT_DONE;

@@ -50,7 +50,7 @@ bool read_exact(HANDLE pipe, uint8_t *data, size_t size)
 
 HWND agent_window_when_ready(const std::string &program_folder, HWND caller, const AgentClientLimits &limits)
 {
-    if (!find_agent_window() && !launch_agent(program_folder, caller))
+    if (!find_agent_window() && (!limits.start_agent || !launch_agent(program_folder, caller)))
         return nullptr;
     ULONGLONG deadline = GetTickCount64() + limits.ready_wait_ms;
     do {

@@ -14,11 +14,12 @@ struct AgentClientLimits {
     DWORD ready_wait_ms = 30000;  // for the agent's window and its 1035 answer
     int open_attempts = 50;       // pipe missing or busy
     DWORD open_retry_ms = 100;
+    bool start_agent = true;  // start tkeyagent.exe when none runs
 };
 
 // The running agent's window once it answers ready. When none runs,
 // tkeyagent.exe is started from `program_folder` with `caller` (the caller's
-// window handle, or 0) as its command line. Null when no agent became ready
+// window handle, or 0) as its command line, unless the limits say not to. Null when no agent became ready
 // in time.
 HWND agent_window_when_ready(const std::string &program_folder, HWND caller, const AgentClientLimits &limits = {});
 

@@ -26,6 +26,11 @@ LRESULT CALLBACK agent_window_procedure(HWND window, UINT message, WPARAM wparam
     // Posted by the core from any thread; the tray is redrawn here, on the
     // window's thread.
     case WM_REDRAW_TRAY_ICON: tray_icon_redraw(); return 0;
+    case WM_TRAY_NOTIFICATION: tray_icon_notification(static_cast<uint32_t>(lparam)); return 0;
+    case WM_COMMAND:
+        if (tray_menu_command(LOWORD(wparam)))
+            return 0;
+        return static_cast<LRESULT>(agent_window_message(message, wparam, static_cast<uint64_t>(lparam), {}));
     case WM_CLOSE:
         agent_window_message(message, wparam, static_cast<uint64_t>(lparam), {});
         DestroyWindow(window);
@@ -34,8 +39,6 @@ LRESULT CALLBACK agent_window_procedure(HWND window, UINT message, WPARAM wparam
         tray_icon_remove();
         return agent_window_message(message, wparam, static_cast<uint64_t>(lparam), {});
     case WM_CREATE:
-    case WM_COMMAND:
-    case WM_TRAY_NOTIFICATION:
     case WM_RESET_AGENT_DATA:
     case WM_SET_CONFIRM_KEY_OP:
     case WM_SET_ALLOW_ADD:

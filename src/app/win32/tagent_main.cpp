@@ -1,11 +1,13 @@
 // tagent.exe with arguments: the command-line client of the agent, the same
-// commands as on POSIX, over the agent's pipe and window messages.
+// commands as on POSIX, over the agent's pipe and window messages. Without
+// arguments: the manager window.
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "app/tagent/tagent_commands.h"
+#include "app/win32/manager_window.h"
 
 int main(int argc, char **argv)
 {
@@ -17,10 +19,8 @@ int main(int argc, char **argv)
         }
         args.emplace_back(argv[i]);
     }
-    if (args.empty()) {
-        fputs(tagent_usage().c_str(), stderr);
-        return TAGENT_UNREACHABLE;
-    }
+    if (args.empty())
+        return run_manager_window();
     // The agent is found by its window; these name it in messages.
     TagentContext context;
     context.agent_socket = "the Tarnwell Key Agent window";

@@ -9,6 +9,7 @@
 
 #include "app/tagent/tagent_commands.h"
 #include "app/win32/agent_client_access.h"
+#include "app/win32/tagent_shell_win32.h"
 #include "app/win32/agent_folders.h"
 #include "app/win32/agent_window.h"
 #include "app/win32/dialogs.h"
@@ -24,15 +25,27 @@ struct AgentConnection::Channel {
 const TagentUsageTexts TAGENT_USAGE_TEXTS = {
     "usage: tagent COMMAND",
     "Talks to the user's Tarnwell Key Agent, found by its window and started\n"
-    "when none runs.",
+    "when none runs. Without a command it opens the manager window.",
     "in a dialog",
     "the user's \"MY\" certificate store",
 };
 
+namespace {
+
+AgentClientLimits connection_limits;
+
+}  // namespace
+
+void tagent_connect_to_running_agent_only()
+{
+    connection_limits.start_agent = false;
+    connection_limits.ready_wait_ms = 0;
+}
+
 // The agent is started when none runs, as every client of it does.
 AgentConnection::AgentConnection(const std::string &) : channel_(std::make_unique<Channel>())
 {
-    if (HWND agent = agent_window_when_ready(platform_executable_dir(), GetConsoleWindow()))
+    if (HWND agent = agent_window_when_ready(platform_executable_dir(), GetConsoleWindow(), connection_limits))
         channel_->pipe = agent_pipe_open(agent);
 }
 

@@ -89,8 +89,10 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int)
 
     system_cert_provider_install();
     windows_services_attach(GetCurrentThreadId(), window);
+    tray_icon_attach(window);
     AgentShellSteps steps;
     steps.initialise_passphrase = initialise_passphrase;
+    steps.show_tray = tray_icon_add;
     steps.run_loop = serve_until_stopped;
     steps.hide_tray = hide_shell_windows;
     steps.close_connections = close_client_connections;

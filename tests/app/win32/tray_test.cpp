@@ -1,0 +1,336 @@
+// The tray icon and its menu under Wine. A stand-in notification area (a
+// window of class "Shell_TrayWnd" that answers WM_COPYDATA) records what
+// the agent asks of the shell; the expected records are made by asking the
+// same shell call here with the expected values, so that the comparison
+// does not depend on how Wine packs them.
+#include <windows.h>
+#include <shellapi.h>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "agent/protocol.h"
+#include "app/program_texts.h"
+#include "app/win32/agent_client_access.h"
+#include "app/win32/resource_texts.h"
+#include "app/win32/tray_icon.h"
+#include "app/win32/tray_menu.h"
+#include "app/window_messages.h"
+#include "win32/dialog_driver.h"
+#include "win32/tray_driver.h"
+#include "win32/windows_agent.h"
+
+namespace {
+
+struct ShellRecord {
+    DWORD action;  // NIM_ADD, NIM_MODIFY, NIM_DELETE
+    std::string data;
+};
+
+// The notification area's stand-in, on a thread of its own.
+class StandInTray {
+public:
+    StandInTray() : thread_([this] { run(); })
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return window_ != nullptr || failed_; });
+    }
+    ~StandInTray()
+    {
+        PostMessageW(window_, WM_CLOSE, 0, 0);
+        thread_.join();
+    }
+
+    // The next record of the shell call for `owner`, waiting at most 20 s.
+    std::optional<ShellRecord> next(HWND owner)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        auto of_owner = [&] {
+            for (size_t i = 0; i < records_.size(); ++i)
+                if (owner_of(records_[i]) == owner)
+                    return static_cast<ptrdiff_t>(i);
+            return static_cast<ptrdiff_t>(-1);
+        };
+        if (!changed_.wait_for(lock, std::chrono::seconds(20), [&] { return of_owner() >= 0; }))
+            return std::nullopt;
+        ptrdiff_t at = of_owner();
+        ShellRecord record = records_[static_cast<size_t>(at)];
+        records_.erase(records_.begin() + at);
+        return record;
+    }
+
+    // Waits for `owner`'s record of `action` that matches `expected`,
+    // passing over the others (lock and unlock redraw more than once).
+    bool sees(HWND owner, DWORD action, const std::string &expected)
+    {
+        while (auto record = next(owner))
+            if (record->action == action && record->data.substr(sizeof(LONG)) == expected)
+                return true;
+        return false;
+    }
+
+    // What the shell call makes of `record`, without its owner (asked here
+    // for a made-up owner, and taken back out).
+    std::string expected(DWORD action, NOTIFYICONDATAW record)
+    {
+        record.hWnd = reinterpret_cast<HWND>(static_cast<intptr_t>(0x7e57));
+        EXPECT_TRUE(Shell_NotifyIconW(action, &record));
+        if (record.hIcon)
+            DestroyIcon(record.hIcon);
+        auto made = next(record.hWnd);
+        return made ? made->data.substr(sizeof(LONG)) : "";
+    }
+
+private:
+    static HWND owner_of(const ShellRecord &record)
+    {
+        LONG handle = 0;
+        if (record.data.size() >= sizeof handle)
+            memcpy(&handle, record.data.data(), sizeof handle);
+        return reinterpret_cast<HWND>(static_cast<intptr_t>(handle));
+    }
+
+    static LRESULT CALLBACK procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
+    {
+        auto *self = reinterpret_cast<StandInTray *>(GetWindowLongPtrW(window, GWLP_USERDATA));
+        if (message == WM_COPYDATA && self) {
+            auto *copy = reinterpret_cast<const COPYDATASTRUCT *>(lparam);
+            std::lock_guard<std::mutex> lock(self->mutex_);
+            self->records_.push_back({static_cast<DWORD>(copy->dwData),
+                                      std::string(static_cast<const char *>(copy->lpData), copy->cbData)});
+            self->changed_.notify_all();
+            return TRUE;
+        }
+        if (message == WM_CLOSE) {
+            DestroyWindow(window);
+            PostQuitMessage(0);
+            return 0;
+        }
+        return DefWindowProcW(window, message, wparam, lparam);
+    }
+
+    void run()
+    {
+        WNDCLASSW tray_class = {};
+        tray_class.lpfnWndProc = procedure;
+        tray_class.lpszClassName = L"Shell_TrayWnd";
+        RegisterClassW(&tray_class);
+        HWND window = CreateWindowExW(0, L"Shell_TrayWnd", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+        SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            window_ = window;
+            failed_ = window == nullptr;
+            changed_.notify_all();
+        }
+        MSG message;
+        while (window && GetMessageW(&message, nullptr, 0, 0) > 0)
+            DispatchMessageW(&message);
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<ShellRecord> records_;
+    HWND window_ = nullptr;
+    bool failed_ = false;
+    std::thread thread_;
+};
+
+NOTIFYICONDATAW icon_record(UINT flags, int icon)
+{
+    NOTIFYICONDATAW record = {};
+    record.cbSize = sizeof record;
+    record.uID = TRAY_ICON_ID;
+    record.uFlags = flags;
+    record.uCallbackMessage = WM_TRAY_NOTIFICATION;
+    if (flags & NIF_TIP)
+        lstrcpynW(record.szTip, resource_text(TEXT_APPLICATION_TITLE).c_str(), ARRAYSIZE(record.szTip));
+    if (icon)
+        record.hIcon =
+            static_cast<HICON>(LoadImageW(resource_library(), MAKEINTRESOURCEW(icon), IMAGE_ICON, 16, 16, 0));
+    return record;
+}
+
+bool agent_locked(HWND agent)
+{
+    WinHandle pipe = agent_pipe_open(agent);
+    Buffer body, reply;
+    buffer_put_char(&body, SSH_AGENT_ZEM_ISLOCKED);
+    return agent_pipe_request(pipe.get(), body, SSH_AGENT_ZEM_LOCKED, &reply);
+}
+
+void post_command(HWND agent, uint32_t command) { PostMessageW(agent, WM_COMMAND, command, 0); }
+
+// The manager window's process, once its window is up.
+WinHandle manager_process()
+{
+    HWND manager = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
+    DWORD id = 0;
+    if (manager)
+        GetWindowThreadProcessId(manager, &id);
+    return WinHandle(id ? OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, id) : nullptr);
+}
+
+bool ends_within(const WinHandle &process, DWORD ms) { return WaitForSingleObject(process.get(), ms) == WAIT_OBJECT_0; }
+
+}  // namespace
+
+TEST(TrayMenu, ItemsFollowTheLockState)
+{
+    for (bool locked : {true, false}) {
+        SCOPED_TRACE(locked ? "locked" : "unlocked");
+        HMENU menu = tray_menu_build(locked);
+        ASSERT_NE(menu, nullptr);
+        struct Expected {
+            uint32_t command;
+            int text;
+            bool enabled;
+        };
+        const Expected items[] = {{MENU_OPEN_MANAGER, TEXT_MENU_MANAGER, true},
+                                  {MENU_LOCK, TEXT_MENU_LOCK, !locked},
+                                  {MENU_UNLOCK, TEXT_MENU_UNLOCK, locked},
+                                  {MENU_HELP, TEXT_MENU_HELP, true},
+                                  {MENU_EXIT, TEXT_MENU_EXIT, true}};
+        ASSERT_EQ(GetMenuItemCount(menu), 5);
+        for (int position = 0; position < 5; ++position) {
+            const Expected &expected = items[position];
+            EXPECT_EQ(GetMenuItemID(menu, position), expected.command);
+            UINT state = GetMenuState(menu, static_cast<UINT>(position), MF_BYPOSITION);
+            EXPECT_EQ((state & MF_GRAYED) == 0, expected.enabled) << expected.command;
+            wchar_t text[128] = L"";
+            GetMenuStringW(menu, static_cast<UINT>(position), text, 128, MF_BYPOSITION);
+            EXPECT_EQ(std::wstring(text), resource_text(expected.text));
+        }
+        EXPECT_EQ(GetMenuDefaultItem(menu, FALSE, 0), MENU_OPEN_MANAGER);
+        DestroyMenu(menu);
+    }
+}
+
+// Add at start, the locked and unlocked pictures, the unlock dialog with a
+// wrong and a right passphrase, the clicks that open and close the manager,
+// and the exit command that closes both and removes the icon.
+TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
+{
+    resource_library_load();
+    StandInTray tray;
+    const std::string add_locked = tray.expected(NIM_ADD, icon_record(NIF_MESSAGE | NIF_ICON | NIF_TIP, ICON_LOCKED));
+    const std::string locked_picture = tray.expected(NIM_MODIFY, icon_record(NIF_ICON, ICON_LOCKED));
+    const std::string unlocked_picture = tray.expected(NIM_MODIFY, icon_record(NIF_ICON, ICON_UNLOCKED));
+    const std::string removed = tray.expected(NIM_DELETE, icon_record(0, 0));
+    ASSERT_NE(locked_picture, unlocked_picture);
+    WindowsAgent agent;
+    agent.seed_passphrase("secret");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+
+    EXPECT_TRUE(tray.sees(window, NIM_ADD, add_locked))
+        << "identifier 15000, message 1025, the title as tip and the locked picture";
+
+    // A wrong passphrase is reported by message 123; the agent stays locked.
+    post_command(window, MENU_UNLOCK);
+    HWND dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
+    ASSERT_NE(dialog, nullptr);
+    type_into(dialog, 126, L"wrong");
+    press(dialog, IDOK);
+    HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
+    ASSERT_NE(box, nullptr);
+    EXPECT_NE(static_texts(box).find(resource_text(TEXT_UNLOCK_FAILED)), std::wstring::npos);
+    press(box, IDOK);
+    EXPECT_TRUE(tray.sees(window, NIM_MODIFY, locked_picture));
+    EXPECT_TRUE(agent_locked(window));
+
+    post_command(window, MENU_UNLOCK);
+    dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
+    ASSERT_NE(dialog, nullptr);
+    type_into(dialog, 126, L"secret");
+    press(dialog, IDOK);
+    EXPECT_TRUE(tray.sees(window, NIM_MODIFY, unlocked_picture));
+    EXPECT_FALSE(agent_locked(window));
+
+    post_command(window, MENU_LOCK);
+    EXPECT_TRUE(tray.sees(window, NIM_MODIFY, locked_picture));
+    EXPECT_TRUE(agent_locked(window));
+
+    // A double click opens the manager, and its first click's timer does
+    // not close it.
+    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDOWN);
+    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDBLCLK);
+    WinHandle manager = manager_process();
+    ASSERT_TRUE(manager);
+    EXPECT_FALSE(ends_within(manager, 3 * GetDoubleClickTime())) << "the double click closed the manager";
+    // A single click closes it once the double-click time is over.
+    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDOWN);
+    EXPECT_TRUE(ends_within(manager, 20000));
+
+    // Exit closes the manager and stops the agent, which removes its icon.
+    ASSERT_NE(open_manager(window), nullptr);
+    manager = manager_process();
+    ASSERT_TRUE(manager);
+    post_command(window, MENU_EXIT);
+    EXPECT_TRUE(ends_within(manager, 20000));
+    EXPECT_EQ(agent.close(), 0);
+    EXPECT_TRUE(tray.sees(window, NIM_DELETE, removed)) << "the icon was not removed";
+    if (!ends_within(manager, 0))
+        TerminateProcess(manager.get(), 1);
+}
+
+// With AttemptEmpty on and the empty passphrase valid, unlock asks nothing:
+// the command returns while no dialog is open.
+TEST(TrayIcon, UnlockTriesTheEmptyPassphraseFirst)
+{
+    WindowsAgent agent;
+    agent.seed_passphrase("");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    DWORD_PTR result = 0;
+    ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_LOCK, 0, SMTO_NORMAL, 20000, &result));
+    EXPECT_TRUE(agent_locked(window));
+    ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_UNLOCK, 0, SMTO_NORMAL, 20000, &result))
+        << "the unlock waited for a dialog";
+    EXPECT_FALSE(agent_locked(window));
+}
+
+// Chooses the item at `position` of the real popup with the keyboard:
+// another process cannot read a menu's items, but it can choose them
+// (which items are grayed is checked on the menu the same builder makes,
+// above). The command is posted
+// to the agent, so its effect is awaited by the caller.
+void choose(HWND agent, int position)
+{
+    HWND popup = open_tray_menu(agent);
+    ASSERT_NE(popup, nullptr) << "no menu opened";
+    for (int i = 0; i <= position; ++i)
+        PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
+    PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
+    for (int attempt = 0; attempt < 200 && IsWindowVisible(popup); ++attempt)
+        Sleep(50);
+    EXPECT_FALSE(IsWindowVisible(popup)) << "the menu stayed open";
+}
+
+bool lock_state_becomes(HWND agent, bool locked)
+{
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        if (agent_locked(agent) == locked)
+            return true;
+        Sleep(50);
+    }
+    return false;
+}
+
+TEST(TrayIcon, RightClickMenuLocksAndUnlocks)
+{
+    WindowsAgent agent;
+    agent.seed_passphrase("");  // AttemptEmpty: unlock needs no dialog
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    ASSERT_FALSE(agent_locked(window));
+
+    choose(window, 1);  // lock
+    EXPECT_TRUE(lock_state_becomes(window, true));
+    choose(window, 2);  // unlock
+    EXPECT_TRUE(lock_state_becomes(window, false));
+}
