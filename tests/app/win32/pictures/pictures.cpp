@@ -24,6 +24,7 @@
 #include "app/win32/dialogs.h"
 #include "app/win32/resource_texts.h"
 #include "win32/dialog_driver.h"
+#include "win32/tray_driver.h"
 #include "win32/windows_agent.h"
 
 // The top-level window of `window_class`, visible, waiting at most 10 s;
@@ -134,6 +135,26 @@ TEST_F(Pictures, ConfirmationBox)
 {
     picture_of_modal(
         "confirm-key-operation", resource_text(TEXT_APPLICATION_TITLE), [] { confirm_key_operation("work key"); }, {}, IDNO);
+}
+
+// The icon unlocked and locked, the menu at the icon, and the manager window
+// that the menu's first command opens.
+TEST_F(Pictures, TrayIconMenuAndManager)
+{
+    WindowsAgent agent;
+    agent.seed_passphrase("");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    EXPECT_TRUE(take_picture("tray-unlocked", notification_area()));
+    SendMessageW(window, WM_COMMAND, MENU_LOCK, 0);
+    Sleep(500);  // the icon is redrawn from a posted message
+    EXPECT_TRUE(take_picture("tray-locked", notification_area()));
+    HWND menu = open_tray_menu(window);
+    EXPECT_TRUE(take_picture("tray-menu", menu));
+    PostMessageW(menu, WM_KEYDOWN, VK_ESCAPE, 0);
+    HWND manager = open_manager(window);
+    EXPECT_TRUE(take_picture("manager", manager));
+    EXPECT_EQ(agent.close(), 0);
 }
 
 }  // namespace
