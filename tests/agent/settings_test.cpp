@@ -3,6 +3,9 @@
 #include <openssl/evp.h>
 
 #include "log/agent_log.h"
+#include "keys/secure_file.h"
+#include "pki/cert_store.h"
+#include "platform/platform.h"
 #include "support/agent_state.h"
 
 namespace {
@@ -116,4 +119,22 @@ TEST_F(Settings, SettersRewriteOnlyOnChange)
     EXPECT_EQ(set_create_log(0), 1);
     EXPECT_FALSE(agent_log_file().enabled);
     agent_log_file() = saved;
+}
+
+// The certificate store lives in the data folder; without one there is none,
+// and files are read only from a real path.
+TEST_F(Settings, DataFolderPlacesTheCertificateStore)
+{
+    EXPECT_EQ(cert_store_folder(), platform_join_path(folder_.string(), CERT_STORE_FOLDER));
+    agent_data_folder_set("");
+    EXPECT_EQ(cert_store_folder(), "");
+    bool ok = true;
+    EXPECT_TRUE(read_whole_file("", &ok).empty());
+    EXPECT_FALSE(ok);
+    ok = true;
+    read_whole_file(path("none"), &ok);
+    EXPECT_FALSE(ok);
+    write_file("some", "text");
+    EXPECT_EQ(read_whole_file(path("some"), &ok).size(), 4u);
+    EXPECT_TRUE(ok);
 }

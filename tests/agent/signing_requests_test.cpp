@@ -2,9 +2,11 @@
 
 #include <openssl/evp.h>
 
+#include "agent/forwarding_notice.h"
 #include "agent/handlers.h"
 #include "keys/key_blob.h"
 #include "pki/agent_enum.h"
+#include "support/agent_state.h"
 #include "support/dispatch_helper.h"
 #include "support/identity_fixture.h"
 #include "support/log_capture.h"
@@ -13,21 +15,13 @@ namespace {
 
 const Bytes data_to_sign = hex_bytes("0102030405060708090a0b0c0d0e0f10 1112131415161718");
 
-Bytes public_blob(const Key *key, const char *name = nullptr)
-{
-    SecureBytes blob;
-    uint32_t len = key_to_blob(key, &blob, nullptr, name ? name : key_blob_type_name(key));
-    return Bytes(blob.begin(), blob.begin() + len);
-}
-
 Bytes sign_request(uint8_t number, const Bytes &blob, uint32_t flags)
 {
-    Buffer body;
-    buffer_put_char(&body, number);
-    buffer_put_string(&body, blob.data(), static_cast<uint32_t>(blob.size()));
-    buffer_put_string(&body, data_to_sign.data(), static_cast<uint32_t>(data_to_sign.size()));
-    buffer_put_int(&body, flags);
-    return frame(buffer_bytes(body));
+    return request_of(number, [&](Buffer *b) {
+        put_bytes(b, blob);
+        put_bytes(b, data_to_sign);
+        buffer_put_int(b, flags);
+    });
 }
 
 struct Signature {
@@ -38,13 +32,11 @@ struct Signature {
 // The signature blob of a reply 14, or nothing.
 std::optional<Signature> signature_of(const Bytes &reply)
 {
-    Buffer b;
-    buffer_append(&b, reply.data(), static_cast<uint32_t>(reply.size()));
-    buffer_get_int(&b);
-    if (buffer_get_char(&b) != 14)
+    ReplyReader r(reply);
+    if (r.code != 14)
         return std::nullopt;
     uint32_t len = 0;
-    SecureBytes blob = buffer_get_string(&b, &len);
+    SecureBytes blob = buffer_get_string(&r.b, &len);
     Buffer sig;
     buffer_append(&sig, blob.data(), len);
     Signature s;
@@ -82,17 +74,16 @@ bool ecdsa_verifies(EVP_PKEY *key, const EVP_MD *md, const Bytes &inner)
     return ok;
 }
 
-struct Unlocked {
-    Unlocked() { agent_set_locked(false); identity_tables_init(); }
-    ~Unlocked() { agent_set_locked(true); identity_tables_init(); }
-};
+using SigningRequests = UnlockedAgentTest;
+
+bool confirm_answer = false;
+int confirm_asked = 0;
 
 }  // namespace
 
-TEST(SigningRequests, FlagsChooseTheRsaAlgorithmAndEverySignatureVerifies)
+TEST_F(SigningRequests, FlagsChooseTheRsaAlgorithmAndEverySignatureVerifies)
 {
     LogCapture log;
-    Unlocked unlocked;
     Identity *rsa = add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "id_RSA_2048");
     Bytes blob = public_blob(rsa->key.get());
     struct { uint32_t flags; const char *name; const EVP_MD *md; } cases[] = {
@@ -134,34 +125,28 @@ TEST(SigningRequests, FlagsChooseTheRsaAlgorithmAndEverySignatureVerifies)
     EXPECT_TRUE(log.contains("keyagent: Key sign request failed"));
 }
 
-TEST(SigningRequests, VersionTwoOperations)
+TEST_F(SigningRequests, VersionTwoOperations)
 {
-    Unlocked unlocked;
     Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
     Bytes blob = public_blob(ec->key.get());
     auto request = [&](const char *operation) {
-        Buffer body;
-        buffer_put_char(&body, 205);
-        buffer_put_cstring(&body, operation);
-        buffer_put_string(&body, blob.data(), static_cast<uint32_t>(blob.size()));
-        buffer_put_string(&body, data_to_sign.data(), static_cast<uint32_t>(data_to_sign.size()));
-        return frame(buffer_bytes(body));
+        return request_of(205, [&](Buffer *b) {
+            buffer_put_cstring(b, operation);
+            put_bytes(b, blob);
+            put_bytes(b, data_to_sign);
+        });
     };
     EXPECT_EQ(dispatch_bytes(request("decrypt")).reply, hex_bytes("00000002 66 08"));
 
-    Bytes reply = dispatch_bytes(request("ssh-hash-and-sign")).reply;
-    Buffer b;
-    buffer_append(&b, reply.data(), static_cast<uint32_t>(reply.size()));
-    buffer_get_int(&b);
-    ASSERT_EQ(buffer_get_char(&b), 105);
-    SecureBytes bare = buffer_get_string(&b);
+    ReplyReader reply(dispatch_bytes(request("ssh-hash-and-sign")).reply);
+    ASSERT_EQ(reply.code, 105);
+    SecureBytes bare = buffer_get_string(&reply.b);
     // The bare signature: the mpints r and s, nothing in front.
     EXPECT_TRUE(ecdsa_verifies(ec->key->pkey.get(), EVP_sha256(), Bytes(bare.begin(), bare.end())));
 }
 
-TEST(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
+TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
 {
-    Unlocked unlocked;
     Identity *cert = add_test_identity(make_test_certificate_key(), "cert", "c");
     KeyPtr plain = key_from_private(cert->key.get());
     plain->type = KEY_RSA;
@@ -177,5 +162,49 @@ TEST(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
 
     agent_enum_set(0x01);
     EXPECT_EQ(dispatch_bytes(sign_request(13, blob, 2)).reply, hex_bytes("00000001 05"));
-    agent_enum_set(0x13);
+}
+
+// With ConfirmKeyOp on, a forwarded request signs only when the user says
+// yes; local requests are never asked about.
+TEST_F(SigningRequests, ConfirmKeyOpAsksForRemoteRequestsOnly)
+{
+    LogCapture log;
+    ShellServices shell;
+    shell.confirm_key_operation = [](const char *) { return ++confirm_asked, confirm_answer; };
+    shell_services_set(shell);
+    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+    Bytes request = sign_request(13, public_blob(ec->key.get()), 0);
+    confirm_asked = 0;
+    for (auto [confirm, chain, answer, signs, asked] :
+         {std::tuple{0u, 1, false, true, 0}, {1u, 0, false, true, 0}, {1u, 1, false, false, 1}, {1u, 2, true, true, 1}}) {
+        set_confirm_key_op(confirm);
+        confirm_answer = answer;
+        int before = confirm_asked;
+        EXPECT_EQ(signature_of(dispatch_bytes(request, 1, chain).reply).has_value(), signs) << confirm << chain;
+        EXPECT_EQ(confirm_asked - before, asked) << confirm << chain;
+    }
+    EXPECT_TRUE(log.contains("keyagent: User rejected a request from a remote server to issue a signature"));
+}
+
+// The vendor sign request carries the signature types, the enumeration
+// mode and the owner window, which stay in force afterwards.
+TEST_F(SigningRequests, VendorSignRequestSetsItsFields)
+{
+    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+    Bytes request = request_of(160, [&](Buffer *b) {
+        put_bytes(b, public_blob(ec->key.get()));
+        put_bytes(b, data_to_sign);
+        buffer_put_int(b, 0);
+        buffer_put_int(b, 2);
+        buffer_put_int(b, 1);
+        buffer_put_int(b, 0x23);
+        buffer_put_int64(b, 0x1234);
+    });
+    auto sig = signature_of(dispatch_bytes(request).reply);
+    ASSERT_TRUE(sig);
+    EXPECT_TRUE(ecdsa_verifies(ec->key->pkey.get(), EVP_sha256(), sig->bytes));
+    EXPECT_EQ(get_x509rsa_sigtype(), 2);
+    EXPECT_EQ(get_x509dsa_sigtype(), 1);
+    EXPECT_EQ(agent_enum_get(), 0x23u);
+    EXPECT_EQ(agent_dialog_owner(), 0x1234u);
 }

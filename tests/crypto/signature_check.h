@@ -120,3 +120,44 @@ inline void rs_from_der(const Bytes &der, int width, Bytes *r, Bytes *s)
     BN_bn2binpad(ECDSA_SIG_get0_s(sig), s->data(), width);
     ECDSA_SIG_free(sig);
 }
+
+// A signature string in SSH form, made from OpenSSL's own signature.
+// `form`: "rsa" and "ed" as they are, "raw" (DSA r||s of 40 bytes) or
+// "mpint" (ECDSA: r, s as strings of `width` bytes).
+inline Bytes ssh_form(const Bytes &openssl_signature, const std::string &form, int width)
+{
+    if (form == "rsa" || form == "ed")
+        return openssl_signature;
+    Bytes r, s, out;
+    rs_from_der(openssl_signature, form == "raw" ? 20 : width, &r, &s);
+    if (form == "raw") {
+        r.insert(r.end(), s.begin(), s.end());
+        return r;
+    }
+    put_string(&out, r);
+    put_string(&out, s);
+    return out;
+}
+
+// OpenSSL alone checks a signature blob against the public key, whatever
+// layout the signature string has (see ssh_form).
+inline void expect_verifies(const SecureBytes &blob, EVP_PKEY *pub, const char *name, const char *md,
+                            const std::string &form, const Bytes &data)
+{
+    ParsedBlob parsed = parse_blob(blob);
+    EXPECT_EQ(parsed.name, name);
+    Bytes sig = parsed.sig;
+    if (form == "raw") {
+        ASSERT_EQ(sig.size(), 40u);
+        sig = der_from_rs(Bytes(sig.begin(), sig.begin() + 20), Bytes(sig.begin() + 20, sig.end()));
+    } else if (form == "mpint") {
+        size_t pos = 0;
+        Bytes r = take_string(parsed.sig, &pos), s = take_string(parsed.sig, &pos);
+        sig = der_from_rs(r, s);
+    } else if (form == "rsa") {
+        EXPECT_EQ(sig.size(), static_cast<size_t>(EVP_PKEY_get_size(pub)));
+    } else if (form == "ed") {
+        EXPECT_EQ(sig.size(), 64u);
+    }
+    EXPECT_TRUE(openssl_verifies(pub, md, sig, data)) << name << " " << (md ? md : "");
+}

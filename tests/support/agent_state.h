@@ -1,5 +1,7 @@
 // A private data folder and a clean process-wide agent state for each test:
-// default settings, no held passphrase, locked, no shell services, no registrations.
+// default settings, no held passphrase, locked, empty identity tables, the
+// initial enumeration mode and signature types, no FIPS requirement, the
+// library's own crypto table, no shell services, no registrations.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,10 +11,17 @@
 
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
+#include "agent/forwarding_notice.h"
 #include "agent/handlers.h"
+#include "agent/identity_table.h"
+#include "agent/key_store.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
 #include "agent/shell_services.h"
+#include "crypto/crypto_module.h"
+#include "crypto/signature_types.h"
+#include "pki/agent_enum.h"
+#include "support/fips_environment.h"
 #include "support/files.h"
 
 class AgentStateTest : public ::testing::Test {
@@ -47,5 +56,24 @@ private:
         agent_set_locked(true);
         shell_services_set(ShellServices{});
         refresh_registrations_clear();
+        identity_tables_init();
+        agent_enum_set(AGENT_ENUM_INITIAL);
+        set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
+        set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
+        unset_environment("TARNWELL_FIPS");
+        crypto_fips_flag_set(false);
+        crypto_module_replace_api(nullptr);
+        agent_dialog_owner_set(0);
+        unreadable_records().clear();
+    }
+};
+
+// The same, unlocked: the state request handlers work in.
+class UnlockedAgentTest : public AgentStateTest {
+protected:
+    void SetUp() override
+    {
+        AgentStateTest::SetUp();
+        agent_set_locked(false);
     }
 };

@@ -1,4 +1,4 @@
-// Runs one request through the dispatcher and returns the reply bytes.
+// Runs requests through the dispatcher, builds them and reads replies.
 #pragma once
 
 #include "agent/dispatch.h"
@@ -23,3 +23,31 @@ inline DispatchResult dispatch_bytes(const Bytes &input, uint64_t connection = 1
 
 // A framed body given as hex.
 inline Bytes request_hex(const std::string &body_hex) { return frame(hex_bytes(body_hex)); }
+
+// A framed request: the message number, then what `fill` appends.
+template <typename Fill>
+Bytes request_of(uint8_t number, Fill fill)
+{
+    Buffer b;
+    buffer_put_char(&b, number);
+    fill(&b);
+    return frame(buffer_bytes(b));
+}
+
+// A reply's body after its length, for reading with the buffer_get calls.
+struct ReplyReader {
+    explicit ReplyReader(const Bytes &reply)
+    {
+        buffer_append(&b, reply.data(), static_cast<uint32_t>(reply.size()));
+        length = buffer_get_int(&b);
+        code = buffer_get_char(&b);
+    }
+    Buffer b;
+    uint32_t length = 0;
+    uint8_t code = 0;
+};
+
+inline void put_bytes(Buffer *b, const Bytes &bytes)
+{
+    buffer_put_string(b, bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
