@@ -67,6 +67,14 @@ TEST_F(Settings, HandEditedFileIsReadByPosition)
     EXPECT_EQ(s.UseOnlySha1, 0u);
     EXPECT_EQ(s.CreateLog, 1u);
 
+    // Numbers past the 32-bit range are held at its ends.
+    for (auto [text, minutes] : {std::pair{"99999999999", INT32_MAX}, {"-99999999999", INT32_MIN}, {"-2147483648", INT32_MIN}}) {
+        write_file("tAgent", "Passphrase " + digest + "\nConfirmKeyOp no\nAllowAdd yes\nAllowDelete yes\nAutoLock no\n"
+                             "AutoLockMinutes " + text + "\n");
+        read_agent_settings();
+        EXPECT_EQ(agent_settings().AutoLockMinutes, minutes) << text;
+    }
+
     // No "Passphrase" line: no digest, and then no passphrase verifies.
     write_file("tAgent", "ConfirmKeyOp yes\nAllowAdd no\n");
     read_agent_settings();

@@ -56,8 +56,8 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
 {
     if (system("command -v puttygen > /dev/null") != 0)
         GTEST_SKIP() << "puttygen is not installed";
-    fs::path dir = fs::temp_directory_path() / ("secsh-" + std::to_string(getpid()));
-    fs::create_directories(dir);
+    TempFolder folder;
+    fs::path dir = folder.path();
     for (const char *type : {"rsa", "dsa"}) {
         std::string base = (dir / type).string();
         std::string command = std::string("puttygen -q -t ") + type + " -b 1024 --new-passphrase /dev/null -o " +
@@ -84,7 +84,6 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
         blob.resize(blob.size() / 2);
         EXPECT_FALSE(secsh_private_key_decode(blob.data(), blob.size(), &key));
     }
-    fs::remove_all(dir);
 }
 
 TEST(SecshPrivateKey, RefusesEncryptedAndUnknownKeys)

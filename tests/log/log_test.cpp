@@ -111,5 +111,14 @@ TEST(Log, AgentLogFileAndControlFile)
     text = read_file_text(forced);
     EXPECT_NE(text.find("Agent Log Setting Disable ignored. Log Enabled by KVLLOG.INI."), std::string::npos);
     EXPECT_NE(text.find("still logging"), std::string::npos);
+
+    // Control lines are read up to 1023 characters.
+    for (size_t length : {1023u, 1024u}) {
+        std::string line = "AGENT=" + (folder / "x").string();
+        line += std::string(length - line.size(), 'y');
+        std::ofstream(folder / "kvllog.ini") << line << "\n";
+        log_file_configure(&state, LOG_COMPONENT_AGENT, folder.string());
+        EXPECT_EQ(state.path, line.substr(6, 1023 - 6)) << length;
+    }
     fs::remove_all(folder);
 }

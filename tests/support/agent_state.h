@@ -8,6 +8,14 @@
 
 #include <filesystem>
 #include <fstream>
+#include <cstring>
+#include <string>
+
+#if !defined(_WIN32)
+#include <cerrno>
+#include <csignal>
+#include <unistd.h>
+#endif
 
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
@@ -24,11 +32,55 @@
 #include "support/fips_environment.h"
 #include "support/files.h"
 
+// The state folders of one test process lie in one folder named after the
+// process, removed when the process ends. A process that dies without
+// cleaning up (a crash, a killed run) leaves its folder to the next test
+// process, which removes the folders of processes that no longer run.
+class StateRoot {
+public:
+    static const std::filesystem::path &path()
+    {
+        static StateRoot root;
+        return root.path_;
+    }
+    ~StateRoot()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+private:
+    static constexpr const char *PREFIX = "tarnwell-state-p";
+    StateRoot()
+    {
+        std::filesystem::path temp = std::filesystem::temp_directory_path();
+        std::error_code ignored;
+#if !defined(_WIN32)
+        for (const auto &entry : std::filesystem::directory_iterator(temp, ignored)) {
+            std::string name = entry.path().filename().string();
+            if (name.rfind(PREFIX, 0) != 0 || name.size() == strlen(PREFIX) ||
+                name.find_first_not_of("0123456789", strlen(PREFIX)) != std::string::npos)
+                continue;
+            pid_t owner = static_cast<pid_t>(std::stol(name.substr(strlen(PREFIX))));
+            if (kill(owner, 0) != 0 && errno == ESRCH)
+                std::filesystem::remove_all(entry.path(), ignored);
+        }
+        path_ = temp / (PREFIX + std::to_string(getpid()));
+#else
+        path_ = fresh_temp_folder("state");
+#endif
+        std::filesystem::create_directories(path_);
+    }
+    std::filesystem::path path_;
+};
+
 class AgentStateTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        folder_ = fresh_temp_folder("state");
+        folder_ = StateRoot::path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::filesystem::remove_all(folder_);
+        std::filesystem::create_directories(folder_);
         agent_data_folder_set(folder_.string());
         reset_state();
     }
