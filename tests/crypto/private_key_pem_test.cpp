@@ -61,6 +61,22 @@ TEST(PrivateKeyPem, RoundTripsEachTypeUnderAPasswordAndWithout)
     }
 }
 
+// The longest password the library takes, 1024 bytes, reads back both ways.
+TEST(PrivateKeyPem, LongestPassword)
+{
+    KeyPtr key = key_generate(KEY_ECDSA, 256);
+    const std::string password(1024, 'p');
+    SecretString pem;
+    ASSERT_TRUE(private_key_pem_write(key.get(), password.c_str(), &pem));
+    size_t consumed = 0;
+    PemKeyReader reader(password.c_str());
+    KeyPtr back = reader.read(pem.data(), pem.size(), &consumed);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(EVP_PKEY_eq(back->pkey.get(), key->pkey.get()), 1);
+    EXPECT_TRUE(read_back(text_of(pem), password.c_str()));
+    EXPECT_FALSE(read_back(text_of(pem), password.substr(1).c_str()));
+}
+
 TEST(PrivateKeyPem, ConsumesExactlyOneBlock)
 {
     KeyPtr key = key_generate(KEY_ECDSA, 256);

@@ -137,6 +137,7 @@ TEST(Key, FingerprintRenderings)
     const uint8_t abc[3] = {'a', 'b', 'c'};
     EXPECT_EQ(fingerprint_base64(abc, 3), "YWJj");
     EXPECT_EQ(fingerprint_base64(abc, 2), "YWI");  // no padding, as OpenSSH shows it
+    EXPECT_EQ(fingerprint_base64(abc, 1), "YQ");
     EXPECT_EQ(fingerprint_hex(abc, 3), "61:62:63");
 
     LogCapture log;

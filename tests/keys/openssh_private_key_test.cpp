@@ -60,6 +60,7 @@ TEST(OpensshPrivateKey, ReadsPlainFilesAndRefusesEncryptedAndDamagedOnesWithThei
         {altered(plain, [](Bytes *b) { (*b)[0] = 'O'; }),
          "the OpenSSH private key block does not begin with its magic text"},
         {altered(plain, [](Bytes *b) { (*b)[38] = 2; }), "the file holds 2 keys; only one is read"},
+        {altered(plain, [](Bytes *b) { (*b)[38] = 0; }), "the file holds 0 keys; only one is read"},
         {altered(plain, [](Bytes *b) { (*b)[102] ^= 1; }), "the private section's check numbers differ"},
         {altered(plain, [](Bytes *b) { (*b)[117] = 'x'; }), "key type \"ssh-ed2x519\" is not supported"},
         {altered(plain, [](Bytes *b) { (*b)[93] ^= 1; }), "the public key does not match the private key"},
