@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "keys/key_blob.h"
 #include "support/agent_state.h"
 #include "support/dispatch_helper.h"
@@ -54,20 +52,7 @@ std::vector<std::string> names(const std::vector<ListEntry> &entries)
 }
 
 // A vendor forwarding notice with enumeration setting `setting` on `connection`.
-void vendor_notice(uint64_t connection, uint32_t setting)
-{
-    Buffer body;
-    buffer_put_char(&body, 158);
-    buffer_put_cstring(&body, "host");
-    buffer_put_cstring(&body, "127.0.0.1");
-    buffer_put_int(&body, 22);
-    buffer_put_int(&body, 3);
-    buffer_put_int(&body, 0);
-    buffer_put_int(&body, setting);
-    buffer_put_int64(&body, 0);
-    buffer_put_int(&body, 0);
-    dispatch_bytes(frame(buffer_bytes(body)), connection);
-}
+void notice_on(uint64_t connection, uint32_t setting) { dispatch_bytes(vendor_notice("host", setting), connection); }
 
 using IdentityListing = UnlockedAgentTest;
 
@@ -83,10 +68,10 @@ TEST_F(IdentityListing, RsaEntriesFollowTheServerKind)
     EXPECT_EQ(plain[0].comment, "rsa-sha2-256 - laptop key");
     EXPECT_TRUE(log.contains("keyagent: Identity list request (remote) : returned 3 key/certs(s)"));
 
-    vendor_notice(2, 0x100);
+    notice_on(2, 0x100);
     EXPECT_EQ(names(list("0b", 2)), (std::vector<std::string>{"rsa-sha2-256", SSH_RSA_SHA256_VENDOR_ALIAS,
                                                                "rsa-sha2-512", "ssh-rsa"}));
-    vendor_notice(3, 0x400);
+    notice_on(3, 0x400);
     EXPECT_EQ(names(list("0b", 3)), (std::vector<std::string>{"ssh-rsa"}));
     forwarding_notice_connection_closed(2);
     forwarding_notice_connection_closed(3);
@@ -146,10 +131,10 @@ TEST_F(IdentityListing, CertificatesFollowTheEnumerationMode)
     agent_enum_set(0x02);  // as keys only
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
     agent_enum_set(0x23);  // keys first; an OpenSSH server gets no certificates
-    vendor_notice(5, 0x200);
+    notice_on(5, 0x200);
     agent_enum_set(0x23);
     EXPECT_EQ(names(list("0b", 5)), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
-    vendor_notice(6, 0x400);  // SunSSH: neither certificates nor ECDSA keys
+    notice_on(6, 0x400);  // SunSSH: neither certificates nor ECDSA keys
     agent_enum_set(0x13);
     EXPECT_EQ(names(list("0b", 6)), (std::vector<std::string>{"ssh-rsa"}));
     forwarding_notice_connection_closed(5);

@@ -17,19 +17,6 @@ Bytes with_string(uint8_t number, const std::string &text)
     return request_of(number, [&](Buffer *b) { buffer_put_cstring(b, text.c_str()); });
 }
 
-Bytes vendor_notice(const std::string &host, uint32_t enum_setting, uint64_t window, uint32_t list_mode)
-{
-    return request_of(158, [&](Buffer *b) {
-        buffer_put_cstring(b, host.c_str());
-        buffer_put_cstring(b, "10.0.0.7");
-        buffer_put_int(b, 22);
-        buffer_put_int(b, 2);  // RSA signature type
-        buffer_put_int(b, 1);  // DSA signature type
-        buffer_put_int(b, enum_setting);
-        buffer_put_int64(b, window);
-        buffer_put_int(b, list_mode);
-    });
-}
 
 int manager_notices = 0;
 int redraws = 0;
@@ -136,7 +123,7 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
 {
     LogCapture log;
     agent_set_locked(false);
-    DispatchResult first = dispatch_bytes(vendor_notice("gate", 0x403, 0xabc, 1), 42);
+    DispatchResult first = dispatch_bytes(vendor_notice("gate", 0x403, 0xabc, 1, 2, 1), 42);
     EXPECT_EQ(first.reply, hex_bytes("00000001 06"));
     EXPECT_EQ(first.forwarding_chain, 1);
     EXPECT_EQ(get_x509rsa_sigtype(), 2);
@@ -144,7 +131,7 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
     EXPECT_EQ(agent_enum_get(), 0x403u);
     EXPECT_EQ(agent_dialog_owner(), 0xabcu);
 
-    DispatchResult second = dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1), 42, first.forwarding_chain);
+    DispatchResult second = dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1, 2, 1), 42, first.forwarding_chain);
     EXPECT_EQ(second.forwarding_chain, 2);
     EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: gate (10.0.0.7) port 22"));
     EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: inner (10.0.0.7) port 22"));

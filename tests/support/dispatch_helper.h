@@ -2,6 +2,8 @@
 #pragma once
 
 #include "agent/dispatch.h"
+#include <string>
+
 #include "support/bytes.h"
 
 struct DispatchResult {
@@ -50,4 +52,21 @@ struct ReplyReader {
 inline void put_bytes(Buffer *b, const Bytes &bytes)
 {
     buffer_put_string(b, bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
+
+// A vendor forwarding notice (158): server, address, port, the signature
+// types, the enumeration setting, the client's window and its list mode.
+inline Bytes vendor_notice(const std::string &host, uint32_t enum_setting, uint64_t window = 0,
+                           uint32_t list_mode = 0, uint32_t rsa_sigtype = 3, uint32_t dsa_sigtype = 0)
+{
+    return request_of(158, [&](Buffer *b) {
+        buffer_put_cstring(b, host.c_str());
+        buffer_put_cstring(b, "10.0.0.7");
+        buffer_put_int(b, 22);
+        buffer_put_int(b, rsa_sigtype);
+        buffer_put_int(b, dsa_sigtype);
+        buffer_put_int(b, enum_setting);
+        buffer_put_int64(b, window);
+        buffer_put_int(b, list_mode);
+    });
 }
