@@ -113,3 +113,11 @@ TEST_F(Dispatch, LockedAgentServesOnlyItsTable)
         EXPECT_TRUE(log.contains(s.line)) << s.hex;
     }
 }
+
+TEST(RequestNames, LogNamesOfTheMessages)
+{
+    for (auto [number, name] : {std::pair{1u, "SSH_AGENT_REQUEST_VERSION/SSH_AGENTC_REQUEST_RSA_IDENTITIES"},
+                                {24u, "(generic)"}, {25u, "(generic)"}, {160u, "SSH2_AGENTC_ZEM_SIGN_REQUEST"},
+                                {213u, "SSH_AGENT_RANDOM"}, {301u, "(generic)"}})
+        EXPECT_STREQ(request_name(number), name) << number;
+}
