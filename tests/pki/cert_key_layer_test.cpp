@@ -5,6 +5,7 @@
 #include "keys/public_key_format.h"
 #include "log/log.h"
 #include "pki/cert_key_layer.h"
+#include "pki/cert_provider.h"
 #include "pki/x509_key_blob.h"
 #include "support/cert_key_layer_environment.h"
 #include "support/test_certificate.h"
@@ -48,6 +49,31 @@ TEST_F(CertKeyLayer, CertificateBlobsGoThroughTheLayer)
     KeyPtr plain = key_generate(KEY_ECDSA, 256);
     len = key_to_blob(plain.get(), &blob, nullptr, key_ssh_name(plain.get()));
     EXPECT_TRUE(key_equal(key_from_blob(blob.data(), len).get(), plain.get()));
+}
+
+// A provider installed for a location (the Windows store goes in as 1)
+// answers its lookups; unknown locations have none.
+KeyPtr provided_identity(const std::string &identifier)
+{
+    KeyPtr key = key_generate(KEY_ED25519, 0);
+    key->name = identifier;
+    return key;
+}
+
+TEST_F(CertKeyLayer, InstalledProvidersAnswerTheirLocations)
+{
+    static const CertProvider provider = {provided_identity, nullptr, nullptr};
+    for (uint32_t location : {1u, 2u, 3u}) {
+        cert_provider_set(location, &provider);
+        KeyPtr found = cert_identity_lookup(location, "from the provider");
+        ASSERT_TRUE(found) << location;
+        EXPECT_EQ(found->name, "from the provider");
+        cert_provider_set(location, nullptr);
+        EXPECT_NE(cert_provider_for(location), &provider);
+    }
+    cert_provider_set(4, &provider);
+    EXPECT_EQ(cert_provider_for(4), nullptr);
+    EXPECT_EQ(cert_provider_for(0), nullptr);
 }
 
 }  // namespace
