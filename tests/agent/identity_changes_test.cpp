@@ -131,6 +131,7 @@ TEST_F(IdentityChanges, ConstraintCodes)
         {"01 00000005", 5, false, 0, 0},
         {"32 00000000", 0, false, 0, 0},
         {"32 00000e10", 3600, true, 0, 0},
+        {"32 00000001", 1, true, 0, 0},
         {"33 00000007", 7, false, 0, 0},
         {"34 00000008", 8, false, 0, 0},
         {"31 00000009", 0, false, 0, 0},  // 49 and 53 are unknown: the
@@ -214,6 +215,8 @@ TEST_F(IdentityChanges, RemoveAndRemoveAll)
     ASSERT_EQ(table()->nentries, 1);
     EXPECT_EQ(table()->identities.front()->key->name, "id_ED25519_256");
     EXPECT_EQ(dispatch_bytes(remove_request(18, key.get())).reply, hex_bytes("00000001 05"));
+    EXPECT_EQ(dispatch_bytes(remove_request(18, kept.get())).reply, hex_bytes("00000001 06"));  // the last one
+    dispatch_bytes(add_request(17, key_fields(kept.get())));
     EXPECT_TRUE(log.contains("keyagent: Remove identity request failed"));
 
     EXPECT_EQ(dispatch_bytes(request_hex("cb")).reply, hex_bytes("00000001 65"));

@@ -99,6 +99,22 @@ TEST_F(Settings, WhiteSpaceAfterPassphraseShiftsTheDigest)
     EXPECT_EQ(agent_settings().AllowAdd, 1u);
 }
 
+// The digest is its 20 bytes as they stand, up to the very end of the file;
+// lines may end in CR LF.
+TEST_F(Settings, DigestBytesAndLineEnds)
+{
+    write_file("tAgent", "Passphrase " + std::string("\x01", 1) + std::string(19, '\0') + "\n" + DEFAULT_LINES);
+    read_agent_settings();
+    EXPECT_TRUE(agent_passphrase_is_set());
+    write_file("tAgent", "Passphrase " + sha1("pw"));
+    read_agent_settings();
+    EXPECT_EQ(verify_agent_passphrase("pw"), 1);
+    write_file("tAgent", "Passphrase " + sha1("pw") + "\r\nConfirmKeyOp yes\r\nAllowAdd no\r\n");
+    read_agent_settings();
+    EXPECT_EQ(agent_settings().ConfirmKeyOp, 1u);
+    EXPECT_EQ(agent_settings().AllowAdd, 0u);
+}
+
 TEST_F(Settings, SettersRewriteOnlyOnChange)
 {
     EXPECT_EQ(set_allow_add(1), 0);

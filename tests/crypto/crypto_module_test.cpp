@@ -128,6 +128,8 @@ TEST(SignatureTypes, SettingsAndTheirLogLines)
     }
     EXPECT_TRUE(log.contains("x509rsa sigtype=2"));
     EXPECT_TRUE(log.contains("invalid x509rsa sigtype=7, switched to default=3"));
+    EXPECT_FALSE(log.contains("invalid x509rsa sigtype=3"));
+    EXPECT_FALSE(log.contains("invalid x509dsa sigtype=1"));
     for (auto [value, held] : {std::pair{1, 1}, {0, 0}, {2, 0}, {-1, 0}}) {
         set_x509dsa_sigtype(1 - held);
         set_x509dsa_sigtype(value);

@@ -164,6 +164,13 @@ TEST(Signature, DsaAndEcdsaBlobChecks)
     put_string(&third, Bytes{1});
     EXPECT_EQ(verify(ec, signature_blob("ecdsa-sha2-nistp256", third), signed_data), 0);
     EXPECT_TRUE(log.contains("ssh_ecdsa_parse_sig: data remaining in sigature buffer."));
+    // One byte more after the numbers, or after the signature string.
+    Bytes one_more = inner;
+    one_more.push_back(0);
+    EXPECT_EQ(verify(ec, signature_blob("ecdsa-sha2-nistp256", one_more), signed_data), 0);
+    Bytes after = signature_blob("ecdsa-sha2-nistp256", inner);
+    after.push_back(0);
+    EXPECT_NE(verify(ec, after, signed_data), 1);
     Bytes cut = signature_blob("ecdsa-sha2-nistp256", inner);
     cut.pop_back();
     EXPECT_EQ(ssh_ecdsa_verify(ec, cut.data(), cut.size(), signed_data.data(), signed_data.size(), 0), SSH_ECDSA_ERROR);
