@@ -147,3 +147,19 @@ TEST_F(IdentityListing, CertificatesFollowTheEnumerationMode)
     ASSERT_EQ(both.size(), 5u);
     EXPECT_EQ(both[2], "x509v3-rsa2048-sha256");
 }
+
+// Servers that take plain certificates only: PKIX gets the ECDSA one as
+// plain DER, OpenVMS none; both get RSA as x509v3-sign-rsa alone.
+TEST_F(IdentityListing, PlainCertificatesForPkixAndOpenVms)
+{
+    add_test_identity(make_test_certificate_key("RSA", 1024), "rsa", "r");
+    add_test_identity(make_test_certificate_key("EC"), "ec", "e");
+    using Names = std::vector<std::string>;
+    for (auto [setting, expected] : {std::pair{0x300u, Names{"x509v3-sign-rsa", "x509v3-ecdsa-sha2-nistp256"}},
+                                     {0x500u, Names{"x509v3-sign-rsa"}}}) {
+        notice_on(7, setting);
+        agent_enum_set(0x01);
+        EXPECT_EQ(names(list("0b", 7)), expected) << setting;
+        forwarding_notice_connection_closed(7);
+    }
+}

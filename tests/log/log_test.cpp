@@ -68,6 +68,12 @@ TEST(Log, FatalRunsCleanupsNewestFirstThenThrows)
         EXPECT_STREQ(e.what(), "broken 7");
     }
     EXPECT_EQ(calls, 10);
+    // A fatal message is cut where every log line is.
+    try {
+        fatal("%s", std::string(3000, 'f').c_str());
+    } catch (const FatalError &e) {
+        EXPECT_EQ(std::string(e.what()), std::string(2047, 'f'));
+    }
     EXPECT_TRUE(log.contains("fatal: broken 7"));
     EXPECT_TRUE(log.contains("Calling cleanup"));
     // Removing a pair that is not registered is itself fatal.
