@@ -108,4 +108,16 @@ TEST(SecshPrivateKey, RefusesEncryptedAndUnknownKeys)
     buffer_put_int(&unknown, 0);
     EXPECT_FALSE(secsh_private_key_decode(buffer_ptr(&unknown), buffer_len(&unknown), &key));
     EXPECT_TRUE(log.contains("unsupported key type ssh-ed25519"));
+
+    // The blob holds at least its magic number and length field, and at
+    // least as many bytes as that field says.
+    Bytes head = hex_bytes("3f6ff9eb 00000008");
+    EXPECT_FALSE(secsh_private_key_decode(head.data(), 7, &key));
+    EXPECT_TRUE(log.contains("secsh_private_key_decode: blob of 7 bytes is not a private key"));
+    EXPECT_FALSE(secsh_private_key_decode(head.data(), 8, &key));
+    EXPECT_FALSE(log.contains("blob of 8 bytes"));
+    EXPECT_FALSE(log.contains("than its length field (8)"));
+    head[7] = 9;
+    EXPECT_FALSE(secsh_private_key_decode(head.data(), 8, &key));
+    EXPECT_TRUE(log.contains("secsh_private_key_decode: blob is shorter (8) than its length field (9)"));
 }
