@@ -1,135 +1,226 @@
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include <openssl/core_names.h>
 
-#include "agent/handlers.h"
-#include "agent/identity_table.h"
-#include "agent/settings.h"
-#include "keys/key_blob.h"
+#include "keys/private_key_material.h"
+#include "pki/key_signer.h"
+#include "support/agent_state.h"
 #include "support/dispatch_helper.h"
+#include "support/identity_fixture.h"
 #include "support/log_capture.h"
 
 namespace {
 
-void put_bn(Buffer *b, const EVP_PKEY *key, const char *name)
-{
-    BIGNUM *value = nullptr;
-    EVP_PKEY_get_bn_param(key, name, &value);
-    buffer_put_bignum2(b, value);
-    BN_clear_free(value);
-}
+using IdentityChanges = UnlockedAgentTest;
 
-// An add request for an ECDSA P-256 key: message, type, curve, point,
-// scalar, comment, then `tail` (a key name and constraints).
-Bytes ecdsa_add(uint8_t number, const EVP_PKEY *key, const Bytes &tail = {})
+// The private fields of an add request, as a client writes them.
+Bytes key_fields(const Key *key)
 {
     Buffer b;
-    buffer_put_char(&b, number);
-    buffer_put_cstring(&b, "ecdsa-sha2-nistp256");
-    buffer_put_cstring(&b, "nistp256");
-    uint8_t point[133];
-    size_t len = 0;
-    EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_PUB_KEY, point, sizeof point, &len);
-    buffer_put_string(&b, point, static_cast<uint32_t>(len));
-    put_bn(&b, key, OSSL_PKEY_PARAM_PRIV_KEY);
-    buffer_put_cstring(&b, "a comment");
-    buffer_append(&b, tail.data(), static_cast<uint32_t>(tail.size()));
-    return frame(buffer_bytes(b));
+    EXPECT_TRUE(private_key_put_agent_fields(key->pkey.get(), &b));
+    return buffer_bytes(b);
+}
+
+// An add request: the fields, the comment, the key name (vendor form) and
+// the constraint bytes.
+Bytes add_request(uint8_t number, const Bytes &fields, const std::string &constraints_hex = "",
+                  const char *name = nullptr)
+{
+    return request_of(number, [&](Buffer *b) {
+        buffer_append(b, fields.data(), static_cast<uint32_t>(fields.size()));
+        buffer_put_cstring(b, "a comment");
+        buffer_put_cstring(b, name);
+        Bytes tail = hex_bytes(constraints_hex);
+        buffer_append(b, tail.data(), static_cast<uint32_t>(tail.size()));
+    });
 }
 
 Bytes remove_request(uint8_t number, const Key *key)
 {
-    Buffer b;
-    buffer_put_char(&b, number);
-    SecureBytes blob;
-    uint32_t len = key_to_blob(key, &blob, nullptr, key_blob_type_name(key));
-    buffer_put_string(&b, blob.data(), len);
-    return frame(buffer_bytes(b));
+    return request_of(number, [&](Buffer *b) { put_bytes(b, public_blob(key)); });
 }
 
-struct Fresh {
-    Fresh() { agent_set_locked(false); identity_tables_init(); }
-    ~Fresh()
-    {
-        agent_set_locked(true);
-        identity_tables_init();
-        set_allow_add(1);
-        set_allow_delete(1);
-    }
-};
+IdentityTable *table() { return identity_table_for_version(2); }
 
 }  // namespace
 
-TEST(IdentityChanges, AddRepliesConstraintsAndRemoteRules)
+// Every key type a client can add arrives whole: the agent signs with it
+// and the signature verifies with the key the client holds.
+TEST_F(IdentityChanges, EveryKeyTypeIsAddedAndSigns)
 {
     LogCapture log;
-    Fresh fresh;
-    IdentityTable *table = identity_table_for_version(2);
-    KeyPtr key = key_generate(KEY_ECDSA, 256);
-
-    // The vendor add carries the key name; 0 when added, 9 when held, and
-    // a protocol 1 vendor add always fails with 7.
-    Buffer named;
-    buffer_put_cstring(&named, "work");
-    EXPECT_EQ(dispatch_bytes(ecdsa_add(153, key->pkey.get(), buffer_bytes(named))).reply, hex_bytes("00000001 00"));
-    EXPECT_EQ(table->identities.back()->key->name, "work");
-    EXPECT_EQ(dispatch_bytes(ecdsa_add(153, key->pkey.get(), buffer_bytes(named))).reply, hex_bytes("00000001 09"));
-    EXPECT_EQ(dispatch_bytes(ecdsa_add(152, key->pkey.get(), buffer_bytes(named))).reply, hex_bytes("00000001 07"));
-    EXPECT_TRUE(log.contains("error: process_add_identity: unsupported version"));
-
-    // Code 50 with 0 means no expiry; 155 marks the key temporary; an
-    // unknown code is skipped.
-    KeyPtr other = key_generate(KEY_ECDSA, 256);
-    EXPECT_EQ(dispatch_bytes(ecdsa_add(25, other->pkey.get(), hex_bytes("32 00000000 9b 63"))).reply,
-              hex_bytes("00000001 06"));
-    Identity *added = table->identities.back().get();
-    EXPECT_EQ(added->death, 0);
-    EXPECT_EQ(added->temporary, 1u);
-    EXPECT_EQ(added->key->name, "id_ECDSA_256");
-    EXPECT_TRUE(log.contains("keyagent: Add key : id_ECDSA_256 ECDSA 256-bit"));
-
-    // A remote add is refused while AllowAdd is off, even for a held key.
-    set_allow_add(0);
-    EXPECT_EQ(dispatch_bytes(ecdsa_add(17, key->pkey.get()), 1, 1).reply, hex_bytes("00000001 05"));
-    EXPECT_TRUE(log.contains("keyagent: Rejecting request from a remote server to add a key"));
-    EXPECT_EQ(dispatch_bytes(ecdsa_add(17, key->pkey.get()), 1, 0).reply, hex_bytes("00000001 06"));
-
-    // A bad point is no key at all; the version 2 failure carries a 7.
-    Bytes broken = ecdsa_add(17, key->pkey.get());
-    broken[50] ^= 0xff;  // inside the point
-    EXPECT_EQ(dispatch_bytes(broken).reply, hex_bytes("00000001 05"));
-    Buffer v2;
-    buffer_put_char(&v2, 202);
-    buffer_put_cstring(&v2, "not a key");
-    buffer_put_cstring(&v2, "");
-    buffer_put_cstring(&v2, "comment");
-    EXPECT_EQ(dispatch_bytes(frame(buffer_bytes(v2))).reply, hex_bytes("00000002 66 07"));
+    for (auto [type, bits, line] : {std::tuple{KEY_RSA, 1024u, "id_RSA_1024 RSA 1024-bit"},
+                                    {KEY_DSA, 1024u, "id_DSA_1024 DSA 1024-bit"},
+                                    {KEY_ECDSA, 256u, "id_ECDSA_256 ECDSA 256-bit"},
+                                    {KEY_ECDSA, 384u, "id_ECDSA_384 ECDSA 384-bit"},
+                                    {KEY_ECDSA, 521u, "id_ECDSA_521 ECDSA 521-bit"},
+                                    {KEY_ED25519, 256u, "id_ED25519_256 ED25519 256-bit"}}) {
+        SCOPED_TRACE(line);
+        KeyPtr key = key_generate(type, bits);
+        EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(key.get()))).reply, hex_bytes("00000001 06"));
+        EXPECT_TRUE(log.contains(std::string("keyagent: Add key : ") + line));
+        const Bytes data = hex_bytes("00112233");
+        ReplyReader signed_reply(dispatch_bytes(request_of(13, [&](Buffer *b) {
+                                     put_bytes(b, public_blob(key.get()));
+                                     put_bytes(b, data);
+                                     buffer_put_int(b, 0);
+                                 })).reply);
+        ASSERT_EQ(signed_reply.code, 14);
+        SecureBytes signature = buffer_get_string(&signed_reply.b);
+        EXPECT_EQ(key_verify(key.get(), signature.data(), signature.size(), data.data(), data.size()), 1);
+    }
+    EXPECT_EQ(table()->nentries, 6);
 }
 
-TEST(IdentityChanges, RemoveAndRemoveAll)
+// Material that does not make one consistent private key is no key at all.
+TEST_F(IdentityChanges, DamagedKeyMaterialIsRefused)
+{
+    KeyPtr ec = key_generate(KEY_ECDSA, 256), ed = key_generate(KEY_ED25519, 0);
+    KeyPtr rsa = key_generate(KEY_RSA, 1024);
+    Bytes good_ec = key_fields(ec.get());
+    // ECDSA fields: name 4+19, curve 4+8, point 4+65 from offset 39, scalar.
+    std::vector<std::pair<const char *, Bytes>> cases;
+    Bytes other_curve = good_ec;
+    other_curve[32] = '3', other_curve[33] = '8', other_curve[34] = '4';  // "nistp384" with a P-256 point
+    cases.push_back({"curve", other_curve});
+    Bytes compressed = good_ec;
+    compressed[39] = 0x02;
+    cases.push_back({"compressed point", compressed});
+    Bytes scalar = good_ec;
+    scalar.back() ^= 1;
+    cases.push_back({"scalar of another point", scalar});
+    Bytes ed_fields = key_fields(ed.get());
+    ed_fields[4 + 11 + 4] ^= 1;  // the public key before the secret
+    cases.push_back({"Ed25519 public key", ed_fields});
+    // RSA fields: name, n, e, d, iqmp, p, q; a zero q.
+    Bytes rsa_fields = key_fields(rsa.get());
+    Buffer parsed;
+    buffer_append(&parsed, rsa_fields.data(), static_cast<uint32_t>(rsa_fields.size()));
+    for (int i = 0; i < 6; ++i)
+        buffer_get_string(&parsed);
+    rsa_fields.resize(rsa_fields.size() - buffer_len(&parsed));
+    rsa_fields.insert(rsa_fields.end(), {0, 0, 0, 0});
+    cases.push_back({"RSA factor", rsa_fields});
+    LogCapture log;
+    for (const auto &[what, fields] : cases) {
+        EXPECT_EQ(dispatch_bytes(add_request(17, fields)).reply, hex_bytes("00000001 05")) << what;
+    }
+    EXPECT_TRUE(log.contains("error: process_add_identity: unable to identify the key."));
+    EXPECT_TRUE(log.contains("keyagent: Add key request failed"));
+    EXPECT_EQ(table()->nentries, 0);
+    // The version 2 add takes a SECSH blob; its failure carries a 7.
+    EXPECT_EQ(dispatch_bytes(request_of(202, [](Buffer *b) {
+                  buffer_put_cstring(b, "not a key");
+                  buffer_put_cstring(b, "");
+                  buffer_put_cstring(b, "comment");
+              })).reply,
+              hex_bytes("00000002 66 07"));
+}
+
+// Each constraint code: lifetimes (code 50 relative, 1, 51 and 52
+// absolute), confirmations, the byte skipped after 150, the reply string
+// of 100 (read from the reply, not the request) and unknown codes skipped.
+TEST_F(IdentityChanges, ConstraintCodes)
+{
+    const int64_t now = static_cast<int64_t>(time(nullptr));
+    struct Case { const char *hex; int64_t death; bool relative; uint32_t confirm, temporary; };
+    const Case cases[] = {
+        {"", 0, false, 0, 0},
+        {"01 00000005", 5, false, 0, 0},
+        {"32 00000000", 0, false, 0, 0},
+        {"32 00000e10", 3600, true, 0, 0},
+        {"32 00000001", 1, true, 0, 0},
+        {"33 00000007", 7, false, 0, 0},
+        {"34 00000008", 8, false, 0, 0},
+        {"31 00000009", 0, false, 0, 0},  // 49 and 53 are unknown: the
+        {"35 00000009", 0, false, 0, 0},  // value bytes read as codes
+        {"02", 0, false, 1, 0},
+        {"97 05", 0, false, 5, 0},
+        {"96 9b 02", 0, false, 1, 0},
+        {"9b", 0, false, 0, 1},
+        {"64 9b", 0, false, 0, 1},
+        {"63 9b 9a", 0, false, 0, 1},
+        {"9b 01 0000000a", 10, false, 0, 1},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.hex);
+        identity_tables_init();
+        KeyPtr key = key_generate(KEY_ED25519, 0);
+        ASSERT_EQ(dispatch_bytes(add_request(25, key_fields(key.get()), c.hex)).reply, hex_bytes("00000001 06"));
+        ASSERT_EQ(table()->nentries, 1);
+        const Identity &added = *table()->identities.back();
+        if (c.relative) {
+            EXPECT_GE(added.death, now + c.death);
+            EXPECT_LE(added.death, now + c.death + 60);
+        } else {
+            EXPECT_EQ(added.death, c.death);
+        }
+        EXPECT_EQ(added.confirm, c.confirm);
+        EXPECT_EQ(added.temporary, c.temporary);
+    }
+    // An absolute lifetime in the past ends the key at the next request.
+    EXPECT_EQ(dispatch_bytes(request_hex("0b")).reply, hex_bytes("00000005 0c 00000000"));
+}
+
+TEST_F(IdentityChanges, VendorAddRepliesAndRemoteRules)
 {
     LogCapture log;
-    Fresh fresh;
-    IdentityTable *table = identity_table_for_version(2);
     KeyPtr key = key_generate(KEY_ECDSA, 256);
-    dispatch_bytes(ecdsa_add(17, key->pkey.get()));
-    ASSERT_EQ(table->nentries, 1);
+    Bytes fields = key_fields(key.get());
+    // The vendor add carries the key name; 0 when added, 9 when held, and
+    // a protocol 1 vendor add always fails with 7.
+    EXPECT_EQ(dispatch_bytes(add_request(153, fields, "", "work")).reply, hex_bytes("00000001 00"));
+    EXPECT_EQ(table()->identities.back()->key->name, "work");
+    EXPECT_EQ(dispatch_bytes(add_request(153, fields, "", "work")).reply, hex_bytes("00000001 09"));
+    EXPECT_TRUE(log.contains("keyagent: Key exists : work ECDSA 256-bit"));
+    EXPECT_EQ(dispatch_bytes(add_request(152, fields, "", "work")).reply, hex_bytes("00000001 07"));
+    EXPECT_TRUE(log.contains("error: process_add_identity: unsupported version"));
+    // The plain add of a held key succeeds without a second entry.
+    EXPECT_EQ(dispatch_bytes(add_request(17, fields)).reply, hex_bytes("00000001 06"));
+    EXPECT_EQ(table()->nentries, 1);
 
+    // Remote adds and deletes follow AllowAdd and AllowDelete; local ones
+    // never do.
+    KeyPtr other = key_generate(KEY_ECDSA, 256);
+    set_allow_add(0);
     set_allow_delete(0);
+    EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(other.get())), 1, 1).reply, hex_bytes("00000001 05"));
+    EXPECT_TRUE(log.contains("keyagent: Rejecting request from a remote server to add a key"));
     EXPECT_EQ(dispatch_bytes(remove_request(18, key.get()), 1, 2).reply, hex_bytes("00000001 05"));
     EXPECT_TRUE(log.contains("keyagent: Rejecting request from a remote server to delete a key"));
-    EXPECT_EQ(dispatch_bytes(frame(hex_bytes("13")), 1, 1).reply, hex_bytes("00000001 05"));
+    EXPECT_EQ(dispatch_bytes(request_hex("13"), 1, 1).reply, hex_bytes("00000001 05"));
     EXPECT_TRUE(log.contains("keyagent: Rejecting request from a remote server to delete all keys"));
+    EXPECT_EQ(table()->nentries, 1);
+    EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(other.get())), 1, 0).reply, hex_bytes("00000001 06"));
+    set_allow_add(1);
     set_allow_delete(1);
+    EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(key_generate(KEY_ED25519, 0).get())), 1, 1).reply,
+              hex_bytes("00000001 06"));
+    EXPECT_EQ(table()->nentries, 3);
+}
 
-    // Message 8 never finds a key.
+TEST_F(IdentityChanges, RemoveAndRemoveAll)
+{
+    LogCapture log;
+    KeyPtr key = key_generate(KEY_ECDSA, 256), kept = key_generate(KEY_ED25519, 0);
+    dispatch_bytes(add_request(17, key_fields(key.get())));
+    dispatch_bytes(add_request(17, key_fields(kept.get())));
+    ASSERT_EQ(table()->nentries, 2);
+    // Message 8 looks in the empty protocol 1 table.
     EXPECT_EQ(dispatch_bytes(remove_request(8, key.get())).reply, hex_bytes("00000001 05"));
-    EXPECT_EQ(dispatch_bytes(remove_request(207, key.get())).reply, hex_bytes("00000001 65"));
-    EXPECT_EQ(table->nentries, 0);
+    EXPECT_EQ(dispatch_bytes(remove_request(207, key.get()), 1, 1).reply, hex_bytes("00000001 65"));
+    EXPECT_TRUE(log.contains("keyagent: Remove key:  ECDSA 256-bit"));  // the request key has no name
+    ASSERT_EQ(table()->nentries, 1);
+    EXPECT_EQ(table()->identities.front()->key->name, "id_ED25519_256");
     EXPECT_EQ(dispatch_bytes(remove_request(18, key.get())).reply, hex_bytes("00000001 05"));
+    EXPECT_EQ(dispatch_bytes(remove_request(18, kept.get())).reply, hex_bytes("00000001 06"));  // the last one
+    dispatch_bytes(add_request(17, key_fields(kept.get())));
     EXPECT_TRUE(log.contains("keyagent: Remove identity request failed"));
 
-    // Remove-all on an empty table succeeds.
-    EXPECT_EQ(dispatch_bytes(frame(hex_bytes("cb"))).reply, hex_bytes("00000001 65"));
+    EXPECT_EQ(dispatch_bytes(request_hex("cb")).reply, hex_bytes("00000001 65"));
     EXPECT_TRUE(log.contains("keyagent: Removed all identities"));
+    EXPECT_EQ(table()->nentries, 0);
+    EXPECT_EQ(dispatch_bytes(request_hex("13")).reply, hex_bytes("00000001 06"));  // empty: still success
 }

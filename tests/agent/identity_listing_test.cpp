@@ -1,14 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
-#include "agent/handlers.h"
-#include "agent/settings.h"
-#include "crypto/crypto_module.h"
 #include "keys/key_blob.h"
-#include "pki/agent_enum.h"
+#include "support/agent_state.h"
 #include "support/dispatch_helper.h"
-#include "support/environment.h"
 #include "support/identity_fixture.h"
 #include "support/log_capture.h"
 
@@ -24,13 +18,10 @@ struct ListEntry {
 std::vector<ListEntry> list(const char *body_hex, uint64_t connection = 1, bool local = false,
                             uint8_t *code = nullptr)
 {
-    Bytes reply = dispatch_bytes(request_hex(body_hex), connection).reply;
-    Buffer b;
-    buffer_append(&b, reply.data(), static_cast<uint32_t>(reply.size()));
-    buffer_get_int(&b);
-    uint8_t reply_code = buffer_get_char(&b);
+    ReplyReader reply(dispatch_bytes(request_hex(body_hex), connection).reply);
+    Buffer &b = reply.b;
     if (code)
-        *code = reply_code;
+        *code = reply.code;
     uint32_t count = buffer_get_int(&b);
     std::vector<ListEntry> entries;
     for (uint32_t i = 0; i < count; ++i) {
@@ -61,32 +52,15 @@ std::vector<std::string> names(const std::vector<ListEntry> &entries)
 }
 
 // A vendor forwarding notice with enumeration setting `setting` on `connection`.
-void vendor_notice(uint64_t connection, uint32_t setting)
-{
-    Buffer body;
-    buffer_put_char(&body, 158);
-    buffer_put_cstring(&body, "host");
-    buffer_put_cstring(&body, "127.0.0.1");
-    buffer_put_int(&body, 22);
-    buffer_put_int(&body, 3);
-    buffer_put_int(&body, 0);
-    buffer_put_int(&body, setting);
-    buffer_put_int64(&body, 0);
-    buffer_put_int(&body, 0);
-    dispatch_bytes(frame(buffer_bytes(body)), connection);
-}
+void notice_on(uint64_t connection, uint32_t setting) { dispatch_bytes(vendor_notice("host", setting), connection); }
 
-struct Unlocked {
-    Unlocked() { agent_set_locked(false); identity_tables_init(); }
-    ~Unlocked() { agent_set_locked(true); identity_tables_init(); unset_environment("TARNWELL_FIPS"); }
-};
+using IdentityListing = UnlockedAgentTest;
 
 }  // namespace
 
-TEST(IdentityListing, RsaEntriesFollowTheServerKind)
+TEST_F(IdentityListing, RsaEntriesFollowTheServerKind)
 {
     LogCapture log;
-    Unlocked unlocked;
     add_test_identity(key_generate(KEY_RSA, 2048), "laptop key", "id_RSA_2048");
 
     std::vector<ListEntry> plain = list("0b", 1);
@@ -94,10 +68,10 @@ TEST(IdentityListing, RsaEntriesFollowTheServerKind)
     EXPECT_EQ(plain[0].comment, "rsa-sha2-256 - laptop key");
     EXPECT_TRUE(log.contains("keyagent: Identity list request (remote) : returned 3 key/certs(s)"));
 
-    vendor_notice(2, 0x100);
+    notice_on(2, 0x100);
     EXPECT_EQ(names(list("0b", 2)), (std::vector<std::string>{"rsa-sha2-256", SSH_RSA_SHA256_VENDOR_ALIAS,
                                                                "rsa-sha2-512", "ssh-rsa"}));
-    vendor_notice(3, 0x400);
+    notice_on(3, 0x400);
     EXPECT_EQ(names(list("0b", 3)), (std::vector<std::string>{"ssh-rsa"}));
     forwarding_notice_connection_closed(2);
     forwarding_notice_connection_closed(3);
@@ -117,10 +91,9 @@ TEST(IdentityListing, RsaEntriesFollowTheServerKind)
     EXPECT_EQ(code, 2);
 }
 
-TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
+TEST_F(IdentityListing, Sha1OnlyAndFipsFiltering)
 {
     LogCapture log;
-    Unlocked unlocked;
     add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "r");
     add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
     add_test_identity(key_generate(KEY_ED25519, 0), "ed", "d");
@@ -128,6 +101,7 @@ TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
 
     set_use_only_sha1(1);
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"ssh-rsa"}));
+    EXPECT_EQ(names(list("9b", 1, true)), (std::vector<std::string>{"ssh-rsa", "ecdsa-sha2-nistp256", "ssh-ed25519"}));
     set_use_only_sha1(0);
 
     set_environment("TARNWELL_FIPS", "1");
@@ -143,12 +117,10 @@ TEST(IdentityListing, Sha1OnlyAndFipsFiltering)
     api.fips_provides_signature = [](const char *name) { return std::string(name) == "ED25519" ? 1 : 0; };
     crypto_module_replace_api(&api);
     EXPECT_EQ(names(list("0b")).back(), "ssh-ed25519");
-    crypto_module_replace_api(nullptr);
 }
 
-TEST(IdentityListing, CertificatesFollowTheEnumerationMode)
+TEST_F(IdentityListing, CertificatesFollowTheEnumerationMode)
 {
-    Unlocked unlocked;
     add_test_identity(make_test_certificate_key("RSA", 1024), "cert", "c");
 
     agent_enum_set(0x13);  // both, certificates first
@@ -159,9 +131,35 @@ TEST(IdentityListing, CertificatesFollowTheEnumerationMode)
     agent_enum_set(0x02);  // as keys only
     EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
     agent_enum_set(0x23);  // keys first; an OpenSSH server gets no certificates
-    vendor_notice(5, 0x200);
+    notice_on(5, 0x200);
     agent_enum_set(0x23);
     EXPECT_EQ(names(list("0b", 5)), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
-    forwarding_notice_connection_closed(5);
+    notice_on(6, 0x400);  // SunSSH: neither certificates nor ECDSA keys
     agent_enum_set(0x13);
+    EXPECT_EQ(names(list("0b", 6)), (std::vector<std::string>{"ssh-rsa"}));
+    forwarding_notice_connection_closed(5);
+    forwarding_notice_connection_closed(6);
+
+    // From 2048 bits on, the SHA-256 certificate form comes first.
+    add_test_identity(make_test_certificate_key("RSA", 2048), "big", "b");
+    agent_enum_set(0x01);
+    std::vector<std::string> both = names(list("0b"));
+    ASSERT_EQ(both.size(), 5u);
+    EXPECT_EQ(both[2], "x509v3-rsa2048-sha256");
+}
+
+// Servers that take plain certificates only: PKIX gets the ECDSA one as
+// plain DER, OpenVMS none; both get RSA as x509v3-sign-rsa alone.
+TEST_F(IdentityListing, PlainCertificatesForPkixAndOpenVms)
+{
+    add_test_identity(make_test_certificate_key("RSA", 1024), "rsa", "r");
+    add_test_identity(make_test_certificate_key("EC"), "ec", "e");
+    using Names = std::vector<std::string>;
+    for (auto [setting, expected] : {std::pair{0x300u, Names{"x509v3-sign-rsa", "x509v3-ecdsa-sha2-nistp256"}},
+                                     {0x500u, Names{"x509v3-sign-rsa"}}}) {
+        notice_on(7, setting);
+        agent_enum_set(0x01);
+        EXPECT_EQ(names(list("0b", 7)), expected) << setting;
+        forwarding_notice_connection_closed(7);
+    }
 }

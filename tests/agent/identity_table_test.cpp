@@ -8,12 +8,14 @@
 
 #include "agent/identity_table.h"
 #include "keys/key.h"
+#include "support/agent_state.h"
 #include "support/identity_fixture.h"
+
+using IdentityTables = AgentStateTest;
 #include "support/log_capture.h"
 
-TEST(IdentityTable, NamesAreUniqueAcrossBothTablesIgnoringCase)
+TEST_F(IdentityTables, NamesAreUniqueAcrossBothTablesIgnoringCase)
 {
-    identity_tables_init();
     KeyPtr first = key_generate(KEY_RSA, 1024);
     EXPECT_EQ(make_identity_name(first.get()), "id_RSA_1024");
     first->name = "ID_rsa_1024";  // other letter case, table 1
@@ -26,13 +28,11 @@ TEST(IdentityTable, NamesAreUniqueAcrossBothTablesIgnoringCase)
     EXPECT_EQ(make_identity_name(third.get()), "id_RSA_1024_3");
     KeyPtr ec = key_generate(KEY_ECDSA, 256);
     EXPECT_EQ(make_identity_name(ec.get()), "id_ECDSA_256");
-    identity_tables_init();
 }
 
-TEST(IdentityTable, CountsOrderAndSweeps)
+TEST_F(IdentityTables, CountsOrderAndSweeps)
 {
     LogCapture log;
-    identity_tables_init();
     IdentityTable *table = identity_table_for_version(2);
     const int64_t now = static_cast<int64_t>(time(nullptr));
     add_test_identity(key_generate(KEY_ECDSA, 256), "expired", "a", now - 1);
@@ -42,8 +42,10 @@ TEST(IdentityTable, CountsOrderAndSweeps)
     EXPECT_EQ(table->nentries, 4);
     EXPECT_EQ(table->ncerts, 1);
 
+    add_test_identity(key_generate(KEY_ED25519, 0), "ends now", "e", static_cast<int64_t>(time(nullptr)));
     remove_expired_identities();
     EXPECT_TRUE(log.contains("keyagent: Removing key: a - lifetime has expired"));
+    EXPECT_TRUE(log.contains("keyagent: Removing key: e - lifetime has expired"));
     ASSERT_EQ(table->nentries, 3);
     EXPECT_EQ(table->identities.front()->key->name, "b");  // insertion order kept
 
@@ -56,30 +58,13 @@ TEST(IdentityTable, CountsOrderAndSweeps)
     EXPECT_THROW(identity_table_for_version(3), FatalError);
     EXPECT_EQ(identity_add(nullptr, nullptr), -1);
     EXPECT_EQ(identity_remove(table, nullptr), -1);
-    identity_tables_init();
-}
-
-TEST(IdentityTable, CertificateLookupAsKey)
-{
-    identity_tables_init();
-    Identity *held = add_test_identity(make_test_certificate_key(), "cert", "c");
-    KeyPtr plain = key_from_private(held->key.get());
-    plain->type = KEY_RSA;
-    plain->cert.reset();
-    // The plain key of the certificate is not the certificate identity...
-    EXPECT_EQ(lookup_identity(plain.get(), 2), nullptr);
-    // ...unless certificates count as keys; the held type stays as it was.
-    EXPECT_EQ(lookup_identity_as_key(plain.get(), 2), held);
-    EXPECT_EQ(held->key->type, KEY_X509_RSA);
-    identity_tables_init();
 }
 
 // In a table large enough for lookups to compare public keys in their
 // encoded form, every kind of key is still found by an equal public copy,
 // also when one side holds its EC point compressed, and a new key is not.
-TEST(IdentityTable, LookupInALargeTableFindsEqualKeysOnly)
+TEST_F(IdentityTables, LookupInALargeTableFindsEqualKeysOnly)
 {
-    identity_tables_init();
     auto compressed_copy = [](const Key *key) {
         KeyPtr copy = key_new(key->type);
         copy->pkey.reset(EVP_PKEY_dup(key->pkey.get()));
@@ -114,5 +99,4 @@ TEST(IdentityTable, LookupInALargeTableFindsEqualKeysOnly)
         KeyPtr stranger = key_generate(type, bits);
         EXPECT_EQ(lookup_identity(stranger.get(), 2), nullptr);
     }
-    identity_tables_init();
 }

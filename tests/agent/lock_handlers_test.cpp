@@ -14,26 +14,9 @@ using LockAndNotices = AgentStateTest;
 
 Bytes with_string(uint8_t number, const std::string &text)
 {
-    Buffer b;
-    buffer_put_char(&b, number);
-    buffer_put_string(&b, text.data(), static_cast<uint32_t>(text.size()));
-    return frame(buffer_bytes(b));
+    return request_of(number, [&](Buffer *b) { buffer_put_cstring(b, text.c_str()); });
 }
 
-Bytes vendor_notice(const std::string &host, uint32_t enum_setting, uint64_t window, uint32_t list_mode)
-{
-    Buffer b;
-    buffer_put_char(&b, 158);
-    buffer_put_cstring(&b, host.c_str());
-    buffer_put_cstring(&b, "10.0.0.7");
-    buffer_put_int(&b, 22);
-    buffer_put_int(&b, 2);  // RSA signature type
-    buffer_put_int(&b, 1);  // DSA signature type
-    buffer_put_int(&b, enum_setting);
-    buffer_put_int64(&b, window);
-    buffer_put_int(&b, list_mode);
-    return frame(buffer_bytes(b));
-}
 
 int manager_notices = 0;
 int redraws = 0;
@@ -140,7 +123,7 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
 {
     LogCapture log;
     agent_set_locked(false);
-    DispatchResult first = dispatch_bytes(vendor_notice("gate", 0x403, 0xabc, 1), 42);
+    DispatchResult first = dispatch_bytes(vendor_notice("gate", 0x403, 0xabc, 1, 2, 1), 42);
     EXPECT_EQ(first.reply, hex_bytes("00000001 06"));
     EXPECT_EQ(first.forwarding_chain, 1);
     EXPECT_EQ(get_x509rsa_sigtype(), 2);
@@ -148,7 +131,7 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
     EXPECT_EQ(agent_enum_get(), 0x403u);
     EXPECT_EQ(agent_dialog_owner(), 0xabcu);
 
-    DispatchResult second = dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1), 42, first.forwarding_chain);
+    DispatchResult second = dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1, 2, 1), 42, first.forwarding_chain);
     EXPECT_EQ(second.forwarding_chain, 2);
     EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: gate (10.0.0.7) port 22"));
     EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: inner (10.0.0.7) port 22"));
@@ -161,12 +144,11 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
     EXPECT_EQ(forwarding_notice_count(), 1u);
 
     // The plain form answers nothing and records nothing.
-    Buffer plain;
-    buffer_put_char(&plain, 206);
-    buffer_put_cstring(&plain, "host");
-    buffer_put_cstring(&plain, "addr");
-    buffer_put_int(&plain, 2222);
-    DispatchResult quiet = dispatch_bytes(frame(buffer_bytes(plain)), 43);
+    DispatchResult quiet = dispatch_bytes(request_of(206, [](Buffer *b) {
+                                              buffer_put_cstring(b, "host");
+                                              buffer_put_cstring(b, "addr");
+                                              buffer_put_int(b, 2222);
+                                          }), 43);
     EXPECT_TRUE(quiet.reply.empty());
     EXPECT_EQ(quiet.forwarding_chain, 1);
     EXPECT_FALSE(forwarding_notice_for_connection(43));
@@ -179,8 +161,4 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
     EXPECT_EQ(forwarding_list_mode(0x300, 1), 8u);
     EXPECT_EQ(forwarding_list_mode(0x500, 1), 7u);
     EXPECT_EQ(forwarding_list_mode(0x600, 4), 4u);
-
-    set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
-    set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
-    agent_enum_set(AGENT_ENUM_INITIAL);
 }

@@ -3,6 +3,9 @@
 #include <openssl/evp.h>
 
 #include "log/agent_log.h"
+#include "keys/secure_file.h"
+#include "pki/cert_store.h"
+#include "platform/platform.h"
 #include "support/agent_state.h"
 
 namespace {
@@ -64,6 +67,14 @@ TEST_F(Settings, HandEditedFileIsReadByPosition)
     EXPECT_EQ(s.UseOnlySha1, 0u);
     EXPECT_EQ(s.CreateLog, 1u);
 
+    // Numbers past the 32-bit range are held at its ends.
+    for (auto [text, minutes] : {std::pair{"99999999999", INT32_MAX}, {"-99999999999", INT32_MIN}, {"-2147483648", INT32_MIN}}) {
+        write_file("tAgent", "Passphrase " + digest + "\nConfirmKeyOp no\nAllowAdd yes\nAllowDelete yes\nAutoLock no\n"
+                             "AutoLockMinutes " + text + "\n");
+        read_agent_settings();
+        EXPECT_EQ(agent_settings().AutoLockMinutes, minutes) << text;
+    }
+
     // No "Passphrase" line: no digest, and then no passphrase verifies.
     write_file("tAgent", "ConfirmKeyOp yes\nAllowAdd no\n");
     read_agent_settings();
@@ -86,6 +97,22 @@ TEST_F(Settings, WhiteSpaceAfterPassphraseShiftsTheDigest)
     std::string read(reinterpret_cast<const char *>(agent_settings().passphrase_digest), 20);
     EXPECT_EQ(read, digest.substr(2) + "\nC");
     EXPECT_EQ(agent_settings().AllowAdd, 1u);
+}
+
+// The digest is its 20 bytes as they stand, up to the very end of the file;
+// lines may end in CR LF.
+TEST_F(Settings, DigestBytesAndLineEnds)
+{
+    write_file("tAgent", "Passphrase " + std::string("\x01", 1) + std::string(19, '\0') + "\n" + DEFAULT_LINES);
+    read_agent_settings();
+    EXPECT_TRUE(agent_passphrase_is_set());
+    write_file("tAgent", "Passphrase " + sha1("pw"));
+    read_agent_settings();
+    EXPECT_EQ(verify_agent_passphrase("pw"), 1);
+    write_file("tAgent", "Passphrase " + sha1("pw") + "\r\nConfirmKeyOp yes\r\nAllowAdd no\r\n");
+    read_agent_settings();
+    EXPECT_EQ(agent_settings().ConfirmKeyOp, 1u);
+    EXPECT_EQ(agent_settings().AllowAdd, 0u);
 }
 
 TEST_F(Settings, SettersRewriteOnlyOnChange)
@@ -138,4 +165,22 @@ TEST_F(Settings, ThirdPartyClientSwitchesAreWrittenOnlyWhenOff)
     read_agent_settings();
     EXPECT_EQ(agent_settings().OpenSshPipe, 0u);
     EXPECT_EQ(agent_settings().Pageant, 1u);
+}
+
+// The certificate store lives in the data folder; without one there is none,
+// and files are read only from a real path.
+TEST_F(Settings, DataFolderPlacesTheCertificateStore)
+{
+    EXPECT_EQ(cert_store_folder(), platform_join_path(folder_.string(), CERT_STORE_FOLDER));
+    agent_data_folder_set("");
+    EXPECT_EQ(cert_store_folder(), "");
+    bool ok = true;
+    EXPECT_TRUE(read_whole_file("", &ok).empty());
+    EXPECT_FALSE(ok);
+    ok = true;
+    read_whole_file(path("none"), &ok);
+    EXPECT_FALSE(ok);
+    write_file("some", "text");
+    EXPECT_EQ(read_whole_file(path("some"), &ok).size(), 4u);
+    EXPECT_TRUE(ok);
 }

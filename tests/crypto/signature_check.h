@@ -1,5 +1,5 @@
-// Helpers for the signature tests: keys under a chosen algorithm, the blob
-// layout taken apart by hand, and OpenSSL's own verifier as the referee.
+// Helpers for the signature tests: the blob layout taken apart by hand, and
+// OpenSSL's own signer and verifier as the referee.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,35 +16,23 @@
 #include "keys/ossl_ptr.h"
 #include "support/bytes.h"
 
-inline KeyPtr signing_key(int type, unsigned bits, const char *algorithm = nullptr)
-{
-    KeyPtr key = key_generate(type, bits);
-    if (key && algorithm)
-        key->sigalg = signature_algorithm_by_name(algorithm);
-    return key;
-}
-
 inline Bytes text_bytes(const std::string &text) { return Bytes(text.begin(), text.end()); }
 
 inline void put_string(Bytes *out, const Bytes &value)
 {
-    uint32_t n = static_cast<uint32_t>(value.size());
-    out->insert(out->end(), {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
-    out->insert(out->end(), value.begin(), value.end());
+    Bytes length = frame(value);
+    out->insert(out->end(), length.begin(), length.end());
 }
 
 // Reads one string at *pos; fails the test when it is cut short.
 inline Bytes take_string(const Bytes &in, size_t *pos)
 {
-    EXPECT_LE(*pos + 4, in.size());
-    if (*pos + 4 > in.size())
-        return {};
-    uint32_t n = get_u32(in.data() + *pos);
-    *pos += 4;
-    EXPECT_LE(*pos + n, in.size());
-    Bytes value(in.begin() + *pos, in.begin() + std::min(in.size(), *pos + n));
-    *pos += n;
-    return value;
+    uint32_t n = *pos + 4 <= in.size() ? get_u32(in.data() + *pos) : 0;
+    EXPECT_LE(*pos + 4 + n, in.size());
+    if (*pos + 4 + n > in.size())
+        return *pos = in.size(), Bytes();
+    *pos += 4 + n;
+    return Bytes(in.begin() + static_cast<long>(*pos - n), in.begin() + static_cast<long>(*pos));
 }
 
 inline Bytes signature_blob(const std::string &name, const Bytes &sig)
@@ -64,10 +52,8 @@ inline ParsedBlob parse_blob(const SecureBytes &blob)
 {
     Bytes in(blob.begin(), blob.end());
     size_t pos = 0;
-    ParsedBlob parsed;
     Bytes name = take_string(in, &pos);
-    parsed.name.assign(name.begin(), name.end());
-    parsed.sig = take_string(in, &pos);
+    ParsedBlob parsed{std::string(name.begin(), name.end()), take_string(in, &pos)};
     EXPECT_EQ(pos, in.size());
     return parsed;
 }
@@ -76,8 +62,7 @@ inline ParsedBlob parse_blob(const SecureBytes &blob)
 inline bool openssl_verifies(EVP_PKEY *pkey, const char *md, const Bytes &sig, const Bytes &data)
 {
     MdCtxPtr ctx(EVP_MD_CTX_new());
-    EVP_PKEY_CTX *pctx = nullptr;
-    return EVP_DigestVerifyInit_ex(ctx.get(), &pctx, md, nullptr, nullptr, pkey, nullptr) == 1 &&
+    return EVP_DigestVerifyInit_ex(ctx.get(), nullptr, md, nullptr, nullptr, pkey, nullptr) == 1 &&
            EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), data.data(), data.size()) == 1;
 }
 
@@ -119,4 +104,44 @@ inline void rs_from_der(const Bytes &der, int width, Bytes *r, Bytes *s)
     BN_bn2binpad(ECDSA_SIG_get0_r(sig), r->data(), width);
     BN_bn2binpad(ECDSA_SIG_get0_s(sig), s->data(), width);
     ECDSA_SIG_free(sig);
+}
+
+// A signature string in SSH form made from OpenSSL's own signature, or the
+// other way round. `form`: "rsa" and "ed" as they are, "raw" (DSA r||s of
+// 40 bytes) or "mpint" (ECDSA: r, s as strings, of `width` bytes each).
+inline Bytes ssh_form(const Bytes &openssl_signature, const std::string &form, int width)
+{
+    if (form == "rsa" || form == "ed")
+        return openssl_signature;
+    Bytes r, s, out;
+    rs_from_der(openssl_signature, form == "raw" ? 20 : width, &r, &s);
+    if (form == "raw")
+        return r.insert(r.end(), s.begin(), s.end()), r;
+    put_string(&out, r);
+    put_string(&out, s);
+    return out;
+}
+
+inline Bytes der_form(const Bytes &ssh_signature, const std::string &form)
+{
+    size_t pos = 0;
+    if (form == "raw" && ssh_signature.size() == 40)
+        return der_from_rs(Bytes(ssh_signature.begin(), ssh_signature.begin() + 20),
+                           Bytes(ssh_signature.begin() + 20, ssh_signature.end()));
+    if (form == "mpint") {
+        Bytes r = take_string(ssh_signature, &pos);
+        return der_from_rs(r, take_string(ssh_signature, &pos));
+    }
+    return ssh_signature;
+}
+
+// OpenSSL alone checks a signature blob against the public key.
+inline void expect_verifies(const SecureBytes &blob, EVP_PKEY *pub, const char *name, const char *md,
+                            const std::string &form, const Bytes &data)
+{
+    ParsedBlob parsed = parse_blob(blob);
+    EXPECT_EQ(parsed.name, name);
+    size_t size = form == "raw" ? 40 : form == "ed" ? 64 : form == "rsa" ? EVP_PKEY_get_size(pub) : parsed.sig.size();
+    EXPECT_EQ(parsed.sig.size(), size);
+    EXPECT_TRUE(openssl_verifies(pub, md, der_form(parsed.sig, form), data)) << name << " " << (md ? md : "");
 }

@@ -36,13 +36,14 @@ std::string altered(const std::string &file, void (*change)(Bytes *))
 TEST(OpensshPrivateKey, ReadsPlainFilesAndRefusesEncryptedAndDamagedOnesWithTheirReason)
 {
     TempFolder folder;
-    std::string plain = folder.path("plain"), locked = folder.path("locked"), dsa = folder.path("dsa");
+    std::string plain = folder.path("plain"), locked = folder.path("locked"), dsa = folder.path("dsa"), rsa = folder.path("rsa");
     ASSERT_EQ(run_tool("ssh-keygen -q -N '' -C abc -t ed25519 -f " + plain).status, 0);
     ASSERT_EQ(run_tool("ssh-keygen -q -N '' -C abc -t dsa -f " + dsa).status, 0);
+    ASSERT_EQ(run_tool("ssh-keygen -q -N '' -C abc -t rsa -b 4096 -f " + rsa).status, 0);  // 513-byte numbers
     ASSERT_EQ(run_tool("ssh-keygen -q -N secret -a 2 -t ed25519 -f " + locked).status, 0);
     OpensshPrivateKey key;
     std::string why;
-    for (const std::string &file : {plain, dsa}) {
+    for (const std::string &file : {plain, dsa, rsa}) {
         ASSERT_EQ(read_text(read_text_file(file), &key, &why), OpensshKeyResult::ok) << why;
         EXPECT_EQ(key.comment, "abc");
         Bytes pub = public_line_blob(file + ".pub");
@@ -60,6 +61,7 @@ TEST(OpensshPrivateKey, ReadsPlainFilesAndRefusesEncryptedAndDamagedOnesWithThei
         {altered(plain, [](Bytes *b) { (*b)[0] = 'O'; }),
          "the OpenSSH private key block does not begin with its magic text"},
         {altered(plain, [](Bytes *b) { (*b)[38] = 2; }), "the file holds 2 keys; only one is read"},
+        {altered(plain, [](Bytes *b) { (*b)[38] = 0; }), "the file holds 0 keys; only one is read"},
         {altered(plain, [](Bytes *b) { (*b)[102] ^= 1; }), "the private section's check numbers differ"},
         {altered(plain, [](Bytes *b) { (*b)[117] = 'x'; }), "key type \"ssh-ed2x519\" is not supported"},
         {altered(plain, [](Bytes *b) { (*b)[93] ^= 1; }), "the public key does not match the private key"},

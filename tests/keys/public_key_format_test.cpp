@@ -83,6 +83,9 @@ TEST(PublicKeyFormat, BlockLinesOfSeventy)
     EXPECT_EQ(lines.size(), 72u + 2u);
     EXPECT_EQ(lines[70], '\n');
     // 105 bytes give exactly 140 characters: two full lines and an empty one.
+    // 51 bytes give 68 characters: one line and its end.
+    std::vector<uint8_t> short_line(51, 1);
+    EXPECT_EQ(base64_lines(short_line.data(), short_line.size()).size(), 69u);
     std::vector<uint8_t> even(105, 1);
     std::string two = base64_lines(even.data(), even.size());
     EXPECT_EQ(two.size(), 143u);

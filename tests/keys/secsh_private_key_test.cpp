@@ -56,8 +56,8 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
 {
     if (system("command -v puttygen > /dev/null") != 0)
         GTEST_SKIP() << "puttygen is not installed";
-    fs::path dir = fs::temp_directory_path() / ("secsh-" + std::to_string(getpid()));
-    fs::create_directories(dir);
+    TempFolder folder;
+    fs::path dir = folder.path();
     for (const char *type : {"rsa", "dsa"}) {
         std::string base = (dir / type).string();
         std::string command = std::string("puttygen -q -t ") + type + " -b 1024 --new-passphrase /dev/null -o " +
@@ -84,7 +84,6 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
         blob.resize(blob.size() / 2);
         EXPECT_FALSE(secsh_private_key_decode(blob.data(), blob.size(), &key));
     }
-    fs::remove_all(dir);
 }
 
 TEST(SecshPrivateKey, RefusesEncryptedAndUnknownKeys)
@@ -109,4 +108,16 @@ TEST(SecshPrivateKey, RefusesEncryptedAndUnknownKeys)
     buffer_put_int(&unknown, 0);
     EXPECT_FALSE(secsh_private_key_decode(buffer_ptr(&unknown), buffer_len(&unknown), &key));
     EXPECT_TRUE(log.contains("unsupported key type ssh-ed25519"));
+
+    // The blob holds at least its magic number and length field, and at
+    // least as many bytes as that field says.
+    Bytes head = hex_bytes("3f6ff9eb 00000008");
+    EXPECT_FALSE(secsh_private_key_decode(head.data(), 7, &key));
+    EXPECT_TRUE(log.contains("secsh_private_key_decode: blob of 7 bytes is not a private key"));
+    EXPECT_FALSE(secsh_private_key_decode(head.data(), 8, &key));
+    EXPECT_FALSE(log.contains("blob of 8 bytes"));
+    EXPECT_FALSE(log.contains("than its length field (8)"));
+    head[7] = 9;
+    EXPECT_FALSE(secsh_private_key_decode(head.data(), 8, &key));
+    EXPECT_TRUE(log.contains("secsh_private_key_decode: blob is shorter (8) than its length field (9)"));
 }

@@ -68,6 +68,12 @@ TEST(Log, FatalRunsCleanupsNewestFirstThenThrows)
         EXPECT_STREQ(e.what(), "broken 7");
     }
     EXPECT_EQ(calls, 10);
+    // A fatal message is cut where every log line is.
+    try {
+        fatal("%s", std::string(3000, 'f').c_str());
+    } catch (const FatalError &e) {
+        EXPECT_EQ(std::string(e.what()), std::string(2047, 'f'));
+    }
     EXPECT_TRUE(log.contains("fatal: broken 7"));
     EXPECT_TRUE(log.contains("Calling cleanup"));
     // Removing a pair that is not registered is itself fatal.
@@ -111,5 +117,14 @@ TEST(Log, AgentLogFileAndControlFile)
     text = read_file_text(forced);
     EXPECT_NE(text.find("Agent Log Setting Disable ignored. Log Enabled by KVLLOG.INI."), std::string::npos);
     EXPECT_NE(text.find("still logging"), std::string::npos);
+
+    // Control lines are read up to 1023 characters.
+    for (size_t length : {1023u, 1024u}) {
+        std::string line = "AGENT=" + (folder / "x").string();
+        line += std::string(length - line.size(), 'y');
+        std::ofstream(folder / "kvllog.ini") << line << "\n";
+        log_file_configure(&state, LOG_COMPONENT_AGENT, folder.string());
+        EXPECT_EQ(state.path, line.substr(6, 1023 - 6)) << length;
+    }
     fs::remove_all(folder);
 }

@@ -2,30 +2,30 @@
 
 #include "keys/cert_key_hooks.h"
 #include "keys/key_blob.h"
+#include "keys/public_key_format.h"
+#include "log/log.h"
 #include "pki/cert_key_layer.h"
+#include "pki/cert_provider.h"
 #include "pki/x509_key_blob.h"
 #include "support/cert_key_layer_environment.h"
 #include "support/test_certificate.h"
 
 namespace {
 
-TEST(CertKeyLayer, InstalledForEveryTest)
-{
-    const CertKeyHooks &hooks = cert_key_hooks();
-    EXPECT_NE(hooks.rfc6187_blob, nullptr);
-    EXPECT_NE(hooks.by_public_key_hash, nullptr);
-}
+// The key code writes and reads certificate identities through the
+// certificate layer; plain keys and plain certificate blobs need no layer.
+struct CertKeyLayer : ::testing::Test {
+    void TearDown() override { cert_key_layer_install(); }
+};
 
-TEST(CertKeyLayer, Rfc6187BlobIsTheChainWritersAndReadsBack)
+TEST_F(CertKeyLayer, CertificateBlobsGoThroughTheLayer)
 {
-    cert_key_layer_install();
     KeyPtr key = x509key_from_certificate(self_signed_p256("layer"), nullptr);
     ASSERT_TRUE(key);
     const char *name = "x509v3-ecdsa-sha2-nistp256";
-    SecureBytes direct;
+    SecureBytes direct, blob;
     uint32_t direct_len = 0;
     ASSERT_GT(ssh_pki_x509key_to_rfc6187_pubkey_blob(key.get(), nullptr, &direct, &direct_len, name, nullptr), 0);
-    SecureBytes blob;
     uint32_t len = key_to_blob(key.get(), &blob, nullptr, name);
     ASSERT_EQ(len, direct_len);
     EXPECT_EQ(blob, direct);
@@ -33,13 +33,47 @@ TEST(CertKeyLayer, Rfc6187BlobIsTheChainWritersAndReadsBack)
     ASSERT_TRUE(again);
     EXPECT_EQ(again->type, KEY_X509_ECDSA);
     EXPECT_TRUE(key_equal(key.get(), again.get()));
-}
-
-TEST(CertKeyLayer, UnknownSourceFindsNothing)
-{
-    cert_key_layer_install();
     uint8_t hash[20] = {};
     EXPECT_EQ(cert_key_hooks().by_public_key_hash(99, hash, sizeof hash), nullptr);
+
+    // Without the layer, only what needs it fails.
+    cert_key_hooks_set(nullptr);
+    EXPECT_THROW(key_to_blob(key.get(), &blob, nullptr, name), FatalError);
+    KeyPtr read = key_new(KEY_UNSPEC);
+    const char *cursor = "x509v3-ecdsa-sha2-nistp256#CERT_PKCS11 AQIDBAUGBwgJCgsMDQ4PEBESExQ=";
+    EXPECT_THROW(key_read(read.get(), &cursor), FatalError);
+    len = key_to_blob(key.get(), &blob, nullptr, "x509v3-sign-rsa");
+    ASSERT_GT(len, 0u);
+    EXPECT_EQ(blob[0], 0x30);  // the DER certificate alone
+    EXPECT_TRUE(key_equal(key_from_blob(blob.data(), len).get(), key.get()));
+    KeyPtr plain = key_generate(KEY_ECDSA, 256);
+    len = key_to_blob(plain.get(), &blob, nullptr, key_ssh_name(plain.get()));
+    EXPECT_TRUE(key_equal(key_from_blob(blob.data(), len).get(), plain.get()));
+}
+
+// A provider installed for a location (the Windows store goes in as 1)
+// answers its lookups; unknown locations have none.
+KeyPtr provided_identity(const std::string &identifier)
+{
+    KeyPtr key = key_generate(KEY_ED25519, 0);
+    key->name = identifier;
+    return key;
+}
+
+TEST_F(CertKeyLayer, InstalledProvidersAnswerTheirLocations)
+{
+    static const CertProvider provider = {provided_identity, nullptr, nullptr};
+    for (uint32_t location : {1u, 2u, 3u}) {
+        cert_provider_set(location, &provider);
+        KeyPtr found = cert_identity_lookup(location, "from the provider");
+        ASSERT_TRUE(found) << location;
+        EXPECT_EQ(found->name, "from the provider");
+        cert_provider_set(location, nullptr);
+        EXPECT_NE(cert_provider_for(location), &provider);
+    }
+    cert_provider_set(4, &provider);
+    EXPECT_EQ(cert_provider_for(4), nullptr);
+    EXPECT_EQ(cert_provider_for(0), nullptr);
 }
 
 }  // namespace

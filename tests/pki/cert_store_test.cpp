@@ -11,16 +11,14 @@
 #include "crypto/signature_types.h"
 #include "keys/buffer.h"
 #include "keys/key_blob.h"
-#include "pki/agent_enum.h"
 #include "pki/cert_provider.h"
-#include "pki/cert_signature_check.h"
+#include "crypto/signature_check.h"
 #include "pki/cert_store.h"
 #include "pki/key_signer.h"
 #include "pki/x509_key_blob.h"
 #include "support/agent_state.h"
 #include "support/dispatch_helper.h"
 #include "support/fips_environment.h"
-#include "support/identity_fixture.h"
 #include "support/log_capture.h"
 #include "support/test_pki.h"
 
@@ -41,14 +39,7 @@ struct CertStoreTest : AgentStateTest {
     void SetUp() override
     {
         AgentStateTest::SetUp();
-        identity_tables_init();
         set_agent_passphrase("agent pass", 0);
-    }
-    void TearDown() override
-    {
-        set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
-        set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
-        AgentStateTest::TearDown();
     }
 
     std::string import(const std::string &leaf, const char *password = "p12pass")
@@ -270,31 +261,4 @@ TEST_F(CertStoreTest, GarbageReferenceLinesFailAlone)
     EXPECT_TRUE(log.contains("bad certificate reference in location 3: field without '='"));
     EXPECT_TRUE(log.contains("bad certificate reference in location 2: no sha1"));
     EXPECT_TRUE(log.contains("the reference carries no matching certificate"));
-}
-
-// An identity of the store is listed as a certificate, as its plain key or
-// as both, as the enumeration mode says.
-TEST_F(CertStoreTest, ListedInEveryEnumerationMode)
-{
-    add_test_identity(cert_identity_lookup(CERT_SOURCE_TARNWELL, import("p256").c_str()), "c", "p256");
-    for (auto [mode, certs, keys] : {std::tuple{1u, true, false}, {2u, false, true}, {0x13u, true, true}, {0x23u, true, true}}) {
-        SCOPED_TRACE(mode);
-        agent_enum_set(mode);
-        Bytes reply = dispatch_bytes(request_hex("0b")).reply;
-        Buffer b;
-        buffer_append(&b, reply.data(), static_cast<uint32_t>(reply.size()));
-        buffer_get_int(&b);
-        ASSERT_EQ(buffer_get_char(&b), 12);
-        bool saw_cert = false, saw_key = false;
-        for (uint32_t n = buffer_get_int(&b); n > 0; --n) {
-            uint32_t len = 0;
-            SecureBytes blob = buffer_get_string(&b, &len);
-            buffer_get_string(&b);
-            std::string name = key_blob_name(blob.data(), len);
-            (name.rfind("x509v3-", 0) == 0 ? saw_cert : saw_key) = true;
-        }
-        EXPECT_EQ(saw_cert, certs);
-        EXPECT_EQ(saw_key, keys);
-    }
-    agent_enum_set(0x13);
 }

@@ -9,7 +9,7 @@
 #include "agent/identity_table.h"
 #include "agent/key_store.h"
 #include "pki/cert_provider.h"
-#include "pki/cert_signature_check.h"
+#include "crypto/signature_check.h"
 #include "pki/key_signer.h"
 #include "pki/pkcs11_token.h"
 #include "support/agent_state.h"
@@ -60,7 +60,6 @@ struct Pkcs11Test : AgentStateTest {
     void SetUp() override
     {
         AgentStateTest::SetUp();
-        identity_tables_init();
         set_agent_passphrase("agent pass", 0);
         pkcs11_modules_reset();  // a fresh process: no session, nobody logged in
         pin_answers.clear();

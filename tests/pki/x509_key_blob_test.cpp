@@ -2,6 +2,7 @@
 
 #include <openssl/pem.h>
 
+#include "crypto/crypto_module.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
 #include "keys/kvl.h"
@@ -174,6 +175,32 @@ TEST(X509KeyBlob, ChainOrderAndNames)
     sk_X509_push(foreign.get(), x509_ref(root.get()).release());
     EXPECT_EQ(rfc6187_blob(key.get(), "x509v3-ecdsa-sha2-nistp256", foreign.get()),
               expected_rfc6187("x509v3-ecdsa-sha2-nistp256", {Certificates::der(leaf.get())}));
+
+    // Without a list, the PKI's chain counts once it holds more than the
+    // certificate itself.
+    static X509 *issuer = nullptr;
+    CryptoApi api = *crypto_module_get();
+    api.pki_ca_chain = [](PkiObject *, X509 *cert) {
+        STACK_OF(X509) *list = sk_X509_new_null();
+        sk_X509_push(list, x509_ref(cert).release());
+        if (issuer)
+            sk_X509_push(list, x509_ref(issuer).release());
+        return list;
+    };
+    crypto_module_replace_api(&api);
+    PkiObject *pki = api.pki_new();
+    for (X509 *above : {inter.get(), static_cast<X509 *>(nullptr)}) {
+        issuer = above;
+        SecureBytes with_pki;
+        uint32_t len = 0;
+        ssh_pki_x509key_to_rfc6187_pubkey_blob(key.get(), nullptr, &with_pki, &len, "x509v3-ecdsa-sha2-nistp256", pki);
+        EXPECT_EQ(Bytes(with_pki.begin(), with_pki.end()),
+                  above ? expected_rfc6187("x509v3-ecdsa-sha2-nistp256",
+                                           {Certificates::der(leaf.get()), Certificates::der(inter.get())})
+                        : expected_rfc6187("x509v3-ecdsa-sha2-nistp256", {Certificates::der(leaf.get())}));
+    }
+    api.pki_delete(pki);
+    crypto_module_replace_api(nullptr);
 
     // Only the first certificate of a read chain counts.
     KeyPtr read = ssh_pki_x509key_from_blob(blob.data(), static_cast<uint32_t>(blob.size()));

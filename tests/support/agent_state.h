@@ -1,25 +1,86 @@
 // A private data folder and a clean process-wide agent state for each test:
-// default settings, no held passphrase, locked, no shell services, no registrations.
+// default settings, no held passphrase, locked, empty identity tables, the
+// initial enumeration mode and signature types, no FIPS requirement, the
+// library's own crypto table, no shell services, no registrations.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <cstring>
+#include <string>
+
+#if !defined(_WIN32)
+#include <cerrno>
+#include <csignal>
+#include <unistd.h>
+#endif
 
 #include "agent/change_notice.h"
 #include "agent/data_folder.h"
+#include "agent/forwarding_notice.h"
 #include "agent/handlers.h"
+#include "agent/identity_table.h"
+#include "agent/key_store.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
 #include "agent/shell_services.h"
+#include "crypto/crypto_module.h"
+#include "crypto/signature_types.h"
+#include "pki/agent_enum.h"
+#include "support/fips_environment.h"
 #include "support/files.h"
+
+// The state folders of one test process lie in one folder named after the
+// process, removed when the process ends. A process that dies without
+// cleaning up (a crash, a killed run) leaves its folder to the next test
+// process, which removes the folders of processes that no longer run.
+class StateRoot {
+public:
+    static const std::filesystem::path &path()
+    {
+        static StateRoot root;
+        return root.path_;
+    }
+    ~StateRoot()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+private:
+    static constexpr const char *PREFIX = "tarnwell-state-p";
+    StateRoot()
+    {
+        std::filesystem::path temp = std::filesystem::temp_directory_path();
+        std::error_code ignored;
+#if !defined(_WIN32)
+        for (const auto &entry : std::filesystem::directory_iterator(temp, ignored)) {
+            std::string name = entry.path().filename().string();
+            if (name.rfind(PREFIX, 0) != 0 || name.size() == strlen(PREFIX) ||
+                name.find_first_not_of("0123456789", strlen(PREFIX)) != std::string::npos)
+                continue;
+            pid_t owner = static_cast<pid_t>(std::stol(name.substr(strlen(PREFIX))));
+            if (kill(owner, 0) != 0 && errno == ESRCH)
+                std::filesystem::remove_all(entry.path(), ignored);
+        }
+        path_ = temp / (PREFIX + std::to_string(getpid()));
+#else
+        path_ = fresh_temp_folder("state");
+#endif
+        std::filesystem::create_directories(path_);
+    }
+    std::filesystem::path path_;
+};
 
 class AgentStateTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        folder_ = fresh_temp_folder("state");
+        folder_ = StateRoot::path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::filesystem::remove_all(folder_);
+        std::filesystem::create_directories(folder_);
         agent_data_folder_set(folder_.string());
         reset_state();
     }
@@ -47,5 +108,24 @@ private:
         agent_set_locked(true);
         shell_services_set(ShellServices{});
         refresh_registrations_clear();
+        identity_tables_init();
+        agent_enum_set(AGENT_ENUM_INITIAL);
+        set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
+        set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
+        unset_environment("TARNWELL_FIPS");
+        crypto_fips_flag_set(false);
+        crypto_module_replace_api(nullptr);
+        agent_dialog_owner_set(0);
+        unreadable_records().clear();
+    }
+};
+
+// The same, unlocked: the state request handlers work in.
+class UnlockedAgentTest : public AgentStateTest {
+protected:
+    void SetUp() override
+    {
+        AgentStateTest::SetUp();
+        agent_set_locked(false);
     }
 };

@@ -5,6 +5,8 @@
 
 #include "agent/identity_table.h"
 #include "keys/key.h"
+#include "keys/key_blob.h"
+#include "support/bytes.h"
 #include "pki/x509_key_blob.h"
 
 inline Identity *add_test_identity(KeyPtr key, const char *comment, const char *name, int64_t death = 0,
@@ -37,4 +39,12 @@ inline KeyPtr make_test_certificate_key(const char *algorithm = "RSA", unsigned 
     key->pkey.reset(pkey);  // the private half, so that the identity can sign
     key->cert_source = CERT_SOURCE_TARNWELL;
     return key;
+}
+
+// A key's public blob under `name` (its own blob name by default).
+inline Bytes public_blob(const Key *key, const char *name = nullptr)
+{
+    SecureBytes blob;
+    uint32_t len = key_to_blob(key, &blob, nullptr, name ? name : key_blob_type_name(key));
+    return Bytes(blob.begin(), blob.begin() + len);
 }

@@ -1,0 +1,289 @@
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include <openssl/obj_mac.h>
+
+#include "crypto/crypto_module.h"
+#include "crypto/dsa_signature.h"
+#include "crypto/ecdsa_signature.h"
+#include "crypto/rsa_signature.h"
+#include "crypto/signature_check.h"
+#include "crypto/signature_types.h"
+#include "pki/key_signer.h"
+#include "support/fips_environment.h"
+#include "support/log_capture.h"
+
+namespace {
+
+const Bytes DATA = text_bytes("session id and user auth request");
+
+// One key per type and size for the whole program: generation is slow.
+Key *shared_key(int type, unsigned bits)
+{
+    static std::map<std::pair<int, unsigned>, KeyPtr> keys;
+    KeyPtr &key = keys[{type, bits}];
+    if (!key)
+        key = key_generate(type, bits);
+    key->sigalg = nullptr;
+    return key.get();
+}
+
+SecureBytes sign(const Key *key, const Bytes &data = DATA, int expected = 0)
+{
+    SecureBytes blob;
+    EXPECT_EQ(key_sign(nullptr, 0, key, &blob, data.data(), data.size(), nullptr, 0), expected);
+    return blob;
+}
+
+int verify(const Key *key, const Bytes &blob, const Bytes &data = DATA)
+{
+    return key_verify(key, blob.data(), blob.size(), data.data(), data.size());
+}
+
+struct SigtypeSetting {
+    explicit SigtypeSetting(int value) { set_x509rsa_sigtype(value); }
+    ~SigtypeSetting() { set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT); }
+};
+
+}  // namespace
+
+// Every algorithm: OpenSSL verifies what the agent signs, the agent
+// verifies what OpenSSL signs, and nothing verifies over other data.
+TEST(Signature, EveryAlgorithmAgreesWithOpenSsl)
+{
+    struct Row { int type; unsigned bits; const char *algorithm, *md, *form; };
+    const Row rows[] = {
+        {KEY_RSA, 2048, "ssh-rsa", "SHA1", "rsa"},
+        {KEY_RSA, 2048, "rsa-sha2-256", "SHA256", "rsa"},
+        {KEY_RSA, 2048, "rsa-sha2-512", "SHA512", "rsa"},
+        {KEY_RSA, 2048, SSH_RSA_SHA256_VENDOR_ALIAS, "SHA256", "rsa"},
+        {KEY_RSA, 3072, nullptr, "SHA1", "rsa"},
+        {KEY_DSA, 1024, "ssh-dss", "SHA1", "raw"},
+        {KEY_ECDSA, 256, "ecdsa-sha2-nistp256", "SHA256", "mpint"},
+        {KEY_ECDSA, 384, "ecdsa-sha2-nistp384", "SHA384", "mpint"},
+        {KEY_ECDSA, 521, "ecdsa-sha2-nistp521", "SHA512", "mpint"},
+        {KEY_ED25519, 256, "ssh-ed25519", nullptr, "ed"},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.algorithm ? r.algorithm : "no row");
+        Key *key = shared_key(r.type, r.bits);
+        key->sigalg = r.algorithm ? signature_algorithm_by_name(r.algorithm) : nullptr;
+        SecureBytes blob = sign(key);
+        // Without a selected row the key signs under its own name.
+        const char *name = r.algorithm ? r.algorithm : "ssh-rsa";
+        expect_verifies(blob, key->pkey.get(), name, r.md, r.form, DATA);
+        EXPECT_EQ(verify(key, Bytes(blob.begin(), blob.end())), 1);
+        EXPECT_EQ(verify(key, Bytes(blob.begin(), blob.end()), text_bytes("other")), 0);
+        Bytes theirs = ssh_form(openssl_sign(key->pkey.get(), r.md, DATA), r.form, (static_cast<int>(r.bits) + 7) / 8);
+        EXPECT_EQ(verify(key, signature_blob(name, theirs)), 1);
+    }
+    // A certificate identity's ECDSA key signs under the plain name.
+    KeyPtr identity = key_new(KEY_X509_ECDSA);
+    identity->pkey.reset(EVP_PKEY_dup(shared_key(KEY_ECDSA, 384)->pkey.get()));
+    identity->ecdsa_nid = KEY_NID_P384;
+    SecureBytes made;
+    ASSERT_EQ(ssh_ecdsa_sign(identity.get(), &made, DATA.data(), DATA.size(), 0), SSH_ECDSA_OK);
+    expect_verifies(made, identity->pkey.get(), "ecdsa-sha2-nistp384", "SHA384", "mpint", DATA);
+}
+
+TEST(Signature, RsaLengthsAndBlobChecks)
+{
+    LogCapture log;
+    // A signature whose first byte is zero is still as long as the modulus;
+    // a shorter one is padded on verification, a longer one refused.
+    Key *key = shared_key(KEY_RSA, 1023);
+    key->sigalg = signature_algorithm_by_name("rsa-sha2-256");
+    ASSERT_EQ(EVP_PKEY_get_size(key->pkey.get()), 128);
+    Bytes data;
+    ParsedBlob blob;
+    for (int i = 0; i < 5000 && (blob.sig.empty() || blob.sig[0] != 0); ++i)
+        blob = parse_blob(sign(key, data = text_bytes("attempt " + std::to_string(i))));
+    ASSERT_EQ(blob.sig[0], 0) << "no signature with a leading zero byte found";
+    EXPECT_EQ(blob.sig.size(), 128u);
+    EXPECT_TRUE(openssl_verifies(key->pkey.get(), "SHA256", blob.sig, data));
+    EXPECT_EQ(verify(key, signature_blob("rsa-sha2-256", Bytes(blob.sig.begin() + 1, blob.sig.end())), data), 1);
+    EXPECT_TRUE(log.contains("ssh_rsa_verify: add padding: modlen 128 > len 127"));
+    Bytes longer = blob.sig;
+    longer.insert(longer.begin(), 0);
+    EXPECT_EQ(verify(key, signature_blob("rsa-sha2-256", longer), data), -1);
+    EXPECT_TRUE(log.contains("ssh_rsa_verify: len 129 > modlen 128"));
+
+    // Moduli from 768 bits verify; smaller ones sign but never verify.
+    for (auto [bits, result] : {std::pair{512u, -1}, {767u, -1}, {768u, 1}}) {
+        Key *k = shared_key(KEY_RSA, bits);
+        Bytes made = parse_blob(sign(k)).sig;
+        EXPECT_TRUE(openssl_verifies(k->pkey.get(), "SHA1", made, DATA));
+        EXPECT_EQ(verify(k, signature_blob("ssh-rsa", made)), result) << bits;
+    }
+    EXPECT_TRUE(log.contains("ssh_rsa_verify: RSA modulus too small: 767 < minimum 768 bits"));
+
+    Bytes sig = parse_blob(sign(key)).sig;
+    EXPECT_EQ(verify(key, signature_blob("RSA-SHA2-256", sig)), 1);
+    EXPECT_EQ(verify(key, signature_blob("ssh-rsa", sig)), -1);
+    EXPECT_TRUE(log.contains("ssh_rsa_verify: cannot handle type ssh-rsa"));
+    Bytes trailing = signature_blob("rsa-sha2-256", sig);
+    trailing.push_back(7);
+    EXPECT_EQ(verify(key, trailing), -1);
+    EXPECT_TRUE(log.contains("ssh_rsa_verify: remaining bytes in signature 1"));
+    EXPECT_EQ(key_verify(key, trailing.data(), 0, DATA.data(), DATA.size()), -1);
+}
+
+TEST(Signature, DsaAndEcdsaBlobChecks)
+{
+    LogCapture log;
+    Key *dsa = shared_key(KEY_DSA, 1024);
+    Bytes sig = parse_blob(sign(dsa)).sig;
+    EXPECT_EQ(verify(dsa, signature_blob("SSH-DSS", sig)), -1);  // exact name only
+    EXPECT_TRUE(log.contains("ssh_dss_verify: cannot handle type SSH-DSS"));
+    for (size_t size : {39u, 41u}) {
+        Bytes resized = sig;
+        resized.resize(size);
+        EXPECT_EQ(verify(dsa, signature_blob("ssh-dss", resized)), -1) << size;
+    }
+    EXPECT_TRUE(log.contains("bad sigbloblen 41 != SIGBLOB_LEN"));
+    Bytes trailing = signature_blob("ssh-dss", sig);
+    trailing.push_back(1);
+    EXPECT_EQ(verify(dsa, trailing), -1);
+    EXPECT_TRUE(log.contains("ssh_dss_verify: remaining bytes in signature 1"));
+
+    // An r with its top bit set travels with a zero byte in front.
+    Key *ec = shared_key(KEY_ECDSA, 256);
+    Bytes r, s, signed_data, inner;
+    for (int i = 0; i < 200 && (r.empty() || r[0] != 0); ++i) {
+        signed_data = text_bytes("try " + std::to_string(i));
+        inner = parse_blob(sign(ec, signed_data)).sig;
+        size_t pos = 0;
+        r = take_string(inner, &pos);
+        s = take_string(inner, &pos);
+    }
+    ASSERT_EQ(r.size(), 33u);
+    ASSERT_GE(r[1], 0x80);
+    EXPECT_EQ(verify(ec, signature_blob("ECDSA-SHA2-NISTP256", inner), signed_data), 1);
+    Bytes third = inner;
+    put_string(&third, Bytes{1});
+    EXPECT_EQ(verify(ec, signature_blob("ecdsa-sha2-nistp256", third), signed_data), 0);
+    EXPECT_TRUE(log.contains("ssh_ecdsa_parse_sig: data remaining in sigature buffer."));
+    // One byte more after the numbers, or after the signature string.
+    Bytes one_more = inner;
+    one_more.push_back(0);
+    EXPECT_EQ(verify(ec, signature_blob("ecdsa-sha2-nistp256", one_more), signed_data), 0);
+    Bytes after = signature_blob("ecdsa-sha2-nistp256", inner);
+    after.push_back(0);
+    EXPECT_NE(verify(ec, after, signed_data), 1);
+    Bytes cut = signature_blob("ecdsa-sha2-nistp256", inner);
+    cut.pop_back();
+    EXPECT_EQ(ssh_ecdsa_verify(ec, cut.data(), cut.size(), signed_data.data(), signed_data.size(), 0), SSH_ECDSA_ERROR);
+    EXPECT_TRUE(log.contains("ssh_ecdsa_verify: failed to parse signature blob"));
+    SecureBytes one_number(inner.begin(), inner.begin() + 4 + 33);
+    EXPECT_EQ(ssh_ecdsa_parse_sig(&one_number), -1);
+
+    SecureBytes made;
+    EXPECT_EQ(ssh_ecdsa_sign(shared_key(KEY_RSA, 1024), &made, DATA.data(), DATA.size(), 0), SSH_ECDSA_BAD_KEY);
+    EXPECT_EQ(verify(shared_key(KEY_RSA, 1024), signature_blob("ecdsa-sha2-nistp256", inner)), -1);
+    KeyPtr unknown = key_new(KEY_UNSPEC);
+    EXPECT_EQ(verify(unknown.get(), inner), -1);
+    EXPECT_TRUE(log.contains("key_verify: illegal key type 8"));
+    EXPECT_NE(key_sign(nullptr, 0, unknown.get(), &made, DATA.data(), DATA.size(), nullptr, 0), 0);
+    // Certificate identities of these types are the certificate layer's.
+    KeyPtr cert = key_new(KEY_X509_RSA);
+    cert->pkey.reset(EVP_PKEY_dup(shared_key(KEY_RSA, 1024)->pkey.get()));
+    SecureBytes none;
+    EXPECT_NE(key_sign(nullptr, 0, cert.get(), &none, DATA.data(), DATA.size(), nullptr, 0), 0);
+    EXPECT_TRUE(none.empty());
+    EXPECT_TRUE(log.contains("key_sign: certificate signatures are not supported for key type 3"));
+}
+
+// Signature type 0 signs RSA with MD5 under the row's name; verification
+// keeps the row's hash.
+TEST(Signature, SigtypeZeroSignsWithMd5)
+{
+    Key *key = shared_key(KEY_RSA, 2048);
+    key->sigalg = signature_algorithm_by_name("rsa-sha2-512");
+    LogCapture log;
+    SigtypeSetting md5(0);
+    ParsedBlob blob = parse_blob(sign(key));
+    EXPECT_EQ(blob.name, "rsa-sha2-512");
+    EXPECT_TRUE(openssl_verifies(key->pkey.get(), "MD5", blob.sig, DATA));
+    EXPECT_EQ(verify(key, signature_blob("rsa-sha2-512", blob.sig)), 0);
+    EXPECT_TRUE(log.contains("bad decrypted len: 34 != 19 + 64"));
+}
+
+// Under FIPS rules: no MD5 or SHA-1 RSA signatures, RSA keys of the listed
+// sizes only, DSA signs nothing (and says it succeeded), Ed25519 only where
+// the module's FIPS implementation has it; verification stays allowed.
+TEST(Signature, FipsRules)
+{
+    Key *rsa = shared_key(KEY_RSA, 2048);
+    rsa->sigalg = signature_algorithm_by_name("ssh-rsa");
+    Bytes sha1_made = parse_blob(sign(rsa)).sig;
+    Key *ed = shared_key(KEY_ED25519, 256);
+    SecureBytes ed_made = sign(ed);
+    LogCapture log;
+    FipsEnvironment fips;
+    rsa->sigalg = signature_algorithm_by_name("ssh-rsa");
+    EXPECT_TRUE(sign(rsa, DATA, -1).empty());
+    EXPECT_TRUE(log.contains("FIPS: MD5 and SHA1 signatures not allowed."));
+    EXPECT_EQ(verify(rsa, signature_blob("ssh-rsa", sha1_made)), 1);
+    for (auto [bits, result] : {std::pair{1024u, -1}, {2048u, 0}, {3072u, 0}}) {
+        Key *k = shared_key(KEY_RSA, bits);
+        k->sigalg = signature_algorithm_by_name("rsa-sha2-256");
+        SecureBytes blob = sign(k, DATA, result);
+        EXPECT_EQ(blob.empty(), result != 0) << bits;
+    }
+    EXPECT_TRUE(log.contains("Invalid key length 1024. In FIPS mode, RSA key length must be 2048, 3072, 4096 or 8192."));
+    EXPECT_TRUE(sign(shared_key(KEY_DSA, 1024)).empty());
+    EXPECT_TRUE(log.contains("ssh_DSA_do_sign: FIPS does not allow DSA keys"));
+    EXPECT_TRUE(sign(ed, DATA, -1).empty());
+    EXPECT_TRUE(log.contains("ssh_ed25519_sign: FIPS does not allow Ed25519 keys"));
+    EXPECT_EQ(verify(ed, Bytes(ed_made.begin(), ed_made.end())), 1);
+    CryptoApi api = *crypto_module_get();
+    api.fips_provides_signature = [](const char *) { return 1; };
+    crypto_module_replace_api(&api);
+    EXPECT_FALSE(sign(ed).empty());
+    crypto_module_replace_api(nullptr);
+
+    uint8_t md5_digest[16] = {};
+    EXPECT_EQ(rsa_verify_digest_info(NID_md5, md5_digest, 16, sha1_made.data(), sha1_made.size(), rsa->pkey.get()), 0);
+    EXPECT_TRUE(log.contains("FIPS: Invalid operation.  RSA signature must be SHA1 based."));
+}
+
+TEST(Signature, DigestInfoChecks)
+{
+    EVP_PKEY *pkey = shared_key(KEY_RSA, 1024)->pkey.get();
+    uint8_t digest[32];
+    for (int i = 0; i < 32; ++i)
+        digest[i] = uint8_t(i);
+    Bytes info = hex_bytes("3031300d060960864801650304020105000420");
+    info.insert(info.end(), digest, digest + 32);
+    // Signs a prepared DigestInfo block as it stands.
+    auto sign_raw = [&](const Bytes &block) {
+        PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey, nullptr));
+        Bytes sig(128);
+        size_t len = sig.size();
+        EXPECT_EQ(EVP_PKEY_sign_init(ctx.get()), 1);
+        EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING), 1);
+        EXPECT_EQ(EVP_PKEY_sign(ctx.get(), sig.data(), &len, block.data(), block.size()), 1);
+        return sig;
+    };
+    Bytes good = sign_raw(info);
+    LogCapture log;
+    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, good.data(), good.size(), pkey), 1);
+    EXPECT_EQ(rsa_verify_digest_info(NID_sha384, digest, 32, good.data(), good.size(), pkey), 0);
+    EXPECT_TRUE(log.lines().empty());  // no DigestInfo for SHA-384, silently
+    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 31, good.data(), good.size(), pkey), 0);
+    EXPECT_TRUE(log.contains("bad hashlen"));
+    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, good.data(), 0, pkey), 0);
+    EXPECT_TRUE(log.contains("bad siglen"));
+    Bytes other_oid = info;
+    other_oid[16] ^= 1;
+    Bytes wrong_oid = sign_raw(other_oid);
+    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, wrong_oid.data(), wrong_oid.size(), pkey), 0);
+    EXPECT_TRUE(log.contains("oid mismatch"));
+    digest[31] ^= 1;
+    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, good.data(), good.size(), pkey), 0);
+    EXPECT_TRUE(log.contains("hash mismatch"));
+    Bytes garbage(128, 0x5a);
+    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, garbage.data(), garbage.size(), pkey), 0);
+    EXPECT_TRUE(log.contains("EVP_PKEY_decrypt failed: "));
+}
