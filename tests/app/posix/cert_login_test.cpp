@@ -62,7 +62,7 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
     for (int run_number = 0; run_number < 2; ++run_number) {
         SCOPED_TRACE(run_number == 0 ? "first run" : "after a restart");
         // The vendor forwarding notice's mode 2: certificates offered as keys only.
-        EXPECT_EQ(AgentClient(agent.socket_path()).request(vendor_forwarding_notice("test", "127.0.0.1", 2)),
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(vendor_notice("test", 2)),
                   hex_bytes("0000000106"));
         EXPECT_TRUE(logs_in(token_leaf, "token-ok"));
         EXPECT_TRUE(logs_in(token_leaf, "token-again"));

@@ -21,7 +21,7 @@
 #include "crypto/signature_types.h"
 #include "keys/signature_algorithm.h"
 #include "pki/cert_key_layer.h"
-#include "pki/cert_signature_check.h"
+#include "crypto/signature_check.h"
 #include "pki/key_signer.h"
 #include "support/log_capture.h"
 #include "win32/windows_agent.h"
