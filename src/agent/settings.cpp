@@ -7,6 +7,7 @@
 
 #include "agent/data_folder.h"
 #include "agent/key_store_files.h"
+#include "keys/secure_file.h"
 #include "log/agent_log.h"
 #include "platform/platform.h"
 
@@ -216,7 +217,21 @@ const char *settings_file_state_text(SettingsFileState state)
 
 bool settings_digest_reads_back(const uint8_t digest[AGENT_DIGEST_LENGTH]) { return !is_space(digest[0]); }
 
-void write_agent_settings() { write_agent_settings_file(agent_settings()); }
+// The auto-lock values belong to the manager program, which writes them into
+// the file while the agent runs; the agent keeps what the file holds now
+// instead of what it read at its start.
+void write_agent_settings()
+{
+    AgentSettings &settings = agent_settings();
+    bool ok = false;
+    SecureBytes current = read_whole_file(agent_data_path(AGENT_SETTINGS_FILE), &ok);
+    if (ok) {
+        AgentSettings written = parse_agent_settings(current.data(), current.size());
+        settings.AutoLock = written.AutoLock;
+        settings.AutoLockMinutes = written.AutoLockMinutes;
+    }
+    write_agent_settings_file(settings);
+}
 
 void write_agent_settings_file(const AgentSettings &settings)
 {

@@ -37,7 +37,7 @@ TEST_F(Settings, WrittenFileHasTheExactLayoutAndMode)
 
     agent_settings().AutoLockMinutes = -12;
     agent_settings().CreateLog = 1;
-    write_agent_settings();
+    write_agent_settings_file(agent_settings());
     std::string text = file_text("tAgent");
     EXPECT_NE(text.find("\nAutoLockMinutes -12\n"), std::string::npos);
     EXPECT_NE(text.find("\nCreateLog yes\n"), std::string::npos);
@@ -131,6 +131,13 @@ TEST_F(Settings, SettersRewriteOnlyOnChange)
     EXPECT_EQ(file_text("tAgent").substr(32),
               "ConfirmKeyOp yes\nAllowAdd no\nAllowDelete no\nAutoLock no\nAutoLockMinutes 0\n"
               "AttemptEmpty no\nUseOnlySha1 yes\nCreateLog no\n");
+    // The manager writes the auto-lock values into the file; the agent's
+    // next write keeps them.
+    std::string text = file_text("tAgent");
+    text.replace(text.find("AutoLock no\nAutoLockMinutes 0"), 29, "AutoLock yes\nAutoLockMinutes 15");
+    write_file("tAgent", text);
+    EXPECT_EQ(set_use_only_sha1(0), 1);
+    EXPECT_NE(file_text("tAgent").find("\nAutoLock yes\nAutoLockMinutes 15\n"), std::string::npos);
 
     // CreateLog switches the agent log file at once.
     LogFileState saved = agent_log_file();
