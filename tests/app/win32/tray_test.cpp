@@ -1,7 +1,6 @@
 // The tray icon and its menu under Wine. A stand-in notification area (a
-// window of class "Shell_TrayWnd" that answers WM_COPYDATA) records what
-// the agent asks of the shell; the expected records are made by asking the
-// same shell call here with the expected values, so that the comparison
+// "Shell_TrayWnd" window) records the agent's shell calls; the expected
+// records are made by the same shell call here, so that the comparison
 // does not depend on how Wine packs them.
 #include <windows.h>
 #include <shellapi.h>
@@ -165,6 +164,16 @@ bool agent_locked(HWND agent)
 
 void post_command(HWND agent, uint32_t command) { PostMessageW(agent, WM_COMMAND, command, 0); }
 
+// Dialog 124 answered with `passphrase`.
+void unlock_with(HWND agent, const wchar_t *passphrase)
+{
+    post_command(agent, MENU_UNLOCK);
+    HWND dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
+    ASSERT_NE(dialog, nullptr);
+    type_into(dialog, 126, passphrase);
+    press(dialog, IDOK);
+}
+
 // The manager window's process, once its window is up.
 WinHandle manager_process()
 {
@@ -231,23 +240,14 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
         << "identifier 15000, message 1025, the title as tip and the locked picture";
 
     // A wrong passphrase is reported by message 123; the agent stays locked.
-    post_command(window, MENU_UNLOCK);
-    HWND dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
-    ASSERT_NE(dialog, nullptr);
-    type_into(dialog, 126, L"wrong");
-    press(dialog, IDOK);
+    unlock_with(window, L"wrong");
     HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
     ASSERT_NE(box, nullptr);
     EXPECT_NE(static_texts(box).find(resource_text(TEXT_UNLOCK_FAILED)), std::wstring::npos);
     press(box, IDOK);
     EXPECT_TRUE(tray.sees(window, NIM_MODIFY, locked_picture));
     EXPECT_TRUE(agent_locked(window));
-
-    post_command(window, MENU_UNLOCK);
-    dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
-    ASSERT_NE(dialog, nullptr);
-    type_into(dialog, 126, L"secret");
-    press(dialog, IDOK);
+    unlock_with(window, L"secret");
     EXPECT_TRUE(tray.sees(window, NIM_MODIFY, unlocked_picture));
     EXPECT_FALSE(agent_locked(window));
 
@@ -278,9 +278,22 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
         TerminateProcess(manager.get(), 1);
 }
 
+// Another process cannot read a menu's items (which are grayed is checked
+// on the menu the same builder makes, above), but it can choose them with
+// the keyboard.
+void choose(HWND agent, int position)
+{
+    HWND popup = open_tray_menu(agent);
+    ASSERT_NE(popup, nullptr) << "no menu opened";
+    for (int i = 0; i <= position; ++i)
+        PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
+    PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
+    EXPECT_TRUE(eventually([&] { return !IsWindowVisible(popup); })) << "the menu stayed open";
+}
+
 // With AttemptEmpty on and the empty passphrase valid, unlock asks nothing:
 // the command returns while no dialog is open.
-TEST(TrayIcon, UnlockTriesTheEmptyPassphraseFirst)
+TEST(TrayIcon, MenuLocksAndUnlocksWithTheEmptyPassphraseFirst)
 {
     WindowsAgent agent;
     agent.seed_passphrase("");
@@ -292,45 +305,9 @@ TEST(TrayIcon, UnlockTriesTheEmptyPassphraseFirst)
     ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_UNLOCK, 0, SMTO_NORMAL, 20000, &result))
         << "the unlock waited for a dialog";
     EXPECT_FALSE(agent_locked(window));
-}
-
-// Chooses the item at `position` of the real popup with the keyboard:
-// another process cannot read a menu's items, but it can choose them
-// (which items are grayed is checked on the menu the same builder makes,
-// above). The command is posted
-// to the agent, so its effect is awaited by the caller.
-void choose(HWND agent, int position)
-{
-    HWND popup = open_tray_menu(agent);
-    ASSERT_NE(popup, nullptr) << "no menu opened";
-    for (int i = 0; i <= position; ++i)
-        PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
-    PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
-    for (int attempt = 0; attempt < 200 && IsWindowVisible(popup); ++attempt)
-        Sleep(50);
-    EXPECT_FALSE(IsWindowVisible(popup)) << "the menu stayed open";
-}
-
-bool lock_state_becomes(HWND agent, bool locked)
-{
-    for (int attempt = 0; attempt < 200; ++attempt) {
-        if (agent_locked(agent) == locked)
-            return true;
-        Sleep(50);
-    }
-    return false;
-}
-
-TEST(TrayIcon, RightClickMenuLocksAndUnlocks)
-{
-    WindowsAgent agent;
-    agent.seed_passphrase("");  // AttemptEmpty: unlock needs no dialog
-    HWND window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
-    ASSERT_FALSE(agent_locked(window));
 
     choose(window, 1);  // lock
-    EXPECT_TRUE(lock_state_becomes(window, true));
+    EXPECT_TRUE(eventually([&] { return agent_locked(window); }));
     choose(window, 2);  // unlock
-    EXPECT_TRUE(lock_state_becomes(window, false));
+    EXPECT_TRUE(eventually([&] { return !agent_locked(window); }));
 }
