@@ -1,8 +1,8 @@
-// Certificate location 1 on Windows: certificates with RSA keys imported
-// into the user's "MY" store (as a PKCS#12 import puts them there) are
-// found by hash and by common name, sign under each hash the settings
-// select, and come back from the key store after tkeyagent.exe restarts.
-// OpenSSL checks every signature against the certificate's public key.
+// Certificate location 1 on Windows: RSA and DSA certificates in the user's
+// "MY" store (as a PKCS#12 import puts them there) are found by hash and by
+// common name, sign under each algorithm and hash the settings select, and
+// come back from the key store after tkeyagent.exe restarts. OpenSSL checks
+// every signature against the certificate's public key.
 #include <windows.h>
 #include <wincrypt.h>
 
@@ -23,7 +23,6 @@
 #include "pki/cert_key_layer.h"
 #include "pki/cert_signature_check.h"
 #include "pki/key_signer.h"
-#include "support/log_capture.h"
 #include "win32/windows_agent.h"
 
 namespace {
@@ -51,22 +50,21 @@ std::vector<uint8_t> sha1_bytes(X509 *cert)
     return {digest, digest + len};
 }
 
-std::string hex(const std::vector<uint8_t> &bytes)
+std::string hex(const std::vector<uint8_t> &bytes, const char *format = "%02X")
 {
     std::string out;
     char two[3];
     for (uint8_t b : bytes) {
-        snprintf(two, sizeof two, "%02X", b);
+        snprintf(two, sizeof two, format, b);
         out += two;
     }
     return out;
 }
 
-// How a certificate's key reaches the store. Wine 8 puts the key of every
-// PKCS#12 import into one key container named after the user, so a second
-// imported key replaces the first: only one certificate per test comes by
-// PKCS#12, the others by CryptImportKey into a container of their own,
-// which is what the import does on Windows.
+// How a certificate's key reaches the store. Wine 8 puts every PKCS#12
+// import's key into one container named after the user, so only one
+// certificate per test comes by PKCS#12, the others by CryptImportKey into
+// a container of their own, as the import does on Windows.
 enum class KeyImport { none, pkcs12, container };
 
 // Adds a certificate to one of the user's stores for the life of the object.
@@ -161,12 +159,7 @@ void StoredCertificate::remove()
     // Wine 8 leaves the certificate's registry entry behind, where stores
     // opened later find it again.
     std::wstring entry = std::wstring(L"Software\\Microsoft\\SystemCertificates\\") + store_ + L"\\Certificates\\";
-    for (uint8_t b : sha1_) {
-        wchar_t two[3];
-        swprintf(two, 3, L"%02X", b);
-        entry += two;
-    }
-    RegDeleteTreeW(HKEY_CURRENT_USER, entry.c_str());
+    RegDeleteTreeW(HKEY_CURRENT_USER, (entry + utf8_to_wide(hex(sha1_))).c_str());
     if (!key_info_.empty()) {
         auto *info = reinterpret_cast<const CRYPT_KEY_PROV_INFO *>(key_info_.data());
         HCRYPTPROV gone = 0;
@@ -174,13 +167,6 @@ void StoredCertificate::remove()
                              CRYPT_DELETEKEYSET);
     }
     sha1_.clear();
-}
-
-std::string lower(std::string text)
-{
-    for (char &c : text)
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return text;
 }
 
 // A root in the user's "CA" store and RSA leaves issued by it in "MY".
@@ -209,6 +195,7 @@ protected:
     void TearDown() override
     {
         set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
+        set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
         cert_provider_set(CERT_SOURCE_SYSTEM, nullptr);
     }
 
@@ -223,25 +210,44 @@ X509 *SystemStore::leaf[2] = {};
 const Bytes DATA = text_bytes("session identifier and user auth request");
 
 struct SignCase {
-    const char *algorithm;  // the row the request selects
-    bool as_plain_key;      // the certificate offered as its plain key
-    int rsa_sigtype;
-    const char *signature_name, *md;
+    const char *identifier, *algorithm;  // the certificate and the row the request selects
+    bool as_plain_key;                   // the certificate offered as its plain key
+    int sigtype;                         // x509rsa or x509dsa sigtype
+    const char *signature_name, *md, *form;
 };
 
 const SignCase SIGN_CASES[] = {
-    {"x509v3-sign-rsa", false, 3, "x509v3-sign-rsa", "SHA1"},
-    {"x509v3-sign-rsa", false, 0, "x509v3-sign-rsa", "MD5"},
-    {"x509v3-ssh-rsa", false, 3, "ssh-rsa", "SHA1"},
-    {"x509v3-rsa2048-sha256", false, 3, "rsa2048-sha256", "SHA256"},
-    {"ssh-rsa", true, 3, "ssh-rsa", "SHA1"},
-    {"rsa-sha2-256", true, 3, "rsa-sha2-256", "SHA256"},
-    {"rsa-sha2-512", true, 3, "rsa-sha2-512", "SHA512"},
+    {"capi-alice", "x509v3-sign-rsa", false, 3, "x509v3-sign-rsa", "SHA1", "rsa"},
+    {"capi-alice", "x509v3-sign-rsa", false, 0, "x509v3-sign-rsa", "MD5", "rsa"},
+    {"capi-alice", "x509v3-ssh-rsa", false, 3, "ssh-rsa", "SHA1", "rsa"},
+    {"capi-alice", "x509v3-rsa2048-sha256", false, 3, "rsa2048-sha256", "SHA256", "rsa"},
+    {"capi-alice", "ssh-rsa", true, 3, "ssh-rsa", "SHA1", "rsa"},
+    {"capi-alice", "rsa-sha2-256", true, 3, "rsa-sha2-256", "SHA256", "rsa"},
+    {"capi-alice", "rsa-sha2-512", true, 3, "rsa-sha2-512", "SHA512", "rsa"},
+    {"capi-dsa", "x509v3-sign-dss", false, 0, "x509v3-sign-dss", "SHA1", "raw"},
+    {"capi-dsa", "x509v3-sign-dss", false, 1, "x509v3-sign-dss", "SHA1", "der"},
 };
+
+PkeyPtr dsa_key_generate()
+{
+    EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr);
+    EVP_PKEY *params = nullptr, *key = nullptr;
+    EVP_PKEY_paramgen_init(pctx);
+    EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx, 1024);
+    EVP_PKEY_CTX_set_dsa_paramgen_q_bits(pctx, 160);
+    EVP_PKEY_paramgen(pctx, &params);
+    EVP_PKEY_CTX_free(pctx);
+    pctx = EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr);
+    EVP_PKEY_keygen_init(pctx);
+    EVP_PKEY_keygen(pctx, &key);
+    EVP_PKEY_CTX_free(pctx);
+    EVP_PKEY_free(params);
+    return PkeyPtr(key);
+}
 
 }  // namespace
 
-TEST_F(SystemStore, FindsByHashAndNameAndSignsUnderEachRsaAlgorithm)
+TEST_F(SystemStore, FindsByHashAndNameAndSignsUnderEachAlgorithm)
 {
     StoredCertificate ca(L"CA", root, nullptr, KeyImport::none),
         alice(L"MY", leaf[0], leaf_key[0], KeyImport::pkcs12);
@@ -255,17 +261,22 @@ TEST_F(SystemStore, FindsByHashAndNameAndSignsUnderEachRsaAlgorithm)
         ASSERT_EQ(sk_X509_num(handle->issuers.get()), 1) << "the root from the CA store";
         EXPECT_EQ(X509_cmp(sk_X509_value(handle->issuers.get(), 0), root), 0);
     }
+    PkeyPtr dsa_key = dsa_key_generate();
+    X509Ptr dsa_cert = make_certificate("capi-dsa", dsa_key.get(), root, root_key);
+    StoredCertificate dsa(L"MY", dsa_cert.get(), dsa_key.get(), KeyImport::container);
     for (const SignCase &c : SIGN_CASES) {
-        SCOPED_TRACE(std::string(c.algorithm) + " rsa sigtype " + std::to_string(c.rsa_sigtype));
-        set_x509rsa_sigtype(c.rsa_sigtype);
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "capi-alice");
+        SCOPED_TRACE(std::string(c.algorithm) + " sigtype " + std::to_string(c.sigtype));
+        set_x509rsa_sigtype(c.sigtype);
+        set_x509dsa_sigtype(c.sigtype);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, c.identifier);
         ASSERT_NE(key, nullptr);
         if (c.as_plain_key)
             key->type = KEY_RSA;
         key->sigalg = signature_algorithm_by_name(c.algorithm);
         SecureBytes blob;
         ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
-        expect_verifies(blob, X509_get0_pubkey(leaf[0]), c.signature_name, c.md, "rsa", DATA);
+        X509 *cert = std::string(c.identifier) == "capi-dsa" ? dsa_cert.get() : leaf[0];
+        expect_verifies(blob, X509_get0_pubkey(cert), c.signature_name, c.md, c.form, DATA);
     }
 }
 
@@ -370,96 +381,45 @@ TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
     agent.seed_passphrase("");
     HWND window = agent.start();
     ASSERT_NE(window, nullptr) << agent.log();
-    {
-        WinHandle pipe = agent_pipe_open(window);
-        ASSERT_TRUE(pipe);
-        EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(leaf[0])), "alice by hash"), SSH_AGENT_SUCCESS);
-        EXPECT_EQ(add_certificate(pipe.get(), "capi-bob", "bob by name"), SSH_AGENT_SUCCESS);
-        EXPECT_EQ(add_certificate(pipe.get(), "capi-nobody", "nobody"), SSH_AGENT_FAILURE);
-        EXPECT_EQ(add_certificate(pipe.get(), std::string(40, 'a'), "no such hash"), SSH_AGENT_FAILURE);
-        EXPECT_EQ(add_certificate(pipe.get(), "Capi Test Root", "no private key"), SSH_AGENT_FAILURE);
-        std::vector<Listed> all = list_identities(pipe.get());
-        EXPECT_EQ(count_identities(all), 2u) << agent.log();
-        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
-        expect_signs(pipe.get(), all, "bob by name", leaf[1]);
-    }
-    std::string log = agent.log();
-    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "Capi Test Root"})
-        EXPECT_NE(log.find("system store: no certificate with a private key matches \"" + identifier + "\""),
-                  std::string::npos)
-            << log;
-    std::string stored = read_file_text(agent.folder() / "tAgentKeys");
-    EXPECT_NE(stored.find("#CERT_SYSTEM\nsha1=" + lower(hex(sha1_bytes(leaf[0])))), std::string::npos) << stored;
-
-    // After a restart both come back from the key store and sign.
-    ASSERT_EQ(agent.close(), 0);
-    window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
-    {
-        WinHandle pipe = agent_pipe_open(window);
-        std::vector<Listed> all = list_identities(pipe.get());
-        EXPECT_EQ(count_identities(all), 2u) << agent.log();
-        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
-        expect_signs(pipe.get(), all, "bob by name", leaf[1]);
-    }
-
-    // Bob's certificate leaves the store: after a restart his reference is
-    // reported and cannot sign, and Alice's identity still loads and signs.
-    bob.reset();
-    ASSERT_EQ(agent.close(), 0);
-    window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
     WinHandle pipe = agent_pipe_open(window);
-    std::vector<Listed> all = list_identities(pipe.get());
-    expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
-    // The reference stays listed (under the certificate's subject: the
-    // public key store cannot resolve it) and in the key store, so that it
-    // signs again once the certificate is back.
-    const Listed *bob_listed = find(all, "2048-bit, X.509 name: \"/CN=capi-bob\"", "x509v3-sign-rsa");
-    ASSERT_NE(bob_listed, nullptr);
-    EXPECT_TRUE(sign(pipe.get(), bob_listed->blob, 0).empty());
-    log = agent.log();
-    EXPECT_NE(log.find("the private key of certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available"),
-              std::string::npos)
-        << log;
-    EXPECT_NE(log.find("Certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available in location 1 now"),
-              std::string::npos)
-        << log;
-
-    // Back in the store, it signs again without a restart.
-    StoredCertificate bob_again(L"MY", leaf[1], leaf_key[1], KeyImport::container);
-    expect_verifies(sign(pipe.get(), bob_listed->blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa", "SHA1", "rsa",
-                    DATA);
-}
-
-TEST_F(SystemStore, DsaKeysSignRawAndAsn1)
-{
-    EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr);
-    EVP_PKEY *params = nullptr, *raw_key = nullptr;
-    ASSERT_GT(EVP_PKEY_paramgen_init(pctx), 0);
-    EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx, 1024);
-    EVP_PKEY_CTX_set_dsa_paramgen_q_bits(pctx, 160);
-    ASSERT_GT(EVP_PKEY_paramgen(pctx, &params), 0);
-    EVP_PKEY_CTX_free(pctx);
-    pctx = EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr);
-    ASSERT_GT(EVP_PKEY_keygen_init(pctx), 0);
-    ASSERT_GT(EVP_PKEY_keygen(pctx, &raw_key), 0);
-    EVP_PKEY_CTX_free(pctx);
-    EVP_PKEY_free(params);
-    PkeyPtr dsa_key(raw_key);
-    X509Ptr cert = make_certificate("capi-dsa", dsa_key.get(), root, root_key);
-    StoredCertificate stored(L"MY", cert.get(), dsa_key.get(), KeyImport::container);
-    LogCapture log;
-    for (int dsa_sigtype : {0, 1}) {
-        set_x509dsa_sigtype(dsa_sigtype);
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "capi-dsa");
-        ASSERT_NE(key, nullptr);
-        key->sigalg = signature_algorithm_by_name("x509v3-sign-dss");
-        SecureBytes blob;
-        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0)
-            << (log.lines().empty() ? "" : log.lines().back());
-        expect_verifies(blob, X509_get0_pubkey(cert.get()), "x509v3-sign-dss", "SHA1", dsa_sigtype ? "der" : "raw",
-                        DATA);
+    EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(leaf[0])), "alice by hash"), SSH_AGENT_SUCCESS);
+    EXPECT_EQ(add_certificate(pipe.get(), "capi-bob", "bob by name"), SSH_AGENT_SUCCESS);
+    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "Capi Test Root"}) {
+        EXPECT_EQ(add_certificate(pipe.get(), identifier, "nothing"), SSH_AGENT_FAILURE);
+        EXPECT_TRUE(agent.logged("system store: no certificate with a private key matches \"" + identifier + "\""));
     }
-    set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
+    EXPECT_NE(read_file_text(agent.folder() / "tAgentKeys").find("#CERT_SYSTEM\nsha1=" + hex(sha1_bytes(leaf[0]), "%02x")),
+              std::string::npos);
+
+    // Both sign now and after a restart, from the key store. Then Bob's
+    // certificate leaves the store: after a restart his reference is
+    // reported, stays listed (under the certificate's subject) and in the
+    // key store, and signs again once the certificate is back.
+    for (int run = 0; run < 3; ++run) {
+        SCOPED_TRACE(run);
+        std::vector<Listed> all = list_identities(pipe.get());
+        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
+        if (run < 2) {
+            EXPECT_EQ(count_identities(all), 2u) << agent.log();
+            expect_signs(pipe.get(), all, "bob by name", leaf[1]);
+        } else {
+            const Listed *bob_listed = find(all, "2048-bit, X.509 name: \"/CN=capi-bob\"", "x509v3-sign-rsa");
+            ASSERT_NE(bob_listed, nullptr);
+            EXPECT_TRUE(sign(pipe.get(), bob_listed->blob, 0).empty());
+            std::string sha1 = hex(sha1_bytes(leaf[1]), "%02x");
+            EXPECT_TRUE(agent.logged("the private key of certificate " + sha1 + " is not available"));
+            EXPECT_TRUE(agent.logged("Certificate " + sha1 + " is not available in location 1 now"));
+            StoredCertificate bob_again(L"MY", leaf[1], leaf_key[1], KeyImport::container);
+            expect_verifies(sign(pipe.get(), bob_listed->blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa",
+                            "SHA1", "rsa", DATA);
+            break;
+        }
+        if (run == 1)
+            bob.reset();
+        pipe = WinHandle();
+        ASSERT_EQ(agent.close(), 0);
+        window = agent.start();
+        ASSERT_NE(window, nullptr) << agent.log();
+        pipe = agent_pipe_open(window);
+    }
 }
