@@ -10,7 +10,6 @@
 
 #include <set>
 
-#include <openssl/pem.h>
 #include <openssl/pkcs12.h>
 #include <openssl/x509v3.h>
 
@@ -31,7 +30,8 @@ X509Ptr make_certificate(const char *cn, EVP_PKEY *key, X509 *issuer, EVP_PKEY *
 {
     X509Ptr cert(X509_new());
     X509_set_version(cert.get(), 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), static_cast<long>(GetTickCount() & 0x7fffffff));
+    static long serial = static_cast<long>(GetTickCount() & 0xffffff);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), ++serial);
     X509_gmtime_adj(X509_getm_notBefore(cert.get()), -60);
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
     X509_set_pubkey(cert.get(), key);
@@ -75,10 +75,10 @@ public:
     {
         add(cert, key, how);
     }
-    ~StoredCertificate() { remove(); }
-
+    StoredCertificate(const StoredCertificate &) = delete;
+    StoredCertificate &operator=(const StoredCertificate &) = delete;
     // Takes the certificate and its key container away.
-    void remove();
+    ~StoredCertificate();
 
 private:
     void add(X509 *cert, EVP_PKEY *key, KeyImport how)
@@ -149,10 +149,8 @@ private:
     std::wstring container_;
 };
 
-void StoredCertificate::remove()
+StoredCertificate::~StoredCertificate()
 {
-    if (sha1_.empty())
-        return;
     CertStorePtr target(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, store_));
     if (CertContextPtr context = target ? system_store_find_sha1(target.get(), sha1_) : nullptr)
         CertDeleteCertificateFromStore(context.release());  // frees the context
@@ -166,46 +164,7 @@ void StoredCertificate::remove()
         CryptAcquireContextW(&gone, info->pwszContainerName, info->pwszProvName, info->dwProvType,
                              CRYPT_DELETEKEYSET);
     }
-    sha1_.clear();
 }
-
-// A root in the user's "CA" store and RSA leaves issued by it in "MY".
-class SystemStore : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        cert_key_layer_install();
-        root_key = EVP_RSA_gen(2048);
-        root = make_certificate("Capi Test Root", root_key, nullptr, nullptr).release();
-        for (int i = 0; i < 2; ++i) {
-            leaf_key[i] = EVP_RSA_gen(2048);
-            leaf[i] = make_certificate(i ? "capi-bob" : "capi-alice", leaf_key[i], root, root_key).release();
-        }
-    }
-    static void TearDownTestSuite()
-    {
-        for (int i = 0; i < 2; ++i) {
-            X509_free(leaf[i]);
-            EVP_PKEY_free(leaf_key[i]);
-        }
-        X509_free(root);
-        EVP_PKEY_free(root_key);
-    }
-    void SetUp() override { system_cert_provider_install(); }
-    void TearDown() override
-    {
-        set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
-        set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
-        cert_provider_set(CERT_SOURCE_SYSTEM, nullptr);
-    }
-
-    static EVP_PKEY *root_key, *leaf_key[2];
-    static X509 *root, *leaf[2];
-};
-EVP_PKEY *SystemStore::root_key = nullptr;
-EVP_PKEY *SystemStore::leaf_key[2] = {};
-X509 *SystemStore::root = nullptr;
-X509 *SystemStore::leaf[2] = {};
 
 const Bytes DATA = text_bytes("session identifier and user auth request");
 
@@ -244,43 +203,6 @@ PkeyPtr dsa_key_generate()
     EVP_PKEY_free(params);
     return PkeyPtr(key);
 }
-
-}  // namespace
-
-TEST_F(SystemStore, FindsByHashAndNameAndSignsUnderEachAlgorithm)
-{
-    StoredCertificate ca(L"CA", root, nullptr, KeyImport::none),
-        alice(L"MY", leaf[0], leaf_key[0], KeyImport::pkcs12);
-    std::string by_hash = hex(sha1_bytes(leaf[0]));
-    for (const std::string &identifier : {by_hash, std::string("capi-alice")}) {
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, identifier);
-        ASSERT_NE(key, nullptr) << identifier;
-        EXPECT_EQ(X509_cmp(key->cert.get(), leaf[0]), 0);
-        CertHandle *handle = cert_identity_handle(key.get());
-        ASSERT_NE(handle, nullptr);
-        ASSERT_EQ(sk_X509_num(handle->issuers.get()), 1) << "the root from the CA store";
-        EXPECT_EQ(X509_cmp(sk_X509_value(handle->issuers.get(), 0), root), 0);
-    }
-    PkeyPtr dsa_key = dsa_key_generate();
-    X509Ptr dsa_cert = make_certificate("capi-dsa", dsa_key.get(), root, root_key);
-    StoredCertificate dsa(L"MY", dsa_cert.get(), dsa_key.get(), KeyImport::container);
-    for (const SignCase &c : SIGN_CASES) {
-        SCOPED_TRACE(std::string(c.algorithm) + " sigtype " + std::to_string(c.sigtype));
-        set_x509rsa_sigtype(c.sigtype);
-        set_x509dsa_sigtype(c.sigtype);
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, c.identifier);
-        ASSERT_NE(key, nullptr);
-        if (c.as_plain_key)
-            key->type = KEY_RSA;
-        key->sigalg = signature_algorithm_by_name(c.algorithm);
-        SecureBytes blob;
-        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
-        X509 *cert = std::string(c.identifier) == "capi-dsa" ? dsa_cert.get() : leaf[0];
-        expect_verifies(blob, X509_get0_pubkey(cert), c.signature_name, c.md, c.form, DATA);
-    }
-}
-
-namespace {
 
 struct Listed {
     SecureBytes blob;
@@ -371,12 +293,50 @@ void expect_signs(HANDLE pipe, const std::vector<Listed> &all, const std::string
 
 }  // namespace
 
-TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
+// A root in the user's "CA" store and leaves issued by it in "MY": Alice
+// (RSA, by PKCS#12), Bob (RSA) and a DSA one, and the root without a key.
+TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
 {
-    StoredCertificate ca(L"CA", root, nullptr, KeyImport::none),
-        alice(L"MY", leaf[0], leaf_key[0], KeyImport::pkcs12);
-    auto bob = std::make_unique<StoredCertificate>(L"MY", leaf[1], leaf_key[1], KeyImport::container);
-    StoredCertificate keyless(L"MY", root, nullptr, KeyImport::none);
+    cert_key_layer_install();
+    system_cert_provider_install();
+    PkeyPtr root_key(EVP_RSA_gen(2048)), alice_key(EVP_RSA_gen(2048)), bob_key(EVP_RSA_gen(2048));
+    PkeyPtr dsa_key = dsa_key_generate();
+    X509Ptr root = make_certificate("Capi Test Root", root_key.get(), nullptr, nullptr);
+    X509Ptr alice_cert = make_certificate("capi-alice", alice_key.get(), root.get(), root_key.get());
+    X509Ptr bob_cert = make_certificate("capi-bob", bob_key.get(), root.get(), root_key.get());
+    X509Ptr dsa_cert = make_certificate("capi-dsa", dsa_key.get(), root.get(), root_key.get());
+    StoredCertificate ca(L"CA", root.get(), nullptr, KeyImport::none), keyless(L"MY", root.get(), nullptr, KeyImport::none),
+        alice(L"MY", alice_cert.get(), alice_key.get(), KeyImport::pkcs12),
+        dsa(L"MY", dsa_cert.get(), dsa_key.get(), KeyImport::container);
+    auto bob = std::make_unique<StoredCertificate>(L"MY", bob_cert.get(), bob_key.get(), KeyImport::container);
+    X509 *leaf[2] = {alice_cert.get(), bob_cert.get()};
+
+    for (const std::string &identifier : {hex(sha1_bytes(leaf[0])), std::string("capi-alice")}) {
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, identifier);
+        ASSERT_NE(key, nullptr) << identifier;
+        EXPECT_EQ(X509_cmp(key->cert.get(), leaf[0]), 0);
+        CertHandle *handle = cert_identity_handle(key.get());
+        ASSERT_EQ(sk_X509_num(handle->issuers.get()), 1) << "the root from the CA store";
+        EXPECT_EQ(X509_cmp(sk_X509_value(handle->issuers.get(), 0), root.get()), 0);
+    }
+    for (const SignCase &c : SIGN_CASES) {
+        SCOPED_TRACE(std::string(c.algorithm) + " sigtype " + std::to_string(c.sigtype));
+        set_x509rsa_sigtype(c.sigtype);
+        set_x509dsa_sigtype(c.sigtype);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, c.identifier);
+        ASSERT_NE(key, nullptr);
+        if (c.as_plain_key)
+            key->type = KEY_RSA;
+        key->sigalg = signature_algorithm_by_name(c.algorithm);
+        SecureBytes blob;
+        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
+        X509 *cert = std::string(c.identifier) == "capi-dsa" ? dsa_cert.get() : leaf[0];
+        expect_verifies(blob, X509_get0_pubkey(cert), c.signature_name, c.md, c.form, DATA);
+    }
+    set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
+    set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
+    cert_provider_set(CERT_SOURCE_SYSTEM, nullptr);
+
     WindowsAgent agent;
     agent.seed_passphrase("");
     HWND window = agent.start();
@@ -409,7 +369,7 @@ TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
             std::string sha1 = hex(sha1_bytes(leaf[1]), "%02x");
             EXPECT_TRUE(agent.logged("the private key of certificate " + sha1 + " is not available"));
             EXPECT_TRUE(agent.logged("Certificate " + sha1 + " is not available in location 1 now"));
-            StoredCertificate bob_again(L"MY", leaf[1], leaf_key[1], KeyImport::container);
+            StoredCertificate bob_again(L"MY", leaf[1], bob_key.get(), KeyImport::container);
             expect_verifies(sign(pipe.get(), bob_listed->blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa",
                             "SHA1", "rsa", DATA);
             break;
