@@ -1,5 +1,8 @@
 // The passphrase dialogs from tagent.dll and the confirmation message box,
-// driven from another thread as a user would, and the agent's first start.
+// driven from another thread as a user would; their help, which opens the
+// page shipped beside the programs through the shell's association for
+// .html files (a stand-in browser registered by the test copies whatever
+// file it is asked to open); and the agent's first start.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -11,6 +14,7 @@
 #include "agent/settings.h"
 #include "app/program_texts.h"
 #include "app/win32/dialogs.h"
+#include "app/win32/help.h"
 #include "app/win32/resource_texts.h"
 #include "win32/dialog_driver.h"
 #include "win32/windows_agent.h"
@@ -19,14 +23,86 @@ namespace {
 
 std::wstring text(int id) { return resource_text(id); }
 
+// Wine reads associations from the machine's classes only, not the user's.
+constexpr wchar_t HTML_KEY[] = L".html";
+constexpr wchar_t PROBE_KEY[] = L"TarnwellHelpProbe";
+
+bool set_default_value(const std::wstring &key, const std::wstring &value)
+{
+    return RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), nullptr, REG_SZ, value.c_str(),
+                           static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
+}
+
+// Registers "open" for .html files as a copy to `copy`, and puts the
+// association back when it goes.
+class StandInBrowser {
+public:
+    explicit StandInBrowser(const std::filesystem::path &copy)
+    {
+        wchar_t old[512];
+        DWORD size = sizeof old;
+        had_html_key_ = RegGetValueW(HKEY_CLASSES_ROOT, HTML_KEY, nullptr, RRF_RT_REG_SZ, nullptr, old, &size) ==
+                        ERROR_SUCCESS;
+        if (had_html_key_)
+            old_html_ = old;
+        ok_ = set_default_value(std::wstring(PROBE_KEY) + L"\\shell\\open\\command",
+                                L"cmd.exe /c copy /y \"%1\" \"" + copy.wstring() + L"\"") &&
+              set_default_value(HTML_KEY, L"TarnwellHelpProbe");
+    }
+    ~StandInBrowser()
+    {
+        if (had_html_key_)
+            set_default_value(HTML_KEY, old_html_);
+        else
+            RegDeleteTreeW(HKEY_CLASSES_ROOT, HTML_KEY);
+        RegDeleteTreeW(HKEY_CLASSES_ROOT, PROBE_KEY);
+    }
+    StandInBrowser(const StandInBrowser &) = delete;
+    StandInBrowser &operator=(const StandInBrowser &) = delete;
+    bool ok() const { return ok_; }
+
+private:
+    bool had_html_key_ = false, ok_ = false;
+    std::wstring old_html_;
+};
+
 class Dialogs : public ::testing::Test {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(desktop_ready());
         ASSERT_NE(resource_library_load(), nullptr) << "tagent.dll beside the tests";
+        page_ = read_file_text(platform_executable_dir() + HELP_PAGE_FILE);
+        ASSERT_FALSE(page_.empty()) << "the help page beside the programs";
+        ASSERT_TRUE(browser_.ok());
     }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
+
+    // True once the stand-in browser, which the shell starts on its own,
+    // has copied the help page; the copy is then removed.
+    bool page_opened()
+    {
+        bool opened = eventually([&] { return read_file_text(copy_) == page_; }, 30000);
+        std::filesystem::remove(copy_);
+        return opened;
+    }
+
+    std::filesystem::path folder_ = fresh_temp_folder("help");
+    std::filesystem::path copy_ = folder_ / "opened.html";
+    StandInBrowser browser_{copy_};
+    std::string page_;
 };
+
+// The tray's topic opens the page, which explains every setting that the
+// manager shows.
+TEST_F(Dialogs, HelpTopicOpensThePageBesideThePrograms)
+{
+    EXPECT_TRUE(open_help_topic(HELP_TOPIC_MANAGER));
+    EXPECT_TRUE(page_opened());
+    for (const char *name :
+         {"ConfirmKeyOp", "AllowAdd", "AllowDelete", "UseOnlySha1", "CreateLog", "AutoLock", "AutoLockMinutes"})
+        EXPECT_NE(page_.find(std::string("<code>") + name + "</code>"), std::string::npos) << name;
+}
 
 TEST_F(Dialogs, StringTableHoldsTheProgramTexts)
 {
@@ -95,20 +171,30 @@ TEST_F(Dialogs, ReturnWhatTheUserTypedTickedOrCancelled)
         EXPECT_STREQ(answer.c_str(), c.answer);
         EXPECT_EQ(none, c.no_passphrase);
     }
+    // Cancel answers nothing; Help and the title bar's context help open
+    // topic 1001 and leave the dialog open.
     using Ask = std::function<bool(SecretString *, bool *)>;
-    for (const auto &[dialog, ask] : {std::pair<int, Ask>{133, first}, {124, unlock}, {219, key}}) {
-        SCOPED_TRACE(dialog);
-        SecretString answer;
-        bool none = false;
-        std::thread user([dialog = dialog] {
-            HWND window = wait_for_dialog(text(dialog));
-            ASSERT_NE(window, nullptr);
-            type_into(window, 126, L"never used");
-            press(window, IDCANCEL);
-        });
-        EXPECT_FALSE(ask(&answer, &none));
-        user.join();
-        EXPECT_TRUE(answer.empty());
+    for (bool context_help : {false, true}) {
+        for (const auto &[dialog, ask] : {std::pair<int, Ask>{133, first}, {124, unlock}, {219, key}}) {
+            SCOPED_TRACE(testing::Message() << dialog << (context_help ? " context help" : " Help button"));
+            SecretString answer;
+            bool none = false;
+            std::thread user([dialog = dialog, context_help] {
+                HWND window = wait_for_dialog(text(dialog));
+                ASSERT_NE(window, nullptr);
+                if (context_help)
+                    SendMessageW(window, WM_SYSCOMMAND, SC_CONTEXTHELP, 0);
+                else
+                    press(window, CONTROL_HELP);
+                EXPECT_TRUE(IsWindow(window));
+                type_into(window, 126, L"never used");
+                press(window, IDCANCEL);
+            });
+            EXPECT_FALSE(ask(&answer, &none));
+            user.join();
+            EXPECT_TRUE(answer.empty());
+            EXPECT_TRUE(page_opened());
+        }
     }
 }
 

@@ -112,29 +112,6 @@ PROCESS_INFORMATION agent_started_elsewhere()
     return agent;
 }
 
-// The visible top-level dialog that `wanted` picks, waiting at most 10 s.
-HWND wait_for_dialog_where(bool (*wanted)(HWND))
-{
-    struct Search {
-        bool (*wanted)(HWND);
-        HWND found;
-    } search = {wanted, nullptr};
-    eventually([&] {
-        EnumWindows(
-            [](HWND window, LPARAM param) -> BOOL {
-                auto *s = reinterpret_cast<Search *>(param);
-                wchar_t name[16] = L"";
-                GetClassNameW(window, name, 16);
-                if (lstrcmpW(name, L"#32770") == 0 && IsWindowVisible(window) && s->wanted(window))
-                    s->found = window;
-                return !s->found;
-            },
-            reinterpret_cast<LPARAM>(&search));
-        return search.found != nullptr;
-    }, 10000);
-    return search.found;
-}
-
 // Installs silently for a test, over the store of an earlier installation
 // (with the agent log on). What the install leaves in the user's profile
 // is removed whatever the outcome, a running agent included.
@@ -222,14 +199,11 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingThe
 TEST_F(Installer, UninstallAnsweredNoDeletesTheKeyStore)
 {
     EXPECT_EQ(run_program(programs / "Uninstall.exe", L"", scratch / "uninstall.out").status, 0);
-    HWND wizard = wait_for_dialog_where([](HWND window) {
-        wchar_t title[256] = L"";
-        GetWindowTextW(window, title, 256);
-        return std::wstring(title).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0;
-    });
+    HWND wizard = wait_for_window_where(
+        [](HWND window) { return window_title(window).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0; });
     ASSERT_NE(wizard, nullptr);
     press(wizard, IDOK);  // "Uninstall" on the confirmation page
-    HWND question = wait_for_dialog_where(
+    HWND question = wait_for_window_where(
         [](HWND window) { return static_texts(window).find(L"Keep your stored keys") != std::wstring::npos; });
     ASSERT_NE(question, nullptr);
     press(question, IDNO);

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -25,52 +24,20 @@
 
 namespace {
 
-struct ShellRecord {
-    DWORD action;  // NIM_ADD, NIM_MODIFY, NIM_DELETE
-    std::string data;
-};
-
-// The notification area's stand-in, on a thread of its own.
+// The notification area's stand-in, on a thread of its own: it keeps each
+// shell call's record (the action, then the owner's handle and the rest).
 class StandInTray {
 public:
-    StandInTray() : thread_([this] { run(); })
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return window_ != nullptr || failed_; });
-    }
+    StandInTray() : thread_([this] { run(); }) { eventually([this] { return window_ != nullptr; }); }
     ~StandInTray()
     {
         PostMessageW(window_, WM_CLOSE, 0, 0);
         thread_.join();
     }
 
-    // The next record of the shell call for `owner`, waiting at most 20 s.
-    std::optional<ShellRecord> next(HWND owner)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        auto of_owner = [&] {
-            for (size_t i = 0; i < records_.size(); ++i)
-                if (owner_of(records_[i]) == owner)
-                    return static_cast<ptrdiff_t>(i);
-            return static_cast<ptrdiff_t>(-1);
-        };
-        if (!changed_.wait_for(lock, std::chrono::seconds(20), [&] { return of_owner() >= 0; }))
-            return std::nullopt;
-        ptrdiff_t at = of_owner();
-        ShellRecord record = records_[static_cast<size_t>(at)];
-        records_.erase(records_.begin() + at);
-        return record;
-    }
-
-    // Waits for `owner`'s record of `action` that matches `expected`,
-    // passing over the others (lock and unlock redraw more than once).
-    bool sees(HWND owner, DWORD action, const std::string &expected)
-    {
-        while (auto record = next(owner))
-            if (record->action == action && record->data.substr(sizeof(LONG)) == expected)
-                return true;
-        return false;
-    }
+    // Waits for `owner`'s record of `action` that matches `expected`, and
+    // drops it and all before it (lock and unlock redraw more than once).
+    bool sees(HWND owner, DWORD action, const std::string &expected) { return take(owner, action, &expected); }
 
     // What the shell call makes of `record`, without its owner (asked here
     // for a made-up owner, and taken back out).
@@ -80,17 +47,27 @@ public:
         EXPECT_TRUE(Shell_NotifyIconW(action, &record));
         if (record.hIcon)
             DestroyIcon(record.hIcon);
-        auto made = next(record.hWnd);
-        return made ? made->data.substr(sizeof(LONG)) : "";
+        std::string made;
+        take(record.hWnd, action, nullptr, &made);
+        return made;
     }
 
 private:
-    static HWND owner_of(const ShellRecord &record)
+    bool take(HWND owner, DWORD action, const std::string *expected, std::string *made = nullptr)
     {
-        LONG handle = 0;
-        if (record.data.size() >= sizeof handle)
-            memcpy(&handle, record.data.data(), sizeof handle);
-        return reinterpret_cast<HWND>(static_cast<intptr_t>(handle));
+        std::string key = std::to_string(action) + ":" + std::to_string(static_cast<LONG>(reinterpret_cast<intptr_t>(owner))) + ":";
+        return eventually([&] {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (size_t i = 0; i < records_.size(); ++i) {
+                if (records_[i].rfind(key, 0) != 0 || (expected && records_[i].substr(key.size()) != *expected))
+                    continue;
+                if (made)
+                    *made = records_[i].substr(key.size());
+                records_.erase(records_.begin(), records_.begin() + static_cast<ptrdiff_t>(i) + 1);
+                return true;
+            }
+            return false;
+        });
     }
 
     static LRESULT CALLBACK procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
@@ -98,17 +75,16 @@ private:
         auto *self = reinterpret_cast<StandInTray *>(GetWindowLongPtrW(window, GWLP_USERDATA));
         if (message == WM_COPYDATA && self) {
             auto *copy = reinterpret_cast<const COPYDATASTRUCT *>(lparam);
+            LONG owner = 0;
+            if (copy->cbData >= sizeof owner)
+                memcpy(&owner, copy->lpData, sizeof owner);
             std::lock_guard<std::mutex> lock(self->mutex_);
-            self->records_.push_back({static_cast<DWORD>(copy->dwData),
-                                      std::string(static_cast<const char *>(copy->lpData), copy->cbData)});
-            self->changed_.notify_all();
+            self->records_.push_back(std::to_string(copy->dwData) + ":" + std::to_string(owner) + ":" +
+                                     std::string(static_cast<const char *>(copy->lpData), copy->cbData).substr(sizeof owner));
             return TRUE;
         }
-        if (message == WM_CLOSE) {
-            DestroyWindow(window);
+        if (message == WM_CLOSE)
             PostQuitMessage(0);
-            return 0;
-        }
         return DefWindowProcW(window, message, wparam, lparam);
     }
 
@@ -120,22 +96,15 @@ private:
         RegisterClassW(&tray_class);
         HWND window = CreateWindowExW(0, L"Shell_TrayWnd", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
         SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            window_ = window;
-            failed_ = window == nullptr;
-            changed_.notify_all();
-        }
+        window_ = window;
         MSG message;
         while (window && GetMessageW(&message, nullptr, 0, 0) > 0)
             DispatchMessageW(&message);
     }
 
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<ShellRecord> records_;
-    HWND window_ = nullptr;
-    bool failed_ = false;
+    std::vector<std::string> records_;
+    std::atomic<HWND> window_{nullptr};
     std::thread thread_;
 };
 
