@@ -158,7 +158,7 @@ protected:
     fs::path scratch = fresh_temp_folder("installer");
 };
 
-TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingTheKeys)
+TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstalls)
 {
     for (const char *name : {"tkeyagent.exe", "tagent.exe", "tagent.dll", "pki.dll", "libcrypto-3-x64.dll",
                              "tarnwell-key-agent.html", "Uninstall.exe"})
@@ -192,12 +192,10 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingThe
     EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), L"");
     EXPECT_TRUE(fs::exists(data / "tAgent")) << "a silent uninstall keeps the key store";
     EXPECT_NE(log().find("Key Agent started"), std::string::npos) << log();
-}
 
-// Uninstalling by hand: the user confirms in the wizard and answers No to
-// keeping the keys, and the key store goes too.
-TEST_F(Installer, UninstallAnsweredNoDeletesTheKeyStore)
-{
+    // Installed again and uninstalled by hand: the user confirms in the
+    // wizard and answers No to keeping the keys, and the key store goes too.
+    ASSERT_EQ(run_program(setup, L"/S", scratch / "setup.out").status, 0);
     EXPECT_EQ(run_program(programs / "Uninstall.exe", L"", scratch / "uninstall.out").status, 0);
     HWND wizard = wait_for_window_where(
         [](HWND window) { return window_title(window).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0; });

@@ -30,18 +30,14 @@ public:
             PostMessageW(window_, WM_CLOSE, 0, 0);
         wait_exit(&process_);
     }
-    Manager(const Manager &) = delete;
-    Manager &operator=(const Manager &) = delete;
-
     HWND window() const { return window_; }
-    // Clicks that open a dialog are posted: the click returns only when the
-    // dialog is closed.
+    // A click that opens a dialog is posted: it would return only when the
+    // dialog is closed. Any other click returns once it is done.
     void click_later(int control) const
     {
         PostMessageW(window_, WM_COMMAND, MAKEWPARAM(control, BN_CLICKED),
                      reinterpret_cast<LPARAM>(GetDlgItem(window_, control)));
     }
-    // A click that opens nothing returns once it is done.
     void click(int control) const
     {
         DWORD_PTR ignored = 0;

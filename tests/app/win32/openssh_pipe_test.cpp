@@ -16,40 +16,25 @@ namespace {
 
 const Bytes LIST_REQUEST = frame({REQUEST_IDENTITIES});
 
-class OpenSshPipe : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        agent_.seed_passphrase("");
-        window_ = agent_.start();
-        ASSERT_NE(window_, nullptr) << agent_.log();
-    }
-
-    WindowsAgent agent_;
-    HWND window_ = nullptr;
-};
-
-// Each line comes from a callback: a Pageant helper that cannot start
-// prints none. pagent.exe makes its mapping with default security, which
-// has no owner under Wine; the agent lets that through only there.
-TEST_F(OpenSshPipe, Ssh2ListsSignsAddsRemovesAndIsRefusedWhileLocked)
+// ssh2 on both (each line comes from a callback: a Pageant helper that
+// cannot start prints none; pagent.exe makes its mapping with default
+// security, which has no owner under Wine, and the agent lets that through
+// only there); clients that misbehave; ssh2 and this test's own clients on
+// all three ways in signing at once, every signature checked.
+TEST(OpenSshPipe, ServesSsh2AndEveryWayInAndEndsOnlyBadConnections)
 {
+    WindowsAgent agent;
+    agent.seed_passphrase("");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
     for (const char *channel : {"openssh", "pageant"}) {
-        std::string output = NodeClient(agent_.folder(), std::string(channel) + " check").finish();
+        std::string output = NodeClient(agent.folder(), std::string(channel) + " check").finish();
         for (const char *line : {"add rsa: ok", "add ecdsa: ok", "rsa-sha2-256 and rsa-sha2-512: verified",
                                  "ecdsa-sha2-nistp256: verified", "removed key: not listed",
                                  "locked: sign refused (reply 170)", "unlock: ok", "done\nexit 0\n"})
             EXPECT_NE(output.find(line), std::string::npos) << channel << ": " << line << " missing from:\n" << output;
     }
-    EXPECT_TRUE(agent_.logged("keyagent: Connected to the OpenSSH agent pipe."));
-    EXPECT_EQ(agent_.close(), 0);
-    std::string log = agent_.log();
-    EXPECT_LT(log.find("keyagent: Stopped listening on the OpenSSH agent pipe."),
-              log.find("keyagent: Process message thread stopped."));
-}
 
-TEST_F(OpenSshPipe, BadClientsEndOnlyTheirOwnConnection)
-{
     WinHandle steady = openssh_pipe_open();
     ASSERT_TRUE(steady && lists(steady.get()));
     EXPECT_EQ(access_list(steady.get()), user_only_access_list());
@@ -75,10 +60,10 @@ TEST_F(OpenSshPipe, BadClientsEndOnlyTheirOwnConnection)
                 EXPECT_FALSE(ReadFile(bad.get(), &byte, 1, &got, nullptr) && got > 0);
             }
         }
-        EXPECT_TRUE(agent_.log_shows("Connection shutdown", ++shutdowns));
+        EXPECT_TRUE(agent.log_shows("Connection shutdown", ++shutdowns));
         EXPECT_TRUE(lists(steady.get()));
     }
-    EXPECT_TRUE(agent_.logged("Client request too large. Ignored"));
+    EXPECT_TRUE(agent.logged("Client request too large. Ignored"));
 
     // Pageant: only the user's mappings, and only whole requests that fit.
     PSID system = nullptr;
@@ -104,30 +89,25 @@ TEST_F(OpenSshPipe, BadClientsEndOnlyTheirOwnConnection)
         SCOPED_TRACE(c.what);
         Bytes reply;
         EXPECT_EQ(pageant_call(c.request, c.owner, &reply, c.mapping_size), 0);
-        EXPECT_TRUE(agent_.logged(c.log_line));
+        EXPECT_TRUE(agent.logged(c.log_line));
         EXPECT_NE(pageant_call(LIST_REQUEST, &reply), 0);
         EXPECT_EQ(reply_type(reply), IDENTITIES_ANSWER);
     }
     LocalFree(system);
     EXPECT_TRUE(lists(steady.get()));
-}
 
-// ssh2 through the OpenSSH pipe and through Pageant, and this test's own
-// clients on all three ways in, signing at once; every signature checked.
-TEST_F(OpenSshPipe, AllThreeWaysInSignAtOnce)
-{
     std::vector<std::unique_ptr<NodeClient>> nodes;
     for (const char *channel : {"openssh", "pageant", "openssh", "pageant"})
-        nodes.push_back(std::make_unique<NodeClient>(agent_.folder(), std::string(channel) + " sign 5"));
+        nodes.push_back(std::make_unique<NodeClient>(agent.folder(), std::string(channel) + " sign 5"));
     TestKey key;
-    ASSERT_EQ(pipe_call(agent_pipe_open(window_).get(), key.add_body()), Bytes{AGENT_SUCCESS});
+    ASSERT_EQ(pipe_call(agent_pipe_open(window).get(), key.add_body()), Bytes{AGENT_SUCCESS});
     enum Way { OWN_PIPE, OPENSSH_PIPE, PAGEANT };
     constexpr int rounds = 20;
     std::atomic<int> verified{0}, last_failure{0};
     std::vector<std::thread> clients;
     for (Way way : {OWN_PIPE, OPENSSH_PIPE, PAGEANT, OWN_PIPE, OPENSSH_PIPE, PAGEANT}) {
         clients.emplace_back([&, way] {
-            WinHandle pipe = way == OWN_PIPE ? agent_pipe_open(window_)
+            WinHandle pipe = way == OWN_PIPE ? agent_pipe_open(window)
                                              : way == OPENSSH_PIPE ? openssh_pipe_open() : WinHandle();
             for (int n = 0; n < rounds; ++n) {
                 Bytes data(48, static_cast<uint8_t>(n)), reply;
@@ -150,6 +130,13 @@ TEST_F(OpenSshPipe, AllThreeWaysInSignAtOnce)
         std::string output = node->finish();
         EXPECT_NE(output.find("signed and verified: 5\ndone\nexit 0\n"), std::string::npos) << output;
     }
+
+    EXPECT_TRUE(agent.logged("keyagent: Connected to the OpenSSH agent pipe."));
+    steady = WinHandle();
+    EXPECT_EQ(agent.close(), 0);
+    std::string log = agent.log();
+    EXPECT_LT(log.find("keyagent: Stopped listening on the OpenSSH agent pipe."),
+              log.find("keyagent: Process message thread stopped."));
 }
 
 // A program that holds the name first keeps it; the agent says so and still

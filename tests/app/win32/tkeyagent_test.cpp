@@ -48,90 +48,32 @@ LRESULT send_change_passphrase(HWND window, const char *old_passphrase, const ch
     return SendMessageW(window, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data));
 }
 
-class Tkeyagent : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        agent_.seed_passphrase("old passphrase");
-        window_ = agent_.start();
-        ASSERT_NE(window_, nullptr) << agent_.log();
-        printf("tkeyagent.exe answered ready %llu ms after its start\n",
-               static_cast<unsigned long long>(agent_.ready_ms()));
-    }
-    WinHandle open_pipe(uint32_t *identifier = nullptr)
-    {
-        WinHandle pipe = agent_pipe_open(window_, {}, identifier);
-        EXPECT_TRUE(pipe);
-        return pipe;
-    }
-
-    WindowsAgent agent_;
-    HWND window_ = nullptr;
-};
-
-// A second start, the setting messages (1 and a write when changed, 0 and
-// no write when not), the change of passphrase, the menu's exit and reset.
-TEST_F(Tkeyagent, StartsOnceAnswersItsMessagesAndStopsInOrder)
+WinHandle open_pipe(HWND window, uint32_t *identifier = nullptr)
 {
-    EXPECT_TRUE(agent_.logged("keyagent: Key Agent started ==========="));
-    PROCESS_INFORMATION second = agent_.launch();
-    EXPECT_EQ(wait_exit(&second), 0);
-    EXPECT_TRUE(agent_.logged("keyagent: Key Agent already running. Exit."));
-    EXPECT_EQ(find_agent_window(), window_);
-
-    const struct {
-        UINT message;
-        uint32_t default_value;
-        const char *name;
-    } settings[] = {{1029, 0, "ConfirmKeyOp"}, {1030, 1, "AllowAdd"}, {1031, 1, "AllowDelete"}, {1033, 0, "UseOnlySha1"}};
-    std::string settings_file = agent_.path("tAgent");
-    for (const auto &setting : settings) {
-        SCOPED_TRACE(setting.name);
-        uint32_t changed = setting.default_value ? 0 : 1;
-        EXPECT_EQ(SendMessageW(window_, setting.message, 0, changed), 1);
-        std::string written = read_file_text(settings_file);
-        EXPECT_NE(written.find(setting.name), std::string::npos);
-        std::filesystem::remove(settings_file);
-        EXPECT_EQ(SendMessageW(window_, setting.message, 0, changed), 0);
-        EXPECT_FALSE(std::filesystem::exists(settings_file)) << "an unchanged setting was written";
-        std::ofstream(settings_file, std::ios::binary) << written;
-    }
-
-    EXPECT_EQ(send_change_passphrase(window_, "wrong", "new passphrase"), 0);
-    EXPECT_TRUE(agent_.logged("keyagent: Change passphrase failed: wrong passphrase"));
-    EXPECT_EQ(send_change_passphrase(window_, "old passphrase", "new passphrase"), 1);
-
-    PostMessageW(window_, WM_COMMAND, 40005, 0);
-    EXPECT_EQ(agent_.close(), 0);
-    expect_stopped_in_order(agent_.log());
-    EXPECT_EQ(find_agent_window(), nullptr);
-    agent_data_folder_set(agent_.folder().string());
-    read_agent_settings();
-    uint8_t digest[20];
-    agent_passphrase_digest("new passphrase", digest);
-    EXPECT_EQ(memcmp(digest, agent_settings().passphrase_digest, sizeof digest), 0);
-
-    HWND window = agent_.start();
-    ASSERT_NE(window, nullptr) << agent_.log();
-    SendMessageW(window, 1026, 0, 0);
-    EXPECT_EQ(agent_.close(), 0);
-    for (const char *name : {"tAgent", "tAgentKeys", "tAgentKeys.pub"})
-        EXPECT_FALSE(std::filesystem::exists(agent_.path(name))) << name;
-    EXPECT_TRUE(agent_.logged("keyagent: Resetting key agent data.  All keys destroyed and passphrase reset."));
+    WinHandle pipe = agent_pipe_open(window, {}, identifier);
+    EXPECT_TRUE(pipe);
+    return pipe;
 }
 
 // Two clients get two names and independent connections with the user-only
 // access list; reads are joined up to a request and cut at 131072 bytes;
-// garbage, a vanishing client and a pipe nobody opens disturb no other.
-TEST_F(Tkeyagent, PipesServeEachClientOnItsOwn)
+// garbage, a vanishing client and a pipe nobody opens disturb no other. A
+// second start, the setting messages (1 and a write when changed, 0 and no
+// write when not), the change of passphrase, the menu's exit and reset.
+TEST(Tkeyagent, ServesPipesAndMessagesStartsOnceAndStopsInOrder)
 {
+    WindowsAgent agent;
+    agent.seed_passphrase("old passphrase");
+    HWND window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    printf("tkeyagent.exe answered ready %llu ms after its start\n", static_cast<unsigned long long>(agent.ready_ms()));
     uint32_t first_id = 0, second_id = 0;
-    EXPECT_NE(SendMessageW(window_, 1034, 0, 0), 0) << "a pipe that nobody opens";
-    WinHandle first = open_pipe(&first_id), second = open_pipe(&second_id);
+    EXPECT_NE(SendMessageW(window, 1034, 0, 0), 0) << "a pipe that nobody opens";
+    WinHandle first = open_pipe(window, &first_id), second = open_pipe(window, &second_id);
     ASSERT_TRUE(first && second);
     EXPECT_NE(first_id, second_id);
     EXPECT_TRUE(lists(second.get()) && lists(first.get()) && lists(second.get()));
-    EXPECT_TRUE(agent_.logged("keyagent: Created key agent pipe (id = " + std::to_string(first_id) + ")."));
+    EXPECT_TRUE(agent.logged("keyagent: Created key agent pipe (id = " + std::to_string(first_id) + ")."));
     EXPECT_EQ(access_list(first.get()), user_only_access_list());
 
     // One byte, then four more: the agent's first read takes the one alone.
@@ -150,15 +92,62 @@ TEST_F(Tkeyagent, PipesServeEachClientOnItsOwn)
     EXPECT_EQ(reply_type(read_reply(first.get())), IDENTITIES_ANSWER);
     writer.join();
     EXPECT_TRUE(lists(first.get()));
-    EXPECT_TRUE(agent_.logged("keyagent: Incomplete client request ignored"));
+    EXPECT_TRUE(agent.logged("keyagent: Incomplete client request ignored"));
 
     for (const Bytes &bad : {Bytes{0xff, 0xff, 0xff, 0xff, SIGN_REQUEST, 1, 2, 3}, Bytes{0, 0, 0}}) {
-        WinHandle pipe = open_pipe();
+        WinHandle pipe = open_pipe(window);
         EXPECT_TRUE(write_bytes(pipe.get(), bad));
         EXPECT_TRUE(lists(second.get()));
     }
-    WinHandle later = open_pipe();
+    WinHandle later = open_pipe(window);
     EXPECT_TRUE(later && lists(later.get()) && lists(first.get()));
+    first = WinHandle(), second = WinHandle(), later = WinHandle();
+
+    EXPECT_TRUE(agent.logged("keyagent: Key Agent started ==========="));
+    PROCESS_INFORMATION second_start = agent.launch();
+    EXPECT_EQ(wait_exit(&second_start), 0);
+    EXPECT_TRUE(agent.logged("keyagent: Key Agent already running. Exit."));
+    EXPECT_EQ(find_agent_window(), window);
+
+    const struct {
+        UINT message;
+        uint32_t default_value;
+        const char *name;
+    } settings[] = {{1029, 0, "ConfirmKeyOp"}, {1030, 1, "AllowAdd"}, {1031, 1, "AllowDelete"}, {1033, 0, "UseOnlySha1"}};
+    std::string settings_file = agent.path("tAgent");
+    for (const auto &setting : settings) {
+        SCOPED_TRACE(setting.name);
+        uint32_t changed = setting.default_value ? 0 : 1;
+        EXPECT_EQ(SendMessageW(window, setting.message, 0, changed), 1);
+        std::string written = read_file_text(settings_file);
+        EXPECT_NE(written.find(setting.name), std::string::npos);
+        std::filesystem::remove(settings_file);
+        EXPECT_EQ(SendMessageW(window, setting.message, 0, changed), 0);
+        EXPECT_FALSE(std::filesystem::exists(settings_file)) << "an unchanged setting was written";
+        std::ofstream(settings_file, std::ios::binary) << written;
+    }
+
+    EXPECT_EQ(send_change_passphrase(window, "wrong", "new passphrase"), 0);
+    EXPECT_TRUE(agent.logged("keyagent: Change passphrase failed: wrong passphrase"));
+    EXPECT_EQ(send_change_passphrase(window, "old passphrase", "new passphrase"), 1);
+
+    PostMessageW(window, WM_COMMAND, 40005, 0);
+    EXPECT_EQ(agent.close(), 0);
+    expect_stopped_in_order(agent.log());
+    EXPECT_EQ(find_agent_window(), nullptr);
+    agent_data_folder_set(agent.folder().string());
+    read_agent_settings();
+    uint8_t digest[20];
+    agent_passphrase_digest("new passphrase", digest);
+    EXPECT_EQ(memcmp(digest, agent_settings().passphrase_digest, sizeof digest), 0);
+
+    window = agent.start();
+    ASSERT_NE(window, nullptr) << agent.log();
+    SendMessageW(window, 1026, 0, 0);
+    EXPECT_EQ(agent.close(), 0);
+    for (const char *name : {"tAgent", "tAgentKeys", "tAgentKeys.pub"})
+        EXPECT_FALSE(std::filesystem::exists(agent.path(name))) << name;
+    EXPECT_TRUE(agent.logged("keyagent: Resetting key agent data.  All keys destroyed and passphrase reset."));
 }
 
 // A client that finds no agent starts tkeyagent.exe and waits until it is

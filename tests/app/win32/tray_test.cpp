@@ -146,10 +146,8 @@ void unlock_with(HWND agent, const wchar_t *passphrase)
 // The manager window's process, once its window is up.
 WinHandle manager_process()
 {
-    HWND manager = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
     DWORD id = 0;
-    if (manager)
-        GetWindowThreadProcessId(manager, &id);
+    GetWindowThreadProcessId(wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE)), &id);
     return WinHandle(id ? OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, id) : nullptr);
 }
 
@@ -162,26 +160,20 @@ TEST(TrayMenu, ItemsFollowTheLockState)
     for (bool locked : {true, false}) {
         SCOPED_TRACE(locked ? "locked" : "unlocked");
         HMENU menu = tray_menu_build(locked);
-        ASSERT_NE(menu, nullptr);
-        struct Expected {
+        const struct {
             uint32_t command;
             int text;
             bool enabled;
-        };
-        const Expected items[] = {{MENU_OPEN_MANAGER, TEXT_MENU_MANAGER, true},
-                                  {MENU_LOCK, TEXT_MENU_LOCK, !locked},
-                                  {MENU_UNLOCK, TEXT_MENU_UNLOCK, locked},
-                                  {MENU_HELP, TEXT_MENU_HELP, true},
-                                  {MENU_EXIT, TEXT_MENU_EXIT, true}};
+        } items[] = {{MENU_OPEN_MANAGER, TEXT_MENU_MANAGER, true}, {MENU_LOCK, TEXT_MENU_LOCK, !locked},
+                     {MENU_UNLOCK, TEXT_MENU_UNLOCK, locked}, {MENU_HELP, TEXT_MENU_HELP, true},
+                     {MENU_EXIT, TEXT_MENU_EXIT, true}};
         ASSERT_EQ(GetMenuItemCount(menu), 5);
-        for (int position = 0; position < 5; ++position) {
-            const Expected &expected = items[position];
-            EXPECT_EQ(GetMenuItemID(menu, position), expected.command);
-            UINT state = GetMenuState(menu, static_cast<UINT>(position), MF_BYPOSITION);
-            EXPECT_EQ((state & MF_GRAYED) == 0, expected.enabled) << expected.command;
+        for (UINT at = 0; at < 5; ++at) {
             wchar_t text[128] = L"";
-            GetMenuStringW(menu, static_cast<UINT>(position), text, 128, MF_BYPOSITION);
-            EXPECT_EQ(std::wstring(text), resource_text(expected.text));
+            GetMenuStringW(menu, at, text, 128, MF_BYPOSITION);
+            EXPECT_EQ(text, resource_text(items[at].text));
+            EXPECT_EQ(GetMenuItemID(menu, static_cast<int>(at)), items[at].command);
+            EXPECT_EQ((GetMenuState(menu, at, MF_BYPOSITION) & MF_GRAYED) == 0, items[at].enabled) << text;
         }
         EXPECT_EQ(GetMenuDefaultItem(menu, FALSE, 0), MENU_OPEN_MANAGER);
         DestroyMenu(menu);

@@ -1,7 +1,5 @@
-// A tkeyagent.exe started by a test in a private data and log folder (the
-// folder's kvllog.ini forces the agent log on), with its window messages,
-// its log and tagent.exe run against it. The process is ended and the
-// folder removed when the test ends.
+// A tkeyagent.exe started by a test in a private data and log folder, with
+// its log and tagent.exe run against it; ended and removed at the end.
 #pragma once
 
 #include <windows.h>
@@ -35,8 +33,7 @@ inline bool eventually(const std::function<bool()> &condition, DWORD ms = 20000)
     return condition();
 }
 
-// A fresh Wine prefix starts its desktop with the first window: until it
-// is up, windows of other processes fail to be created.
+// A fresh Wine prefix's desktop comes with its first window.
 inline bool desktop_ready()
 {
     return eventually([] {
@@ -45,10 +42,9 @@ inline bool desktop_ready()
     }, 10000);
 }
 
-// Starts `program` with `line` as its whole command line, its standard
-// output and error into the file `out` when one is named. A fresh Wine
-// prefix has refused a first CreateProcess now and then: a few spaced
-// retries ride that out.
+// Starts `program` with `line` as its whole command line, its output into
+// the file `out` if named. A fresh Wine prefix refuses a first
+// CreateProcess now and then: a few retries ride that out.
 inline PROCESS_INFORMATION start_process(const std::wstring &program, std::wstring line,
                                          const std::filesystem::path &out = {})
 {
@@ -60,7 +56,6 @@ inline PROCESS_INFORMATION start_process(const std::wstring &program, std::wstri
         startup.hStdOutput = CreateFileW(out.wstring().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                          &inherit, CREATE_ALWAYS, 0, nullptr);
         startup.hStdError = startup.hStdOutput;
-        // node.exe wants a real standard input.
         startup.hStdInput = CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
                                         OPEN_EXISTING, 0, nullptr);
     }
@@ -82,8 +77,7 @@ inline PROCESS_INFORMATION start_process(const std::wstring &program, std::wstri
     return process;
 }
 
-// Waits (at most `ms`) for the process to end, else ends it; its exit
-// code, or -1 when it had to be ended.
+// The exit code once the process ends (-1 when it is ended after `ms`).
 inline long wait_exit(PROCESS_INFORMATION *process, DWORD ms = 30000)
 {
     DWORD code = static_cast<DWORD>(-1);
@@ -153,8 +147,7 @@ public:
     WindowsAgent(const WindowsAgent &) = delete;
     WindowsAgent &operator=(const WindowsAgent &) = delete;
 
-    // Stores the digest of `passphrase` (and `AttemptEmpty` for the empty
-    // one) as an earlier run would have.
+    // As an earlier run would have stored it (`AttemptEmpty` if empty).
     void seed_passphrase(const char *passphrase)
     {
         agent_data_folder_set(folder_.string());
@@ -168,11 +161,10 @@ public:
         SetEnvironmentVariableW(L"TARNWELL_LOG_DIR", folder_.wstring().c_str());
     }
 
-    // Starts tkeyagent.exe with `command_line` as its whole command line.
-    PROCESS_INFORMATION launch(const std::wstring &command_line = L"0") const
+    PROCESS_INFORMATION launch() const
     {
         use_folder();
-        return start_process(program_path("tkeyagent.exe"), command_line);
+        return start_process(program_path("tkeyagent.exe"), L"0");
     }
 
     // Starts the agent and waits until it answers 1035 with 1.
@@ -205,7 +197,6 @@ public:
         return nullptr;
     }
 
-    // Closes the window and returns the exit code.
     long close()
     {
         if (HWND window = find_agent_window())
@@ -213,7 +204,6 @@ public:
         return wait_exit(&process_);
     }
 
-    // tagent.exe with `arguments`, run to its end.
     ToolResult tagent(const std::string &arguments) const
     {
         use_folder();
@@ -222,7 +212,7 @@ public:
 
     std::string log() const { return read_file_text(folder_ / "tAgentLog.txt"); }
     bool logged(const std::string &line) const { return log().find(line) != std::string::npos; }
-    // Waits for `line` to be in the log `count` times.
+    // Waits for `count` of `line` in the log.
     bool log_shows(const std::string &line, size_t count = 1) const
     {
         return eventually([&] { return count_of(log(), line) >= count; }, 10000);
