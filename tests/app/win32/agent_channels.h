@@ -1,6 +1,5 @@
-// Clients of the agent's three ways in, for the tests: its own per-client
-// pipe, the OpenSSH agent pipe and the Pageant window; an ECDSA key to add
-// and check signatures with; and ssh2 under the Windows build of Node.js.
+// Clients of the agent's three ways in (its own pipe, the OpenSSH agent pipe
+// and the Pageant window), a key to sign with, and ssh2 under Windows Node.js.
 #pragma once
 
 #include <windows.h>
@@ -64,12 +63,8 @@ inline Bytes read_reply(HANDLE pipe)
         return true;
     };
     uint8_t length[4];
-    if (!read_exactly(length, 4))
-        return {};
-    Bytes body(get_u32(length));
-    if (body.empty() || !read_exactly(body.data(), body.size()))
-        return {};
-    return body;
+    Bytes body(read_exactly(length, 4) ? get_u32(length) : 0);
+    return !body.empty() && read_exactly(body.data(), body.size()) ? body : Bytes();
 }
 
 // A mapping in the Pageant client's way, owned by `owner`: the request is

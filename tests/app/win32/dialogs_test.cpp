@@ -1,8 +1,7 @@
-// The passphrase dialogs from tagent.dll and the confirmation message box,
-// driven from another thread as a user would; their help, which opens the
-// page shipped beside the programs through the shell's association for
-// .html files (a stand-in browser registered by the test copies whatever
-// file it is asked to open); and the agent's first start.
+// The dialogs from tagent.dll driven from another thread as a user would;
+// their help, which opens the page beside the programs through the .html
+// association (a stand-in browser copies the file it is asked to open);
+// and the agent's first start.
 #include <windows.h>
 
 #include <gtest/gtest.h>

@@ -1,7 +1,4 @@
-// The installer under Wine: a silent install for the user alone, the agent
-// started as Windows starts it at log-on, an upgrade over the running agent,
-// and uninstalls that stop the agent, remove what the install made and keep
-// the key store or, answered No, delete it.
+// The installer under Wine: install, log-on start, upgrade and uninstalls.
 #include <windows.h>
 #include <shlobj.h>
 #include <shobjidl.h>

@@ -1,7 +1,4 @@
-// The OpenSSH agent pipe and the Pageant window of tkeyagent.exe under Wine:
-// ssh2 under Windows Node.js as a real third-party client on both, clients
-// that misbehave, all three ways in at once, a pipe name owned by another
-// program, and the request rate against the agent's own pipe.
+// The OpenSSH agent pipe and the Pageant window of tkeyagent.exe under Wine.
 #include <windows.h>
 #include <sddl.h>
 
@@ -17,10 +14,8 @@ namespace {
 const Bytes LIST_REQUEST = frame({REQUEST_IDENTITIES});
 
 // ssh2 on both (each line comes from a callback: a Pageant helper that
-// cannot start prints none; pagent.exe makes its mapping with default
-// security, which has no owner under Wine, and the agent lets that through
-// only there); clients that misbehave; ssh2 and this test's own clients on
-// all three ways in signing at once, every signature checked.
+// cannot start prints none), clients that misbehave, and ssh2 and this
+// test's own clients on all three ways in signing at once.
 TEST(OpenSshPipe, ServesSsh2AndEveryWayInAndEndsOnlyBadConnections)
 {
     WindowsAgent agent;

@@ -1,7 +1,4 @@
-// tagent.exe under Wine against tkeyagent.exe: a PEM key added (its
-// password typed into dialog 219), listed, kept across a restart, used to
-// sign (checked with OpenSSL) and removed; remote signs confirmed or refused
-// by the user; watch; usage errors.
+// tagent.exe under Wine against tkeyagent.exe.
 #include <windows.h>
 
 #include <gtest/gtest.h>

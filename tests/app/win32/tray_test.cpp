@@ -180,9 +180,8 @@ TEST(TrayMenu, ItemsFollowTheLockState)
     }
 }
 
-// Add at start, the locked and unlocked pictures, the unlock dialog with a
-// wrong and a right passphrase, the clicks that open and close the manager,
-// and the exit command that closes both and removes the icon.
+// The icon added, locked and unlocked (dialog 124, a wrong passphrase
+// first), the clicks on it, and exit, which closes the manager and the icon.
 TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
 {
     resource_library_load();

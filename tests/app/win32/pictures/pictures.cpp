@@ -1,13 +1,8 @@
-// Pictures of the windows a user sees, for a person to look at. Each test
-// raises one scene and has scripts/screenshots, which runs this program
-// under Xvfb and a Wine virtual desktop, photograph it. The hand-off goes
-// through the folder in TARNWELL_PICTURES_DIR: this program writes
-// NAME.want holding the window's rectangle on the desktop, the script
-// answers with NAME.png.
-//
-// A new scene: raise the window, take_picture(NAME, WINDOW) while it
-// shows, then end it; picture_of_modal does all three for a modal window
-// raised on the test's own thread.
+// Pictures of the windows a user sees, for a person to look at, taken by
+// scripts/screenshots under Xvfb and a Wine virtual desktop. In the folder
+// TARNWELL_PICTURES_DIR this program writes NAME.want with the window's
+// rectangle on the desktop; the script answers with NAME.png. A new scene:
+// raise the window, take_picture(NAME, WINDOW), end it.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -24,14 +19,9 @@
 #include "win32/tray_driver.h"
 #include "win32/windows_agent.h"
 
-HWND wait_for_window(const wchar_t *window_class)
-{
-    return wait_for_window_where([](HWND) { return true; }, window_class);
-}
-
 // The virtual desktop's taskbar, whose right end holds the notification
 // icons.
-HWND notification_area() { return wait_for_window(L"Shell_TrayWnd"); }
+HWND notification_area() { return wait_for_window_where([](HWND) { return true; }, L"Shell_TrayWnd"); }
 
 namespace {
 
@@ -43,9 +33,8 @@ std::filesystem::path pictures_folder()
 
 }  // namespace
 
-// Photographs `window` as it is on the screen now (the whole desktop for
-// the desktop window); false for no window or when no picture came within
-// 30 s.
+// Photographs `window` as it is on the screen now; false for no window or
+// when no picture came within 30 s.
 bool take_picture(const std::string &name, HWND window)
 {
     RECT r = {};
