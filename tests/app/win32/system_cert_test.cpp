@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <set>
 
 #include <openssl/pkcs12.h>
@@ -204,25 +205,20 @@ PkeyPtr dsa_key_generate()
     return PkeyPtr(key);
 }
 
-struct Listed {
-    SecureBytes blob;
-    std::string comment;
-};
+// The agent's identities: each blob by its comment, which names the form
+// it is listed under in front ("x509v3-sign-rsa - alice").
+using Listed = std::map<std::string, SecureBytes>;
 
-std::vector<Listed> list_identities(HANDLE pipe)
+Listed list_identities(HANDLE pipe)
 {
     Buffer body, reply;
     buffer_put_char(&body, SSH2_AGENTC_REQUEST_IDENTITIES);
-    if (!agent_pipe_request(pipe, body, SSH2_AGENT_IDENTITIES_ANSWER, &reply)) {
-        ADD_FAILURE() << "no identities answer";
-        return {};
-    }
+    Listed all;
+    EXPECT_TRUE(agent_pipe_request(pipe, body, SSH2_AGENT_IDENTITIES_ANSWER, &reply));
     buffer_get_char(&reply);
-    std::vector<Listed> all(buffer_get_int(&reply));
-    for (Listed &one : all) {
-        one.blob = buffer_get_string(&reply);
-        SecureBytes comment = buffer_get_string(&reply);
-        one.comment.assign(comment.begin(), comment.end());
+    for (uint32_t n = buffer_get_int(&reply); n > 0; --n) {
+        SecureBytes blob = buffer_get_string(&reply);
+        all[buffer_get_string_text(&reply)] = blob;
     }
     return all;
 }
@@ -252,26 +248,16 @@ SecureBytes sign(HANDLE pipe, const SecureBytes &key_blob, uint32_t flags)
     return buffer_get_string(&reply);
 }
 
-// The entry of the identity with `comment` listed under `name` (the list
-// names each form in front of the comment).
-const Listed *find(const std::vector<Listed> &all, const std::string &comment, const char *name)
-{
-    for (const Listed &one : all)
-        if (one.comment == std::string(name) + " - " + comment)
-            return &one;
-    return nullptr;
-}
-
-size_t count_identities(const std::vector<Listed> &all)
+size_t count_identities(const Listed &all)
 {
     std::set<std::string> comments;
-    for (const Listed &one : all)
-        comments.insert(one.comment.substr(one.comment.find(" - ") + 1));
+    for (const auto &[comment, blob] : all)
+        comments.insert(comment.substr(comment.find(" - ") + 1));
     return comments.size();
 }
 
 // Each listed form signs, and OpenSSL agrees with the signature.
-void expect_signs(HANDLE pipe, const std::vector<Listed> &all, const std::string &comment, X509 *cert)
+void expect_signs(HANDLE pipe, Listed &all, const std::string &comment, X509 *cert)
 {
     const struct {
         const char *listed;
@@ -284,9 +270,9 @@ void expect_signs(HANDLE pipe, const std::vector<Listed> &all, const std::string
     };
     for (const auto &form : forms) {
         SCOPED_TRACE(comment + " listed as " + form.listed);
-        const Listed *one = find(all, comment, form.listed);
-        ASSERT_NE(one, nullptr);
-        expect_verifies(sign(pipe, one->blob, form.flags), X509_get0_pubkey(cert), form.signature_name, form.md,
+        const SecureBytes &blob = all[std::string(form.listed) + " - " + comment];
+        ASSERT_FALSE(blob.empty());
+        expect_verifies(sign(pipe, blob, form.flags), X509_get0_pubkey(cert), form.signature_name, form.md,
                         "rsa", DATA);
     }
 }
@@ -357,20 +343,20 @@ TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
     // key store, and signs again once the certificate is back.
     for (int run = 0; run < 3; ++run) {
         SCOPED_TRACE(run);
-        std::vector<Listed> all = list_identities(pipe.get());
+        Listed all = list_identities(pipe.get());
         expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
         if (run < 2) {
             EXPECT_EQ(count_identities(all), 2u) << agent.log();
             expect_signs(pipe.get(), all, "bob by name", leaf[1]);
         } else {
-            const Listed *bob_listed = find(all, "2048-bit, X.509 name: \"/CN=capi-bob\"", "x509v3-sign-rsa");
-            ASSERT_NE(bob_listed, nullptr);
-            EXPECT_TRUE(sign(pipe.get(), bob_listed->blob, 0).empty());
+            const SecureBytes bob_blob = all["x509v3-sign-rsa - 2048-bit, X.509 name: \"/CN=capi-bob\""];
+            ASSERT_FALSE(bob_blob.empty());
+            EXPECT_TRUE(sign(pipe.get(), bob_blob, 0).empty());
             std::string sha1 = hex(sha1_bytes(leaf[1]), "%02x");
             EXPECT_TRUE(agent.logged("the private key of certificate " + sha1 + " is not available"));
             EXPECT_TRUE(agent.logged("Certificate " + sha1 + " is not available in location 1 now"));
             StoredCertificate bob_again(L"MY", leaf[1], bob_key.get(), KeyImport::container);
-            expect_verifies(sign(pipe.get(), bob_listed->blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa",
+            expect_verifies(sign(pipe.get(), bob_blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa",
                             "SHA1", "rsa", DATA);
             break;
         }
