@@ -1,9 +1,10 @@
-// Clients of the agent's three ways in, for the tests: its own per-client
-// pipe, the OpenSSH agent pipe and the Pageant window; an ECDSA key to add
-// and check signatures with; and ssh2 under the Windows build of Node.js.
+// Clients of the agent's three ways in (its own pipe, the OpenSSH agent pipe
+// and the Pageant window), a key to sign with, and ssh2 under Windows Node.js.
 #pragma once
 
 #include <windows.h>
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <gtest/gtest.h>
 
@@ -24,8 +25,8 @@
 #include "support/files.h"
 #include "win32/windows_agent.h"
 
-constexpr uint8_t ADD_IDENTITY = 17, SIGN_REQUEST = 13, SIGN_RESPONSE = 14, AGENT_SUCCESS = 6;
-constexpr uint8_t REQUEST_IDENTITIES = 11, IDENTITIES_ANSWER = 12;
+constexpr uint8_t FAILURE = 5, AGENT_SUCCESS = 6, REQUEST_IDENTITIES = 11, IDENTITIES_ANSWER = 12,
+                  SIGN_REQUEST = 13, SIGN_RESPONSE = 14, ADD_IDENTITY = 17;
 
 // A reply's message number, or -1 for none.
 inline int reply_type(const Bytes &reply) { return reply.empty() ? -1 : reply[0]; }
@@ -62,12 +63,8 @@ inline Bytes read_reply(HANDLE pipe)
         return true;
     };
     uint8_t length[4];
-    if (!read_exactly(length, 4))
-        return {};
-    Bytes body(get_u32(length));
-    if (body.empty() || !read_exactly(body.data(), body.size()))
-        return {};
-    return body;
+    Bytes body(read_exactly(length, 4) ? get_u32(length) : 0);
+    return !body.empty() && read_exactly(body.data(), body.size()) ? body : Bytes();
 }
 
 // A mapping in the Pageant client's way, owned by `owner`: the request is
@@ -164,6 +161,40 @@ inline Bytes pipe_call(HANDLE pipe, const Bytes &body)
     return buffer_bytes(reply);
 }
 
+inline bool lists(HANDLE pipe)
+{
+    Buffer body, reply;
+    buffer_put_char(&body, REQUEST_IDENTITIES);
+    return agent_pipe_request(pipe, body, IDENTITIES_ANSWER, &reply);
+}
+
+// A pipe's access list as SDDL, and the one it must be: generic-all for
+// the user alone. Wine keeps the list without enforcing it.
+inline std::wstring access_list(HANDLE pipe)
+{
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PACL dacl = nullptr;
+    LPWSTR sddl = nullptr;
+    std::wstring text;
+    if (GetSecurityInfo(pipe, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                        &descriptor) == ERROR_SUCCESS &&
+        ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                             &sddl, nullptr))
+        text = sddl;
+    LocalFree(sddl);
+    LocalFree(descriptor);
+    return text;
+}
+inline std::wstring user_only_access_list()
+{
+    std::vector<BYTE> sid = current_user_sid();
+    LPWSTR sid_text = nullptr;
+    ConvertSidToStringSidW(sid.data(), &sid_text);
+    std::wstring text = L"D:(A;;GA;;;" + std::wstring(sid_text ? sid_text : L"") + L")";
+    LocalFree(sid_text);
+    return text;
+}
+
 // The Windows path of a path on this machine: Wine shows / as drive Z:.
 inline std::wstring wine_path(std::string path)
 {
@@ -173,8 +204,8 @@ inline std::wstring wine_path(std::string path)
     return utf8_to_wide("Z:" + path);
 }
 
-// The ssh2 client script run by the Windows build of Node.js; its standard
-// output goes to a file (node.exe dies on a Unix pipe).
+// The ssh2 client script run by the Windows build of Node.js; its output
+// goes to a file (node.exe dies on a Unix pipe).
 class NodeClient {
 public:
     NodeClient(const std::filesystem::path &folder, const std::string &arguments)
@@ -184,24 +215,12 @@ public:
         std::wstring clients = wine_path(TARNWELL_WINDOWS_NODE_CLIENTS);
         std::wstring node = clients + L"\\node\\bin\\node.exe";
         if (GetFileAttributesW(node.c_str()) == INVALID_FILE_ATTRIBUTES) {
-            ADD_FAILURE() << "no Windows Node.js at " << TARNWELL_WINDOWS_NODE_CLIENTS << " (error " << GetLastError() << ")"
-                          << ": run scripts/install-windows-node-clients";
+            ADD_FAILURE() << "no Windows Node.js: run scripts/install-windows-node-clients";
             return;
         }
         SetEnvironmentVariableW(L"NODE_PATH", (clients + L"\\node_modules").c_str());
-        SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-        WinHandle out(CreateFileW(output_.wstring().c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
-                                  CREATE_ALWAYS, 0, nullptr));
-        WinHandle in(CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, OPEN_EXISTING,
-                                 0, nullptr));
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof startup;
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdInput = in.get();
-        startup.hStdOutput = out.get();
-        startup.hStdError = out.get();
         std::wstring script = wine_path(TARNWELL_SOURCE_DIR "/tests/app/win32/ssh2_agent_client.js");
-        process_ = start_process(node, L"node.exe \"" + script + L"\" " + utf8_to_wide(arguments), true, &startup);
+        process_ = start_process(node, L"node.exe \"" + script + L"\" " + utf8_to_wide(arguments), output_);
     }
     ~NodeClient()
     {
@@ -217,15 +236,7 @@ public:
     std::string finish()
     {
         if (process_.hProcess) {
-            DWORD code = 1;
-            if (WaitForSingleObject(process_.hProcess, 180000) == WAIT_OBJECT_0)
-                GetExitCodeProcess(process_.hProcess, &code);
-            else
-                TerminateProcess(process_.hProcess, 1);
-            WaitForSingleObject(process_.hProcess, 10000);
-            CloseHandle(process_.hThread);
-            CloseHandle(process_.hProcess);
-            process_ = {};
+            long code = wait_exit(&process_, 180000);
             result_ = read_file_text(output_) + "exit " + std::to_string(code) + "\n";
         }
         return result_;

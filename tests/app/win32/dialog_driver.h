@@ -4,18 +4,36 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <string>
 
-// The top-level dialog titled `title`, waiting at most 10 s; null if none.
+#include "win32/windows_agent.h"
+
+inline std::wstring window_title(HWND window)
+{
+    wchar_t title[256] = L"";
+    GetWindowTextW(window, title, 256);
+    return title;
+}
+
+// The visible top-level window of `window_class` that `wanted` picks,
+// waiting at most 10 s; null if none.
+inline HWND wait_for_window_where(const std::function<bool(HWND)> &wanted, const wchar_t *window_class = L"#32770")
+{
+    HWND found = nullptr;
+    eventually([&] {
+        for (HWND w = FindWindowExW(nullptr, nullptr, window_class, nullptr); w && !found;
+             w = FindWindowExW(nullptr, w, window_class, nullptr))
+            if (IsWindowVisible(w) && wanted(w))
+                found = w;
+        return found != nullptr;
+    }, 10000);
+    return found;
+}
+
 inline HWND wait_for_dialog(const std::wstring &title)
 {
-    for (int attempt = 0; attempt < 200; ++attempt) {
-        if (HWND dialog = FindWindowW(L"#32770", title.c_str()))
-            if (IsWindowVisible(dialog))
-                return dialog;
-        Sleep(50);
-    }
-    return nullptr;
+    return wait_for_window_where([&](HWND dialog) { return window_title(dialog) == title; });
 }
 
 inline void type_into(HWND dialog, int control, const std::wstring &text)
@@ -25,26 +43,14 @@ inline void type_into(HWND dialog, int control, const std::wstring &text)
 
 inline void press(HWND dialog, int control) { SendDlgItemMessageW(dialog, control, BM_CLICK, 0, 0); }
 
-inline std::wstring control_text(HWND dialog, int control)
-{
-    wchar_t text[1024] = L"";
-    GetDlgItemTextW(dialog, control, text, 1024);
-    return text;
-}
+inline std::wstring control_text(HWND dialog, int control) { return window_title(GetDlgItem(dialog, control)); }
 
 // Every static text of a message box, one after the other.
 inline std::wstring static_texts(HWND box)
 {
     std::wstring all;
-    EnumChildWindows(
-        box,
-        [](HWND child, LPARAM out) -> BOOL {
-            wchar_t name[32] = L"", text[1024] = L"";
-            GetClassNameW(child, name, 32);
-            if (lstrcmpiW(name, L"Static") == 0 && GetWindowTextW(child, text, 1024) > 0)
-                *reinterpret_cast<std::wstring *>(out) += text;
-            return TRUE;
-        },
-        reinterpret_cast<LPARAM>(&all));
+    for (HWND child = FindWindowExW(box, nullptr, L"Static", nullptr); child;
+         child = FindWindowExW(box, child, L"Static", nullptr))
+        all += window_title(child);
     return all;
 }

@@ -1,7 +1,4 @@
-// The installer under Wine: a silent install for the user alone, the agent
-// started as Windows starts it at log-on, an upgrade over the running agent,
-// and uninstalls that stop the agent, remove what the install made and keep
-// the key store or, answered No, delete it.
+// The installer under Wine: install, log-on start, upgrade and uninstalls.
 #include <windows.h>
 #include <shlobj.h>
 #include <shobjidl.h>
@@ -11,7 +8,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 
 #include "agent/data_folder.h"
 #include "agent/passphrase.h"
@@ -72,22 +68,6 @@ fs::path shortcut_target(const fs::path &link)
     return target;
 }
 
-// Runs `program` to its end, its standard output into `out`; the exit code.
-long run(const fs::path &program, const std::wstring &arguments, const fs::path &out)
-{
-    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = CreateFileW(out.wstring().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                     &inherit, CREATE_ALWAYS, 0, nullptr);
-    startup.hStdError = startup.hStdOutput;
-    PROCESS_INFORMATION process =
-        start_process(program.wstring(), L"\"" + program.wstring() + L"\" " + arguments, true, &startup);
-    CloseHandle(startup.hStdOutput);
-    return WindowsAgent::wait_exit(&process);
-}
-
 // The uninstaller hands over to a copy of itself, "Un.exe" in the
 // temporary folder, and returns at once: waits (at most 60 s each) for
 // every such copy to end, or ends them at once with `end_them`.
@@ -115,44 +95,18 @@ bool uninstaller_copies_ended(bool end_them = false)
 }
 
 // The agent that another program started: its process once its window
-// exists (waiting at most 20 s).
+// exists.
 PROCESS_INFORMATION agent_started_elsewhere()
 {
     PROCESS_INFORMATION agent = {};
-    for (int attempt = 0; attempt < 200 && !agent.hProcess; ++attempt) {
-        if (HWND window = find_agent_window()) {
+    eventually([&] {
+        if (HWND window = find_agent_window())
             GetWindowThreadProcessId(window, &agent.dwProcessId);
-            agent.hProcess = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE, FALSE,
-                                         agent.dwProcessId);
-        } else {
-            Sleep(100);
-        }
-    }
+        return agent.dwProcessId != 0;
+    });
+    agent.hProcess = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE, FALSE,
+                                 agent.dwProcessId);
     return agent;
-}
-
-// The visible top-level dialog that `wanted` picks, waiting at most 10 s.
-HWND wait_for_dialog_where(const std::function<bool(HWND)> &wanted)
-{
-    struct Search {
-        const std::function<bool(HWND)> &wanted;
-        HWND found;
-    } search = {wanted, nullptr};
-    for (int attempt = 0; attempt < 200 && !search.found; ++attempt) {
-        EnumWindows(
-            [](HWND window, LPARAM param) -> BOOL {
-                auto *s = reinterpret_cast<Search *>(param);
-                wchar_t name[16] = L"";
-                GetClassNameW(window, name, 16);
-                if (lstrcmpW(name, L"#32770") == 0 && IsWindowVisible(window) && s->wanted(window))
-                    s->found = window;
-                return !s->found;
-            },
-            reinterpret_cast<LPARAM>(&search));
-        if (!search.found)
-            Sleep(50);
-    }
-    return search.found;
 }
 
 // Installs silently for a test, over the store of an earlier installation
@@ -170,14 +124,14 @@ protected:
         ASSERT_EQ(set_agent_passphrase("kept across installs", 0), 1) << "the passphrase could not be stored";
         agent_data_folder_set("");
         std::ofstream(data / "kvllog.ini", std::ios::binary) << "agent=\n";
-        ASSERT_EQ(run(setup, L"/S", scratch / "setup.out"), 0);
+        ASSERT_EQ(run_program(setup, L"/S", scratch / "setup.out").status, 0);
     }
     void TearDown() override
     {
         if (HWND window = find_agent_window()) {
             PROCESS_INFORMATION agent = agent_started_elsewhere();
             PostMessageW(window, WM_CLOSE, 0, 0);
-            WindowsAgent::wait_exit(&agent);
+            wait_exit(&agent);
         }
         uninstaller_copies_ended(true);
         RegDeleteKeyValueW(HKEY_CURRENT_USER, RUN_KEY, PRODUCT);
@@ -192,12 +146,7 @@ protected:
     }
 
     std::string log() const { return read_file_text(data / "tAgentLog.txt"); }
-    std::string status() const
-    {
-        fs::path out = scratch / "status.out";
-        EXPECT_EQ(run(programs / "tagent.exe", L"status", out), 0);
-        return read_file_text(out);
-    }
+    std::string status() const { return run_program(programs / "tagent.exe", L"status", scratch / "status.out").out; }
 
     fs::path setup = fs::path(platform_executable_dir()) / "tarnwell-key-agent-setup.exe";
     fs::path programs = known_folder(FOLDERID_LocalAppData) / "Programs" / PRODUCT;
@@ -206,7 +155,7 @@ protected:
     fs::path scratch = fresh_temp_folder("installer");
 };
 
-TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingTheKeys)
+TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstalls)
 {
     for (const char *name : {"tkeyagent.exe", "tagent.exe", "tagent.dll", "pki.dll", "libcrypto-3-x64.dll",
                              "tarnwell-key-agent.html", "Uninstall.exe"})
@@ -217,51 +166,39 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstallsKeepingThe
     EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), PRODUCT);
 
     // Log-on: Windows runs the Run entry's command line as it stands.
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION agent = start_process(agent_program.wstring(), run_entry(), false, &startup);
+    PROCESS_INFORMATION agent = start_process(agent_program.wstring(), run_entry());
     ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
     std::string answer = status();
     EXPECT_NE(answer.find("state: locked"), std::string::npos) << answer;
     EXPECT_NE(answer.find("identities: 0"), std::string::npos) << answer;
 
     // An upgrade over the running agent stops it and starts it again.
-    ASSERT_EQ(run(setup, L"/S", scratch / "upgrade.out"), 0);
-    EXPECT_EQ(WindowsAgent::wait_exit(&agent), 0) << "the upgrade stops the running agent";
+    ASSERT_EQ(run_program(setup, L"/S", scratch / "upgrade.out").status, 0);
+    EXPECT_EQ(wait_exit(&agent), 0) << "the upgrade stops the running agent";
     agent = agent_started_elsewhere();
     ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
     EXPECT_NE(status().find("state: locked"), std::string::npos);
 
-    EXPECT_EQ(run(programs / "Uninstall.exe", L"/S", scratch / "uninstall.out"), 0);
+    EXPECT_EQ(run_program(programs / "Uninstall.exe", L"/S", scratch / "uninstall.out").status, 0);
     ASSERT_TRUE(uninstaller_copies_ended());
     EXPECT_FALSE(fs::exists(programs));
-    EXPECT_EQ(WindowsAgent::wait_exit(&agent), 0) << "the uninstaller stops the agent";
+    EXPECT_EQ(wait_exit(&agent), 0) << "the uninstaller stops the agent";
     EXPECT_EQ(find_agent_window(), nullptr);
     EXPECT_EQ(run_entry(), L"");
     EXPECT_FALSE(fs::exists(shortcut));
     EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), L"");
     EXPECT_TRUE(fs::exists(data / "tAgent")) << "a silent uninstall keeps the key store";
     EXPECT_NE(log().find("Key Agent started"), std::string::npos) << log();
-}
 
-// Uninstalling by hand: the user confirms in the wizard and answers No to
-// keeping the keys, and the key store goes too.
-TEST_F(Installer, UninstallAnsweredNoDeletesTheKeyStore)
-{
-    fs::path uninstaller = programs / "Uninstall.exe";
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process = start_process(uninstaller.wstring(), L"\"" + uninstaller.wstring() + L"\"",
-                                                false, &startup);
-    EXPECT_EQ(WindowsAgent::wait_exit(&process), 0);
-    HWND wizard = wait_for_dialog_where([](HWND window) {
-        wchar_t title[256] = L"";
-        GetWindowTextW(window, title, 256);
-        return std::wstring(title).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0;
-    });
+    // Installed again and uninstalled by hand: the user confirms in the
+    // wizard and answers No to keeping the keys, and the key store goes too.
+    ASSERT_EQ(run_program(setup, L"/S", scratch / "setup.out").status, 0);
+    EXPECT_EQ(run_program(programs / "Uninstall.exe", L"", scratch / "uninstall.out").status, 0);
+    HWND wizard = wait_for_window_where(
+        [](HWND window) { return window_title(window).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0; });
     ASSERT_NE(wizard, nullptr);
     press(wizard, IDOK);  // "Uninstall" on the confirmation page
-    HWND question = wait_for_dialog_where(
+    HWND question = wait_for_window_where(
         [](HWND window) { return static_texts(window).find(L"Keep your stored keys") != std::wstring::npos; });
     ASSERT_NE(question, nullptr);
     press(question, IDNO);
@@ -269,9 +206,7 @@ TEST_F(Installer, UninstallAnsweredNoDeletesTheKeyStore)
     auto closable = [wizard] {
         return control_text(wizard, IDOK) == L"&Close" && IsWindowEnabled(GetDlgItem(wizard, IDOK));
     };
-    for (int attempt = 0; attempt < 600 && !closable(); ++attempt)
-        Sleep(100);
-    ASSERT_TRUE(closable());
+    ASSERT_TRUE(eventually(closable, 60000));
     press(wizard, IDOK);
     ASSERT_TRUE(uninstaller_copies_ended());
     EXPECT_FALSE(fs::exists(programs));

@@ -1,20 +1,12 @@
 // The manager window (tagent.exe without arguments) under Wine, driven as a
-// user would: every action must reach the agent, which is checked through
-// the agent itself, its settings file and tagent.exe list.
+// user would: every action must reach the agent, its settings file and
+// tagent.exe list.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
-#include <cstdio>
-#include <functional>
-
-#include "agent/protocol.h"
 #include "agent/settings.h"
 #include "app/program_texts.h"
-#include "app/win32/agent_client_access.h"
 #include "app/win32/manager_window.h"
 #include "app/win32/resource_texts.h"
 #include "app/win32/resources/manager_dialog.h"
@@ -23,36 +15,29 @@
 
 namespace {
 
-// tagent.exe started by the test: without arguments the manager window,
-// else a command whose standard output is returned.
+// The manager window of a tagent.exe started by the test.
 class Manager {
 public:
     explicit Manager(const WindowsAgent &agent)
     {
         agent.use_folder();
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof startup;
-        process_ = start_process(program(), L"tagent.exe", false, &startup);
+        process_ = start_process(program_path("tagent.exe"), L"tagent.exe");
         window_ = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
     }
     ~Manager()
     {
         if (window_ && IsWindow(window_))
             PostMessageW(window_, WM_CLOSE, 0, 0);
-        WindowsAgent::wait_exit(&process_);
+        wait_exit(&process_);
     }
-    Manager(const Manager &) = delete;
-    Manager &operator=(const Manager &) = delete;
-
     HWND window() const { return window_; }
-    // Clicks that open a dialog are posted: the click returns only when the
-    // dialog is closed.
+    // A click that opens a dialog is posted: it would return only when the
+    // dialog is closed. Any other click returns once it is done.
     void click_later(int control) const
     {
         PostMessageW(window_, WM_COMMAND, MAKEWPARAM(control, BN_CLICKED),
                      reinterpret_cast<LPARAM>(GetDlgItem(window_, control)));
     }
-    // A click that opens nothing returns once it is done.
     void click(int control) const
     {
         DWORD_PTR ignored = 0;
@@ -66,48 +51,15 @@ public:
     }
     bool ended_within(DWORD ms) const { return WaitForSingleObject(process_.hProcess, ms) == WAIT_OBJECT_0; }
 
-    static std::wstring program() { return utf8_to_wide(platform_executable_dir() + "tagent.exe"); }
-
 private:
     PROCESS_INFORMATION process_ = {};
     HWND window_ = nullptr;
 };
 
-std::string tagent_output(const WindowsAgent &agent, const std::string &arguments)
-{
-    std::string path = agent.path("tagent.out");
-    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = CreateFileW(utf8_to_wide(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
-                                     CREATE_ALWAYS, 0, nullptr);
-    agent.use_folder();
-    PROCESS_INFORMATION process =
-        start_process(Manager::program(), L"tagent.exe " + utf8_to_wide(arguments), true, &startup);
-    CloseHandle(startup.hStdOutput);
-    WindowsAgent::wait_exit(&process);
-    std::string out = read_file_text(path);
-    std::filesystem::remove(path);
-    return out;
-}
-
 AgentSettings settings_file(const WindowsAgent &agent)
 {
     std::string text = read_file_text(agent.path(AGENT_SETTINGS_FILE));
     return parse_agent_settings(reinterpret_cast<const uint8_t *>(text.data()), text.size());
-}
-
-// Polls `condition` for at most 20 s: the manager acts on its own thread,
-// and a click sent while it asks the agent shows once that is done.
-bool eventually(const std::function<bool()> &condition)
-{
-    for (int attempt = 0; attempt < 400; ++attempt) {
-        if (condition())
-            return true;
-        Sleep(50);
-    }
-    return false;
 }
 
 void answer_dialog(const std::wstring &title, std::initializer_list<std::pair<int, const wchar_t *>> fields)
@@ -119,30 +71,22 @@ void answer_dialog(const std::wstring &title, std::initializer_list<std::pair<in
     press(dialog, IDOK);
 }
 
-void write_encrypted_key(const std::string &path, const char *password)
-{
-    EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
-    FILE *file = fopen(path.c_str(), "wb");
-    PEM_write_PrivateKey(file, key, EVP_aes_256_cbc(), nullptr, 0, nullptr, const_cast<char *>(password));
-    fclose(file);
-    EVP_PKEY_free(key);
-}
-
 }  // namespace
 
-TEST(ManagerWindow, SettingsReachTheAgentAndTheFile)
+TEST(ManagerWindow, EveryActionReachesTheAgent)
 {
     WindowsAgent agent;
-    agent.seed_passphrase("");
+    agent.seed_passphrase("old");
     ASSERT_NE(agent.start(), nullptr) << agent.log();
     Manager manager(agent);
     ASSERT_NE(manager.window(), nullptr);
+    EXPECT_EQ(manager.state(), L"The agent is locked.");
 
-    struct Switch {
+    // Each setting switched and back, so that the rest runs as it started.
+    const struct {
         int control;
         uint32_t AgentSettings::*field;
-    };
-    const Switch switches[] = {{MANAGER_CONFIRM_KEY_OP, &AgentSettings::ConfirmKeyOp},
+    } switches[] = {{MANAGER_CONFIRM_KEY_OP, &AgentSettings::ConfirmKeyOp},
                                {MANAGER_ALLOW_ADD, &AgentSettings::AllowAdd},
                                {MANAGER_ALLOW_DELETE, &AgentSettings::AllowDelete},
                                {MANAGER_USE_ONLY_SHA1, &AgentSettings::UseOnlySha1},
@@ -151,27 +95,19 @@ TEST(ManagerWindow, SettingsReachTheAgentAndTheFile)
     // agent's rewrites of the file.
     manager.click(MANAGER_AUTO_LOCK);
     type_into(manager.window(), MANAGER_AUTO_LOCK_MINUTES, L"15");
-    for (const Switch &entry : switches) {
+    for (const auto &entry : switches) {
         SCOPED_TRACE(entry.control);
         uint32_t before = settings_file(agent).*entry.field;
         EXPECT_EQ(IsDlgButtonChecked(manager.window(), entry.control) == BST_CHECKED, before != 0)
             << "the window shows the file";
-        manager.click(entry.control);
-        AgentSettings after = settings_file(agent);
-        EXPECT_EQ(after.*entry.field, before ? 0u : 1u);
-        EXPECT_EQ(after.AutoLock, 1u);
-        EXPECT_EQ(after.AutoLockMinutes, 15);
+        for (uint32_t expected : {before ? 0u : 1u, before}) {
+            manager.click(entry.control);
+            AgentSettings after = settings_file(agent);
+            EXPECT_EQ(after.*entry.field, expected);
+            EXPECT_EQ(after.AutoLock, 1u);
+            EXPECT_EQ(after.AutoLockMinutes, 15);
+        }
     }
-}
-
-TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
-{
-    WindowsAgent agent;
-    agent.seed_passphrase("old");
-    ASSERT_NE(agent.start(), nullptr) << agent.log();
-    Manager manager(agent);
-    ASSERT_NE(manager.window(), nullptr);
-    EXPECT_EQ(manager.state(), L"The agent is locked.");
 
     manager.click_later(MANAGER_UNLOCK);
     answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, L"old"}});
@@ -187,12 +123,12 @@ TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
 
     // A key added in the window, its password asked in dialog 219.
     std::string key_file = agent.path("id_ecdsa.pem");
-    write_encrypted_key(key_file, "key password");
+    EVP_PKEY_free(write_pem_key(key_file, "EC", "key password"));
     type_into(manager.window(), MANAGER_KEY_FILE, utf8_to_wide(key_file));
     manager.click_later(MANAGER_ADD);
     answer_dialog(resource_text(TEXT_KEY_PASSPHRASE_DIALOG), {{126, L"key password"}});
     EXPECT_TRUE(eventually([&] { return manager.identities() == 1; }));
-    EXPECT_NE(tagent_output(agent, "list").find("ECDSA 256  SHA256:"), std::string::npos);
+    EXPECT_NE(agent.tagent("list").out.find("ECDSA 256  SHA256:"), std::string::npos);
 
     // The change of passphrase writes the store again under the new one.
     std::string store = read_file_text(agent.path("tAgentKeys"));
@@ -211,7 +147,7 @@ TEST(ManagerWindow, KeysLockAndPassphraseReachTheAgent)
     SendDlgItemMessageW(manager.window(), MANAGER_IDENTITIES, LB_SETCURSEL, 0, 0);
     manager.click(MANAGER_REMOVE);
     EXPECT_TRUE(eventually([&] { return manager.identities() == 0; }));
-    EXPECT_NE(tagent_output(agent, "list").find("The agent has no identities."), std::string::npos);
+    EXPECT_NE(agent.tagent("list").out.find("The agent has no identities."), std::string::npos);
 
     // Reset, confirmed: the agent destroys its data and stops, and closes
     // the manager on its way out.

@@ -1,16 +1,16 @@
-// Certificate location 1 on Windows: certificates with RSA keys imported
-// into the user's "MY" store (as a PKCS#12 import puts them there) are
-// found by hash and by common name, sign under each hash the settings
-// select, and come back from the key store after tkeyagent.exe restarts.
-// OpenSSL checks every signature against the certificate's public key.
+// Certificate location 1 on Windows: RSA and DSA certificates in the user's
+// "MY" store (as a PKCS#12 import puts them there) are found by hash and by
+// common name, sign under each algorithm and hash the settings select, and
+// come back from the key store after tkeyagent.exe restarts. OpenSSL checks
+// every signature against the certificate's public key.
 #include <windows.h>
 #include <wincrypt.h>
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <set>
 
-#include <openssl/pem.h>
 #include <openssl/pkcs12.h>
 #include <openssl/x509v3.h>
 
@@ -23,7 +23,6 @@
 #include "pki/cert_key_layer.h"
 #include "crypto/signature_check.h"
 #include "pki/key_signer.h"
-#include "support/log_capture.h"
 #include "win32/windows_agent.h"
 
 namespace {
@@ -32,7 +31,8 @@ X509Ptr make_certificate(const char *cn, EVP_PKEY *key, X509 *issuer, EVP_PKEY *
 {
     X509Ptr cert(X509_new());
     X509_set_version(cert.get(), 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), static_cast<long>(GetTickCount() & 0x7fffffff));
+    static long serial = static_cast<long>(GetTickCount() & 0xffffff);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), ++serial);
     X509_gmtime_adj(X509_getm_notBefore(cert.get()), -60);
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400);
     X509_set_pubkey(cert.get(), key);
@@ -51,22 +51,21 @@ std::vector<uint8_t> sha1_bytes(X509 *cert)
     return {digest, digest + len};
 }
 
-std::string hex(const std::vector<uint8_t> &bytes)
+std::string hex(const std::vector<uint8_t> &bytes, const char *format = "%02X")
 {
     std::string out;
     char two[3];
     for (uint8_t b : bytes) {
-        snprintf(two, sizeof two, "%02X", b);
+        snprintf(two, sizeof two, format, b);
         out += two;
     }
     return out;
 }
 
-// How a certificate's key reaches the store. Wine 8 puts the key of every
-// PKCS#12 import into one key container named after the user, so a second
-// imported key replaces the first: only one certificate per test comes by
-// PKCS#12, the others by CryptImportKey into a container of their own,
-// which is what the import does on Windows.
+// How a certificate's key reaches the store. Wine 8 puts every PKCS#12
+// import's key into one container named after the user, so only one
+// certificate per test comes by PKCS#12, the others by CryptImportKey into
+// a container of their own, as the import does on Windows.
 enum class KeyImport { none, pkcs12, container };
 
 // Adds a certificate to one of the user's stores for the life of the object.
@@ -77,10 +76,10 @@ public:
     {
         add(cert, key, how);
     }
-    ~StoredCertificate() { remove(); }
-
+    StoredCertificate(const StoredCertificate &) = delete;
+    StoredCertificate &operator=(const StoredCertificate &) = delete;
     // Takes the certificate and its key container away.
-    void remove();
+    ~StoredCertificate();
 
 private:
     void add(X509 *cert, EVP_PKEY *key, KeyImport how)
@@ -151,145 +150,75 @@ private:
     std::wstring container_;
 };
 
-void StoredCertificate::remove()
+StoredCertificate::~StoredCertificate()
 {
-    if (sha1_.empty())
-        return;
     CertStorePtr target(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, store_));
     if (CertContextPtr context = target ? system_store_find_sha1(target.get(), sha1_) : nullptr)
         CertDeleteCertificateFromStore(context.release());  // frees the context
     // Wine 8 leaves the certificate's registry entry behind, where stores
     // opened later find it again.
     std::wstring entry = std::wstring(L"Software\\Microsoft\\SystemCertificates\\") + store_ + L"\\Certificates\\";
-    for (uint8_t b : sha1_) {
-        wchar_t two[3];
-        swprintf(two, 3, L"%02X", b);
-        entry += two;
-    }
-    RegDeleteTreeW(HKEY_CURRENT_USER, entry.c_str());
+    RegDeleteTreeW(HKEY_CURRENT_USER, (entry + utf8_to_wide(hex(sha1_))).c_str());
     if (!key_info_.empty()) {
         auto *info = reinterpret_cast<const CRYPT_KEY_PROV_INFO *>(key_info_.data());
         HCRYPTPROV gone = 0;
         CryptAcquireContextW(&gone, info->pwszContainerName, info->pwszProvName, info->dwProvType,
                              CRYPT_DELETEKEYSET);
     }
-    sha1_.clear();
 }
-
-std::string lower(std::string text)
-{
-    for (char &c : text)
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
-// A root in the user's "CA" store and RSA leaves issued by it in "MY".
-class SystemStore : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        cert_key_layer_install();
-        root_key = EVP_RSA_gen(2048);
-        root = make_certificate("Capi Test Root", root_key, nullptr, nullptr).release();
-        for (int i = 0; i < 2; ++i) {
-            leaf_key[i] = EVP_RSA_gen(2048);
-            leaf[i] = make_certificate(i ? "capi-bob" : "capi-alice", leaf_key[i], root, root_key).release();
-        }
-    }
-    static void TearDownTestSuite()
-    {
-        for (int i = 0; i < 2; ++i) {
-            X509_free(leaf[i]);
-            EVP_PKEY_free(leaf_key[i]);
-        }
-        X509_free(root);
-        EVP_PKEY_free(root_key);
-    }
-    void SetUp() override { system_cert_provider_install(); }
-    void TearDown() override
-    {
-        set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
-        cert_provider_set(CERT_SOURCE_SYSTEM, nullptr);
-    }
-
-    static EVP_PKEY *root_key, *leaf_key[2];
-    static X509 *root, *leaf[2];
-};
-EVP_PKEY *SystemStore::root_key = nullptr;
-EVP_PKEY *SystemStore::leaf_key[2] = {};
-X509 *SystemStore::root = nullptr;
-X509 *SystemStore::leaf[2] = {};
 
 const Bytes DATA = text_bytes("session identifier and user auth request");
 
 struct SignCase {
-    const char *algorithm;  // the row the request selects
-    bool as_plain_key;      // the certificate offered as its plain key
-    int rsa_sigtype;
-    const char *signature_name, *md;
+    const char *identifier, *algorithm;  // the certificate and the row the request selects
+    bool as_plain_key;                   // the certificate offered as its plain key
+    int sigtype;                         // x509rsa or x509dsa sigtype
+    const char *signature_name, *md, *form;
 };
 
 const SignCase SIGN_CASES[] = {
-    {"x509v3-sign-rsa", false, 3, "x509v3-sign-rsa", "SHA1"},
-    {"x509v3-sign-rsa", false, 0, "x509v3-sign-rsa", "MD5"},
-    {"x509v3-ssh-rsa", false, 3, "ssh-rsa", "SHA1"},
-    {"x509v3-rsa2048-sha256", false, 3, "rsa2048-sha256", "SHA256"},
-    {"ssh-rsa", true, 3, "ssh-rsa", "SHA1"},
-    {"rsa-sha2-256", true, 3, "rsa-sha2-256", "SHA256"},
-    {"rsa-sha2-512", true, 3, "rsa-sha2-512", "SHA512"},
+    {"capi-alice", "x509v3-sign-rsa", false, 3, "x509v3-sign-rsa", "SHA1", "rsa"},
+    {"capi-alice", "x509v3-sign-rsa", false, 0, "x509v3-sign-rsa", "MD5", "rsa"},
+    {"capi-alice", "x509v3-ssh-rsa", false, 3, "ssh-rsa", "SHA1", "rsa"},
+    {"capi-alice", "x509v3-rsa2048-sha256", false, 3, "rsa2048-sha256", "SHA256", "rsa"},
+    {"capi-alice", "ssh-rsa", true, 3, "ssh-rsa", "SHA1", "rsa"},
+    {"capi-alice", "rsa-sha2-256", true, 3, "rsa-sha2-256", "SHA256", "rsa"},
+    {"capi-alice", "rsa-sha2-512", true, 3, "rsa-sha2-512", "SHA512", "rsa"},
+    {"capi-dsa", "x509v3-sign-dss", false, 0, "x509v3-sign-dss", "SHA1", "raw"},
+    {"capi-dsa", "x509v3-sign-dss", false, 1, "x509v3-sign-dss", "SHA1", "der"},
 };
 
-}  // namespace
-
-TEST_F(SystemStore, FindsByHashAndNameAndSignsUnderEachRsaAlgorithm)
+PkeyPtr dsa_key_generate()
 {
-    StoredCertificate ca(L"CA", root, nullptr, KeyImport::none),
-        alice(L"MY", leaf[0], leaf_key[0], KeyImport::pkcs12);
-    std::string by_hash = hex(sha1_bytes(leaf[0]));
-    for (const std::string &identifier : {by_hash, std::string("capi-alice")}) {
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, identifier);
-        ASSERT_NE(key, nullptr) << identifier;
-        EXPECT_EQ(X509_cmp(key->cert.get(), leaf[0]), 0);
-        CertHandle *handle = cert_identity_handle(key.get());
-        ASSERT_NE(handle, nullptr);
-        ASSERT_EQ(sk_X509_num(handle->issuers.get()), 1) << "the root from the CA store";
-        EXPECT_EQ(X509_cmp(sk_X509_value(handle->issuers.get(), 0), root), 0);
-    }
-    for (const SignCase &c : SIGN_CASES) {
-        SCOPED_TRACE(std::string(c.algorithm) + " rsa sigtype " + std::to_string(c.rsa_sigtype));
-        set_x509rsa_sigtype(c.rsa_sigtype);
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "capi-alice");
-        ASSERT_NE(key, nullptr);
-        if (c.as_plain_key)
-            key->type = KEY_RSA;
-        key->sigalg = signature_algorithm_by_name(c.algorithm);
-        SecureBytes blob;
-        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
-        expect_verifies(blob, X509_get0_pubkey(leaf[0]), c.signature_name, c.md, "rsa", DATA);
-    }
+    EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr);
+    EVP_PKEY *params = nullptr, *key = nullptr;
+    EVP_PKEY_paramgen_init(pctx);
+    EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx, 1024);
+    EVP_PKEY_CTX_set_dsa_paramgen_q_bits(pctx, 160);
+    EVP_PKEY_paramgen(pctx, &params);
+    EVP_PKEY_CTX_free(pctx);
+    pctx = EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr);
+    EVP_PKEY_keygen_init(pctx);
+    EVP_PKEY_keygen(pctx, &key);
+    EVP_PKEY_CTX_free(pctx);
+    EVP_PKEY_free(params);
+    return PkeyPtr(key);
 }
 
-namespace {
+// The agent's identities: each blob by its comment, which names the form
+// it is listed under in front ("x509v3-sign-rsa - alice").
+using Listed = std::map<std::string, SecureBytes>;
 
-struct Listed {
-    SecureBytes blob;
-    std::string comment;
-};
-
-std::vector<Listed> list_identities(HANDLE pipe)
+Listed list_identities(HANDLE pipe)
 {
     Buffer body, reply;
     buffer_put_char(&body, SSH2_AGENTC_REQUEST_IDENTITIES);
-    if (!agent_pipe_request(pipe, body, SSH2_AGENT_IDENTITIES_ANSWER, &reply)) {
-        ADD_FAILURE() << "no identities answer";
-        return {};
-    }
+    Listed all;
+    EXPECT_TRUE(agent_pipe_request(pipe, body, SSH2_AGENT_IDENTITIES_ANSWER, &reply));
     buffer_get_char(&reply);
-    std::vector<Listed> all(buffer_get_int(&reply));
-    for (Listed &one : all) {
-        one.blob = buffer_get_string(&reply);
-        SecureBytes comment = buffer_get_string(&reply);
-        one.comment.assign(comment.begin(), comment.end());
+    for (uint32_t n = buffer_get_int(&reply); n > 0; --n) {
+        SecureBytes blob = buffer_get_string(&reply);
+        all[buffer_get_string_text(&reply)] = blob;
     }
     return all;
 }
@@ -319,26 +248,16 @@ SecureBytes sign(HANDLE pipe, const SecureBytes &key_blob, uint32_t flags)
     return buffer_get_string(&reply);
 }
 
-// The entry of the identity with `comment` listed under `name` (the list
-// names each form in front of the comment).
-const Listed *find(const std::vector<Listed> &all, const std::string &comment, const char *name)
-{
-    for (const Listed &one : all)
-        if (one.comment == std::string(name) + " - " + comment)
-            return &one;
-    return nullptr;
-}
-
-size_t count_identities(const std::vector<Listed> &all)
+size_t count_identities(const Listed &all)
 {
     std::set<std::string> comments;
-    for (const Listed &one : all)
-        comments.insert(one.comment.substr(one.comment.find(" - ") + 1));
+    for (const auto &[comment, blob] : all)
+        comments.insert(comment.substr(comment.find(" - ") + 1));
     return comments.size();
 }
 
 // Each listed form signs, and OpenSSL agrees with the signature.
-void expect_signs(HANDLE pipe, const std::vector<Listed> &all, const std::string &comment, X509 *cert)
+void expect_signs(HANDLE pipe, Listed &all, const std::string &comment, X509 *cert)
 {
     const struct {
         const char *listed;
@@ -351,115 +270,102 @@ void expect_signs(HANDLE pipe, const std::vector<Listed> &all, const std::string
     };
     for (const auto &form : forms) {
         SCOPED_TRACE(comment + " listed as " + form.listed);
-        const Listed *one = find(all, comment, form.listed);
-        ASSERT_NE(one, nullptr);
-        expect_verifies(sign(pipe, one->blob, form.flags), X509_get0_pubkey(cert), form.signature_name, form.md,
+        const SecureBytes &blob = all[std::string(form.listed) + " - " + comment];
+        ASSERT_FALSE(blob.empty());
+        expect_verifies(sign(pipe, blob, form.flags), X509_get0_pubkey(cert), form.signature_name, form.md,
                         "rsa", DATA);
     }
 }
 
 }  // namespace
 
-TEST_F(SystemStore, AgentAddsListsSignsAndKeepsReferencesAcrossRestarts)
+// A root in the user's "CA" store and leaves issued by it in "MY": Alice
+// (RSA, by PKCS#12), Bob (RSA) and a DSA one, and the root without a key.
+TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
 {
-    StoredCertificate ca(L"CA", root, nullptr, KeyImport::none),
-        alice(L"MY", leaf[0], leaf_key[0], KeyImport::pkcs12);
-    auto bob = std::make_unique<StoredCertificate>(L"MY", leaf[1], leaf_key[1], KeyImport::container);
-    StoredCertificate keyless(L"MY", root, nullptr, KeyImport::none);
+    cert_key_layer_install();
+    system_cert_provider_install();
+    PkeyPtr root_key(EVP_RSA_gen(2048)), alice_key(EVP_RSA_gen(2048)), bob_key(EVP_RSA_gen(2048));
+    PkeyPtr dsa_key = dsa_key_generate();
+    X509Ptr root = make_certificate("Capi Test Root", root_key.get(), nullptr, nullptr);
+    X509Ptr alice_cert = make_certificate("capi-alice", alice_key.get(), root.get(), root_key.get());
+    X509Ptr bob_cert = make_certificate("capi-bob", bob_key.get(), root.get(), root_key.get());
+    X509Ptr dsa_cert = make_certificate("capi-dsa", dsa_key.get(), root.get(), root_key.get());
+    StoredCertificate ca(L"CA", root.get(), nullptr, KeyImport::none), keyless(L"MY", root.get(), nullptr, KeyImport::none),
+        alice(L"MY", alice_cert.get(), alice_key.get(), KeyImport::pkcs12),
+        dsa(L"MY", dsa_cert.get(), dsa_key.get(), KeyImport::container);
+    auto bob = std::make_unique<StoredCertificate>(L"MY", bob_cert.get(), bob_key.get(), KeyImport::container);
+    X509 *leaf[2] = {alice_cert.get(), bob_cert.get()};
+
+    for (const std::string &identifier : {hex(sha1_bytes(leaf[0])), std::string("capi-alice")}) {
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, identifier);
+        ASSERT_NE(key, nullptr) << identifier;
+        EXPECT_EQ(X509_cmp(key->cert.get(), leaf[0]), 0);
+        CertHandle *handle = cert_identity_handle(key.get());
+        ASSERT_EQ(sk_X509_num(handle->issuers.get()), 1) << "the root from the CA store";
+        EXPECT_EQ(X509_cmp(sk_X509_value(handle->issuers.get(), 0), root.get()), 0);
+    }
+    for (const SignCase &c : SIGN_CASES) {
+        SCOPED_TRACE(std::string(c.algorithm) + " sigtype " + std::to_string(c.sigtype));
+        set_x509rsa_sigtype(c.sigtype);
+        set_x509dsa_sigtype(c.sigtype);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, c.identifier);
+        ASSERT_NE(key, nullptr);
+        if (c.as_plain_key)
+            key->type = KEY_RSA;
+        key->sigalg = signature_algorithm_by_name(c.algorithm);
+        SecureBytes blob;
+        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
+        X509 *cert = std::string(c.identifier) == "capi-dsa" ? dsa_cert.get() : leaf[0];
+        expect_verifies(blob, X509_get0_pubkey(cert), c.signature_name, c.md, c.form, DATA);
+    }
+    set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
+    set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
+    cert_provider_set(CERT_SOURCE_SYSTEM, nullptr);
+
     WindowsAgent agent;
     agent.seed_passphrase("");
     HWND window = agent.start();
     ASSERT_NE(window, nullptr) << agent.log();
-    {
-        WinHandle pipe = agent_pipe_open(window);
-        ASSERT_TRUE(pipe);
-        EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(leaf[0])), "alice by hash"), SSH_AGENT_SUCCESS);
-        EXPECT_EQ(add_certificate(pipe.get(), "capi-bob", "bob by name"), SSH_AGENT_SUCCESS);
-        EXPECT_EQ(add_certificate(pipe.get(), "capi-nobody", "nobody"), SSH_AGENT_FAILURE);
-        EXPECT_EQ(add_certificate(pipe.get(), std::string(40, 'a'), "no such hash"), SSH_AGENT_FAILURE);
-        EXPECT_EQ(add_certificate(pipe.get(), "Capi Test Root", "no private key"), SSH_AGENT_FAILURE);
-        std::vector<Listed> all = list_identities(pipe.get());
-        EXPECT_EQ(count_identities(all), 2u) << agent.log();
-        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
-        expect_signs(pipe.get(), all, "bob by name", leaf[1]);
-    }
-    std::string log = agent.log();
-    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "Capi Test Root"})
-        EXPECT_NE(log.find("system store: no certificate with a private key matches \"" + identifier + "\""),
-                  std::string::npos)
-            << log;
-    std::string stored = read_file_text(agent.folder() / "tAgentKeys");
-    EXPECT_NE(stored.find("#CERT_SYSTEM\nsha1=" + lower(hex(sha1_bytes(leaf[0])))), std::string::npos) << stored;
-
-    // After a restart both come back from the key store and sign.
-    ASSERT_EQ(agent.close(), 0);
-    window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
-    {
-        WinHandle pipe = agent_pipe_open(window);
-        std::vector<Listed> all = list_identities(pipe.get());
-        EXPECT_EQ(count_identities(all), 2u) << agent.log();
-        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
-        expect_signs(pipe.get(), all, "bob by name", leaf[1]);
-    }
-
-    // Bob's certificate leaves the store: after a restart his reference is
-    // reported and cannot sign, and Alice's identity still loads and signs.
-    bob.reset();
-    ASSERT_EQ(agent.close(), 0);
-    window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
     WinHandle pipe = agent_pipe_open(window);
-    std::vector<Listed> all = list_identities(pipe.get());
-    expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
-    // The reference stays listed (under the certificate's subject: the
-    // public key store cannot resolve it) and in the key store, so that it
-    // signs again once the certificate is back.
-    const Listed *bob_listed = find(all, "2048-bit, X.509 name: \"/CN=capi-bob\"", "x509v3-sign-rsa");
-    ASSERT_NE(bob_listed, nullptr);
-    EXPECT_TRUE(sign(pipe.get(), bob_listed->blob, 0).empty());
-    log = agent.log();
-    EXPECT_NE(log.find("the private key of certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available"),
-              std::string::npos)
-        << log;
-    EXPECT_NE(log.find("Certificate " + lower(hex(sha1_bytes(leaf[1]))) + " is not available in location 1 now"),
-              std::string::npos)
-        << log;
-
-    // Back in the store, it signs again without a restart.
-    StoredCertificate bob_again(L"MY", leaf[1], leaf_key[1], KeyImport::container);
-    expect_verifies(sign(pipe.get(), bob_listed->blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa", "SHA1", "rsa",
-                    DATA);
-}
-
-TEST_F(SystemStore, DsaKeysSignRawAndAsn1)
-{
-    EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr);
-    EVP_PKEY *params = nullptr, *raw_key = nullptr;
-    ASSERT_GT(EVP_PKEY_paramgen_init(pctx), 0);
-    EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx, 1024);
-    EVP_PKEY_CTX_set_dsa_paramgen_q_bits(pctx, 160);
-    ASSERT_GT(EVP_PKEY_paramgen(pctx, &params), 0);
-    EVP_PKEY_CTX_free(pctx);
-    pctx = EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr);
-    ASSERT_GT(EVP_PKEY_keygen_init(pctx), 0);
-    ASSERT_GT(EVP_PKEY_keygen(pctx, &raw_key), 0);
-    EVP_PKEY_CTX_free(pctx);
-    EVP_PKEY_free(params);
-    PkeyPtr dsa_key(raw_key);
-    X509Ptr cert = make_certificate("capi-dsa", dsa_key.get(), root, root_key);
-    StoredCertificate stored(L"MY", cert.get(), dsa_key.get(), KeyImport::container);
-    LogCapture log;
-    for (int dsa_sigtype : {0, 1}) {
-        set_x509dsa_sigtype(dsa_sigtype);
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, "capi-dsa");
-        ASSERT_NE(key, nullptr);
-        key->sigalg = signature_algorithm_by_name("x509v3-sign-dss");
-        SecureBytes blob;
-        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0)
-            << (log.lines().empty() ? "" : log.lines().back());
-        expect_verifies(blob, X509_get0_pubkey(cert.get()), "x509v3-sign-dss", "SHA1", dsa_sigtype ? "der" : "raw",
-                        DATA);
+    EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(leaf[0])), "alice by hash"), SSH_AGENT_SUCCESS);
+    EXPECT_EQ(add_certificate(pipe.get(), "capi-bob", "bob by name"), SSH_AGENT_SUCCESS);
+    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "Capi Test Root"}) {
+        EXPECT_EQ(add_certificate(pipe.get(), identifier, "nothing"), SSH_AGENT_FAILURE);
+        EXPECT_TRUE(agent.logged("system store: no certificate with a private key matches \"" + identifier + "\""));
     }
-    set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
+    EXPECT_NE(read_file_text(agent.folder() / "tAgentKeys").find("#CERT_SYSTEM\nsha1=" + hex(sha1_bytes(leaf[0]), "%02x")),
+              std::string::npos);
+
+    // Both sign now and after a restart, from the key store. Then Bob's
+    // certificate leaves the store: after a restart his reference is
+    // reported, stays listed (under the certificate's subject) and in the
+    // key store, and signs again once the certificate is back.
+    for (int run = 0; run < 3; ++run) {
+        SCOPED_TRACE(run);
+        Listed all = list_identities(pipe.get());
+        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
+        if (run < 2) {
+            EXPECT_EQ(count_identities(all), 2u) << agent.log();
+            expect_signs(pipe.get(), all, "bob by name", leaf[1]);
+        } else {
+            const SecureBytes bob_blob = all["x509v3-sign-rsa - 2048-bit, X.509 name: \"/CN=capi-bob\""];
+            ASSERT_FALSE(bob_blob.empty());
+            EXPECT_TRUE(sign(pipe.get(), bob_blob, 0).empty());
+            std::string sha1 = hex(sha1_bytes(leaf[1]), "%02x");
+            EXPECT_TRUE(agent.logged("the private key of certificate " + sha1 + " is not available"));
+            EXPECT_TRUE(agent.logged("Certificate " + sha1 + " is not available in location 1 now"));
+            StoredCertificate bob_again(L"MY", leaf[1], bob_key.get(), KeyImport::container);
+            expect_verifies(sign(pipe.get(), bob_blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa",
+                            "SHA1", "rsa", DATA);
+            break;
+        }
+        if (run == 1)
+            bob.reset();
+        pipe = WinHandle();
+        ASSERT_EQ(agent.close(), 0);
+        window = agent.start();
+        ASSERT_NE(window, nullptr) << agent.log();
+        pipe = agent_pipe_open(window);
+    }
 }

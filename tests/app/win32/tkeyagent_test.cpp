@@ -1,63 +1,40 @@
-// tkeyagent.exe under Wine: start, single instance, the settings messages,
-// and the orderly stop.
+// tkeyagent.exe under Wine: start, single instance, its window messages, its
+// per-client pipes, and the orderly stop.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
+#include <thread>
 
 #include "agent/settings.h"
-#include "win32/windows_agent.h"
+#include "app/win32/pipe_name.h"
+#include "win32/agent_channels.h"
 
 namespace {
 
-struct SettingMessage {
-    UINT message;
-    uint32_t default_value;
-    const char *name;
-};
-
-// Each setting message stores a new value (result 1, the settings file is
-// rewritten) and ignores the value it has (result 0, nothing written).
-TEST(Tkeyagent, StartsOnceAnswersSettingsAndStopsInOrder)
+TEST(PipeName, KeepsLettersAndDigitsOfDomainAndUser)
 {
-    WindowsAgent agent;
-    agent.seed_passphrase("");
-    HWND window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
-    printf("tkeyagent.exe answered ready %llu ms after its start\n", static_cast<unsigned long long>(agent.ready_ms()));
-    EXPECT_NE(log_position(agent.log(), "keyagent: Key Agent started ==========="), std::string::npos);
-    EXPECT_NE(log_position(agent.log(), "keyagent: Key agent is ready to create pipe connections."), std::string::npos);
+    const struct {
+        const char *domain, *user, *name;
+    } cases[] = {
+        {"WORKGROUP", "j.doe", "\\\\.\\pipe\\TarnwellAgentPipe42_WORKGROUP_jdoe"},
+        {nullptr, "alice", "\\\\.\\pipe\\TarnwellAgentPipe42_USERDOMAIN_alice"},
+        {"CORP-1", "", "\\\\.\\pipe\\TarnwellAgentPipe42_CORP1_USERNAME"},
+        {"..", "--", "\\\\.\\pipe\\TarnwellAgentPipe42_USERDOMAIN_USERNAME"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(agent_pipe_name(42, c.domain, c.user), c.name);
+    EXPECT_EQ(agent_pipe_name(42, "D", std::string(400, 'u').c_str()).size(), 259u);
+}
 
-    PROCESS_INFORMATION second = agent.launch();
-    EXPECT_EQ(WindowsAgent::wait_exit(&second), 0);
-    EXPECT_NE(log_position(agent.log(), "keyagent: Key Agent already running. Exit."), std::string::npos);
-    EXPECT_EQ(find_agent_window(), window);
-
-    const SettingMessage settings[] = {
-        {1029, 0, "ConfirmKeyOp"}, {1030, 1, "AllowAdd"}, {1031, 1, "AllowDelete"}, {1033, 0, "UseOnlySha1"}};
-    std::string settings_file = agent.path("tAgent");
-    for (const SettingMessage &setting : settings) {
-        SCOPED_TRACE(setting.name);
-        uint32_t changed = setting.default_value ? 0 : 1;
-        EXPECT_EQ(SendMessageW(window, setting.message, 0, changed), 1);
-        std::string written = read_file_text(settings_file);
-        EXPECT_NE(written.find(setting.name), std::string::npos);
-        std::filesystem::remove(settings_file);
-        EXPECT_EQ(SendMessageW(window, setting.message, 0, changed), 0);
-        EXPECT_FALSE(std::filesystem::exists(settings_file)) << "an unchanged setting was written";
-        std::ofstream(settings_file, std::ios::binary) << written;
-    }
-
-    EXPECT_EQ(agent.close(), 0);
-    std::string log = agent.log();
-    size_t stopped = log_position(log, "keyagent: Key Agent stopped ===========");
-    size_t thread_stopped = log_position(log, "keyagent: Process message thread stopped.");
-    ASSERT_NE(stopped, std::string::npos);
-    ASSERT_NE(thread_stopped, std::string::npos);
-    EXPECT_LT(stopped, thread_stopped);
-    EXPECT_LT(log_position(log, "keyagent: Crypto cleanup"), thread_stopped);
-    EXPECT_EQ(find_agent_window(), nullptr);
+// The log lines of an orderly stop, in their order.
+void expect_stopped_in_order(const std::string &log)
+{
+    size_t stopped = log.find("keyagent: Key Agent stopped ===========");
+    size_t cleanup = log.find("keyagent: Crypto cleanup");
+    size_t thread_stopped = log.find("keyagent: Process message thread stopped.");
+    EXPECT_NE(thread_stopped, std::string::npos) << log;
+    EXPECT_LT(stopped, cleanup) << log;
+    EXPECT_LT(cleanup, thread_stopped) << log;
 }
 
 // The copy-data record of a change of passphrase: old at 0, new at 256, the
@@ -71,23 +48,93 @@ LRESULT send_change_passphrase(HWND window, const char *old_passphrase, const ch
     return SendMessageW(window, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data));
 }
 
-// Another process changes the passphrase (a wrong old one changes nothing),
-// stops the agent through the menu's exit command, and resets its data.
-TEST(Tkeyagent, ChangePassphraseMenuExitAndReset)
+WinHandle open_pipe(HWND window, uint32_t *identifier = nullptr)
+{
+    WinHandle pipe = agent_pipe_open(window, {}, identifier);
+    EXPECT_TRUE(pipe);
+    return pipe;
+}
+
+// Two clients get two names and independent connections with the user-only
+// access list; reads are joined up to a request and cut at 131072 bytes;
+// garbage, a vanishing client and a pipe nobody opens disturb no other. A
+// second start, the setting messages (1 and a write when changed, 0 and no
+// write when not), the change of passphrase, the menu's exit and reset.
+TEST(Tkeyagent, ServesPipesAndMessagesStartsOnceAndStopsInOrder)
 {
     WindowsAgent agent;
     agent.seed_passphrase("old passphrase");
     HWND window = agent.start();
     ASSERT_NE(window, nullptr) << agent.log();
+    printf("tkeyagent.exe answered ready %llu ms after its start\n", static_cast<unsigned long long>(agent.ready_ms()));
+    uint32_t first_id = 0, second_id = 0;
+    EXPECT_NE(SendMessageW(window, 1034, 0, 0), 0) << "a pipe that nobody opens";
+    WinHandle first = open_pipe(window, &first_id), second = open_pipe(window, &second_id);
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(first_id, second_id);
+    EXPECT_TRUE(lists(second.get()) && lists(first.get()) && lists(second.get()));
+    EXPECT_TRUE(agent.logged("keyagent: Created key agent pipe (id = " + std::to_string(first_id) + ")."));
+    EXPECT_EQ(access_list(first.get()), user_only_access_list());
+
+    // One byte, then four more: the agent's first read takes the one alone.
+    const Bytes list = frame({REQUEST_IDENTITIES});
+    ASSERT_TRUE(write_bytes(first.get(), {list[0]}));
+    Sleep(100);
+    ASSERT_TRUE(write_bytes(first.get(), Bytes(list.begin() + 1, list.end())));
+    EXPECT_EQ(reply_type(read_reply(first.get())), IDENTITIES_ANSWER);
+
+    // The first read takes 131072 bytes of a 200000-byte request, which is
+    // left unanswered; the rest starts with a whole list request.
+    Bytes request = frame(Bytes(200000 - 4, 0));
+    request[4] = REQUEST_IDENTITIES;
+    std::copy(list.begin(), list.end(), request.begin() + 131072);
+    std::thread writer([&] { EXPECT_TRUE(write_bytes(first.get(), request)); });
+    EXPECT_EQ(reply_type(read_reply(first.get())), IDENTITIES_ANSWER);
+    writer.join();
+    EXPECT_TRUE(lists(first.get()));
+    EXPECT_TRUE(agent.logged("keyagent: Incomplete client request ignored"));
+
+    for (const Bytes &bad : {Bytes{0xff, 0xff, 0xff, 0xff, SIGN_REQUEST, 1, 2, 3}, Bytes{0, 0, 0}}) {
+        WinHandle pipe = open_pipe(window);
+        EXPECT_TRUE(write_bytes(pipe.get(), bad));
+        EXPECT_TRUE(lists(second.get()));
+    }
+    WinHandle later = open_pipe(window);
+    EXPECT_TRUE(later && lists(later.get()) && lists(first.get()));
+    first = WinHandle(), second = WinHandle(), later = WinHandle();
+
+    EXPECT_TRUE(agent.logged("keyagent: Key Agent started ==========="));
+    PROCESS_INFORMATION second_start = agent.launch();
+    EXPECT_EQ(wait_exit(&second_start), 0);
+    EXPECT_TRUE(agent.logged("keyagent: Key Agent already running. Exit."));
+    EXPECT_EQ(find_agent_window(), window);
+
+    const struct {
+        UINT message;
+        uint32_t default_value;
+        const char *name;
+    } settings[] = {{1029, 0, "ConfirmKeyOp"}, {1030, 1, "AllowAdd"}, {1031, 1, "AllowDelete"}, {1033, 0, "UseOnlySha1"}};
+    std::string settings_file = agent.path("tAgent");
+    for (const auto &setting : settings) {
+        SCOPED_TRACE(setting.name);
+        uint32_t changed = setting.default_value ? 0 : 1;
+        EXPECT_EQ(SendMessageW(window, setting.message, 0, changed), 1);
+        std::string written = read_file_text(settings_file);
+        EXPECT_NE(written.find(setting.name), std::string::npos);
+        std::filesystem::remove(settings_file);
+        EXPECT_EQ(SendMessageW(window, setting.message, 0, changed), 0);
+        EXPECT_FALSE(std::filesystem::exists(settings_file)) << "an unchanged setting was written";
+        std::ofstream(settings_file, std::ios::binary) << written;
+    }
+
     EXPECT_EQ(send_change_passphrase(window, "wrong", "new passphrase"), 0);
-    EXPECT_NE(log_position(agent.log(), "keyagent: Change passphrase failed: wrong passphrase"), std::string::npos);
+    EXPECT_TRUE(agent.logged("keyagent: Change passphrase failed: wrong passphrase"));
     EXPECT_EQ(send_change_passphrase(window, "old passphrase", "new passphrase"), 1);
-    EXPECT_NE(log_position(agent.log(), "keyagent: Change passphrase succeeded"), std::string::npos);
 
     PostMessageW(window, WM_COMMAND, 40005, 0);
     EXPECT_EQ(agent.close(), 0);
-    EXPECT_NE(log_position(agent.log(), "keyagent: Key Agent stopped ==========="), std::string::npos);
-    // The settings file now takes the new passphrase alone.
+    expect_stopped_in_order(agent.log());
+    EXPECT_EQ(find_agent_window(), nullptr);
     agent_data_folder_set(agent.folder().string());
     read_agent_settings();
     uint8_t digest[20];
@@ -100,8 +147,26 @@ TEST(Tkeyagent, ChangePassphraseMenuExitAndReset)
     EXPECT_EQ(agent.close(), 0);
     for (const char *name : {"tAgent", "tAgentKeys", "tAgentKeys.pub"})
         EXPECT_FALSE(std::filesystem::exists(agent.path(name))) << name;
-    EXPECT_NE(log_position(agent.log(), "keyagent: Resetting key agent data.  All keys destroyed and passphrase reset."),
-              std::string::npos);
+    EXPECT_TRUE(agent.logged("keyagent: Resetting key agent data.  All keys destroyed and passphrase reset."));
+}
+
+// A client that finds no agent starts tkeyagent.exe and waits until it is
+// ready; WM_CLOSE stops it in order.
+TEST(AgentClientAccess, StartsTheAgentWhenNoneRuns)
+{
+    WindowsAgent agent;
+    agent.seed_passphrase("");
+    agent.use_folder();
+    ASSERT_EQ(find_agent_window(), nullptr);
+    HWND window = agent_window_when_ready(platform_executable_dir(), nullptr);
+    ASSERT_NE(window, nullptr);
+    {
+        WinHandle pipe = agent_pipe_open(window);
+        EXPECT_TRUE(pipe && lists(pipe.get()));
+    }
+    PostMessageW(window, WM_CLOSE, 0, 0);
+    EXPECT_TRUE(agent.log_shows("keyagent: Process message thread stopped."));
+    expect_stopped_in_order(agent.log());
 }
 
 }  // namespace

@@ -10,21 +10,15 @@
 #include "app/window_messages.h"
 #include "win32/dialog_driver.h"
 
-// A right click on the icon: the menu opens at the cursor. The visible menu
-// window, or null after 10 s; Escape (WM_KEYDOWN posted to it) closes it.
+// A right click on the icon opens the menu at the cursor: its window, or
+// null. Escape (WM_KEYDOWN posted to it) closes it.
 inline HWND open_tray_menu(HWND agent)
 {
     PostMessageW(agent, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_RBUTTONDOWN);
-    for (int attempt = 0; attempt < 200; ++attempt) {
-        HWND popup = FindWindowW(L"#32768", nullptr);
-        if (popup && IsWindowVisible(popup))
-            return popup;
-        Sleep(50);
-    }
-    return nullptr;
+    return wait_for_window_where([](HWND) { return true; }, L"#32768");
 }
 
-// The menu's first command starts tagent.exe: its window, or null after 10 s.
+// The menu's first command starts tagent.exe: its window, or null.
 inline HWND open_manager(HWND agent)
 {
     PostMessageW(agent, WM_COMMAND, MENU_OPEN_MANAGER, 0);

@@ -1,14 +1,12 @@
 // The tray icon and its menu under Wine. A stand-in notification area (a
-// window of class "Shell_TrayWnd" that answers WM_COPYDATA) records what
-// the agent asks of the shell; the expected records are made by asking the
-// same shell call here with the expected values, so that the comparison
+// "Shell_TrayWnd" window) records the agent's shell calls; the expected
+// records are made by the same shell call here, so that the comparison
 // does not depend on how Wine packs them.
 #include <windows.h>
 #include <shellapi.h>
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -26,52 +24,20 @@
 
 namespace {
 
-struct ShellRecord {
-    DWORD action;  // NIM_ADD, NIM_MODIFY, NIM_DELETE
-    std::string data;
-};
-
-// The notification area's stand-in, on a thread of its own.
+// The notification area's stand-in, on a thread of its own: it keeps each
+// shell call's record (the action, then the owner's handle and the rest).
 class StandInTray {
 public:
-    StandInTray() : thread_([this] { run(); })
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return window_ != nullptr || failed_; });
-    }
+    StandInTray() : thread_([this] { run(); }) { eventually([this] { return window_ != nullptr; }); }
     ~StandInTray()
     {
         PostMessageW(window_, WM_CLOSE, 0, 0);
         thread_.join();
     }
 
-    // The next record of the shell call for `owner`, waiting at most 20 s.
-    std::optional<ShellRecord> next(HWND owner)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        auto of_owner = [&] {
-            for (size_t i = 0; i < records_.size(); ++i)
-                if (owner_of(records_[i]) == owner)
-                    return static_cast<ptrdiff_t>(i);
-            return static_cast<ptrdiff_t>(-1);
-        };
-        if (!changed_.wait_for(lock, std::chrono::seconds(20), [&] { return of_owner() >= 0; }))
-            return std::nullopt;
-        ptrdiff_t at = of_owner();
-        ShellRecord record = records_[static_cast<size_t>(at)];
-        records_.erase(records_.begin() + at);
-        return record;
-    }
-
-    // Waits for `owner`'s record of `action` that matches `expected`,
-    // passing over the others (lock and unlock redraw more than once).
-    bool sees(HWND owner, DWORD action, const std::string &expected)
-    {
-        while (auto record = next(owner))
-            if (record->action == action && record->data.substr(sizeof(LONG)) == expected)
-                return true;
-        return false;
-    }
+    // Waits for `owner`'s record of `action` that matches `expected`, and
+    // drops it and all before it (lock and unlock redraw more than once).
+    bool sees(HWND owner, DWORD action, const std::string &expected) { return take(owner, action, &expected); }
 
     // What the shell call makes of `record`, without its owner (asked here
     // for a made-up owner, and taken back out).
@@ -81,17 +47,27 @@ public:
         EXPECT_TRUE(Shell_NotifyIconW(action, &record));
         if (record.hIcon)
             DestroyIcon(record.hIcon);
-        auto made = next(record.hWnd);
-        return made ? made->data.substr(sizeof(LONG)) : "";
+        std::string made;
+        take(record.hWnd, action, nullptr, &made);
+        return made;
     }
 
 private:
-    static HWND owner_of(const ShellRecord &record)
+    bool take(HWND owner, DWORD action, const std::string *expected, std::string *made = nullptr)
     {
-        LONG handle = 0;
-        if (record.data.size() >= sizeof handle)
-            memcpy(&handle, record.data.data(), sizeof handle);
-        return reinterpret_cast<HWND>(static_cast<intptr_t>(handle));
+        std::string key = std::to_string(action) + ":" + std::to_string(static_cast<LONG>(reinterpret_cast<intptr_t>(owner))) + ":";
+        return eventually([&] {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (size_t i = 0; i < records_.size(); ++i) {
+                if (records_[i].rfind(key, 0) != 0 || (expected && records_[i].substr(key.size()) != *expected))
+                    continue;
+                if (made)
+                    *made = records_[i].substr(key.size());
+                records_.erase(records_.begin(), records_.begin() + static_cast<ptrdiff_t>(i) + 1);
+                return true;
+            }
+            return false;
+        });
     }
 
     static LRESULT CALLBACK procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
@@ -99,17 +75,16 @@ private:
         auto *self = reinterpret_cast<StandInTray *>(GetWindowLongPtrW(window, GWLP_USERDATA));
         if (message == WM_COPYDATA && self) {
             auto *copy = reinterpret_cast<const COPYDATASTRUCT *>(lparam);
+            LONG owner = 0;
+            if (copy->cbData >= sizeof owner)
+                memcpy(&owner, copy->lpData, sizeof owner);
             std::lock_guard<std::mutex> lock(self->mutex_);
-            self->records_.push_back({static_cast<DWORD>(copy->dwData),
-                                      std::string(static_cast<const char *>(copy->lpData), copy->cbData)});
-            self->changed_.notify_all();
+            self->records_.push_back(std::to_string(copy->dwData) + ":" + std::to_string(owner) + ":" +
+                                     std::string(static_cast<const char *>(copy->lpData), copy->cbData).substr(sizeof owner));
             return TRUE;
         }
-        if (message == WM_CLOSE) {
-            DestroyWindow(window);
+        if (message == WM_CLOSE)
             PostQuitMessage(0);
-            return 0;
-        }
         return DefWindowProcW(window, message, wparam, lparam);
     }
 
@@ -121,22 +96,15 @@ private:
         RegisterClassW(&tray_class);
         HWND window = CreateWindowExW(0, L"Shell_TrayWnd", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
         SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            window_ = window;
-            failed_ = window == nullptr;
-            changed_.notify_all();
-        }
+        window_ = window;
         MSG message;
         while (window && GetMessageW(&message, nullptr, 0, 0) > 0)
             DispatchMessageW(&message);
     }
 
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<ShellRecord> records_;
-    HWND window_ = nullptr;
-    bool failed_ = false;
+    std::vector<std::string> records_;
+    std::atomic<HWND> window_{nullptr};
     std::thread thread_;
 };
 
@@ -165,13 +133,21 @@ bool agent_locked(HWND agent)
 
 void post_command(HWND agent, uint32_t command) { PostMessageW(agent, WM_COMMAND, command, 0); }
 
+// Dialog 124 answered with `passphrase`.
+void unlock_with(HWND agent, const wchar_t *passphrase)
+{
+    post_command(agent, MENU_UNLOCK);
+    HWND dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
+    ASSERT_NE(dialog, nullptr);
+    type_into(dialog, 126, passphrase);
+    press(dialog, IDOK);
+}
+
 // The manager window's process, once its window is up.
 WinHandle manager_process()
 {
-    HWND manager = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
     DWORD id = 0;
-    if (manager)
-        GetWindowThreadProcessId(manager, &id);
+    GetWindowThreadProcessId(wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE)), &id);
     return WinHandle(id ? OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, id) : nullptr);
 }
 
@@ -184,35 +160,28 @@ TEST(TrayMenu, ItemsFollowTheLockState)
     for (bool locked : {true, false}) {
         SCOPED_TRACE(locked ? "locked" : "unlocked");
         HMENU menu = tray_menu_build(locked);
-        ASSERT_NE(menu, nullptr);
-        struct Expected {
+        const struct {
             uint32_t command;
             int text;
             bool enabled;
-        };
-        const Expected items[] = {{MENU_OPEN_MANAGER, TEXT_MENU_MANAGER, true},
-                                  {MENU_LOCK, TEXT_MENU_LOCK, !locked},
-                                  {MENU_UNLOCK, TEXT_MENU_UNLOCK, locked},
-                                  {MENU_HELP, TEXT_MENU_HELP, true},
-                                  {MENU_EXIT, TEXT_MENU_EXIT, true}};
+        } items[] = {{MENU_OPEN_MANAGER, TEXT_MENU_MANAGER, true}, {MENU_LOCK, TEXT_MENU_LOCK, !locked},
+                     {MENU_UNLOCK, TEXT_MENU_UNLOCK, locked}, {MENU_HELP, TEXT_MENU_HELP, true},
+                     {MENU_EXIT, TEXT_MENU_EXIT, true}};
         ASSERT_EQ(GetMenuItemCount(menu), 5);
-        for (int position = 0; position < 5; ++position) {
-            const Expected &expected = items[position];
-            EXPECT_EQ(GetMenuItemID(menu, position), expected.command);
-            UINT state = GetMenuState(menu, static_cast<UINT>(position), MF_BYPOSITION);
-            EXPECT_EQ((state & MF_GRAYED) == 0, expected.enabled) << expected.command;
+        for (UINT at = 0; at < 5; ++at) {
             wchar_t text[128] = L"";
-            GetMenuStringW(menu, static_cast<UINT>(position), text, 128, MF_BYPOSITION);
-            EXPECT_EQ(std::wstring(text), resource_text(expected.text));
+            GetMenuStringW(menu, at, text, 128, MF_BYPOSITION);
+            EXPECT_EQ(text, resource_text(items[at].text));
+            EXPECT_EQ(GetMenuItemID(menu, static_cast<int>(at)), items[at].command);
+            EXPECT_EQ((GetMenuState(menu, at, MF_BYPOSITION) & MF_GRAYED) == 0, items[at].enabled) << text;
         }
         EXPECT_EQ(GetMenuDefaultItem(menu, FALSE, 0), MENU_OPEN_MANAGER);
         DestroyMenu(menu);
     }
 }
 
-// Add at start, the locked and unlocked pictures, the unlock dialog with a
-// wrong and a right passphrase, the clicks that open and close the manager,
-// and the exit command that closes both and removes the icon.
+// The icon added, locked and unlocked (dialog 124, a wrong passphrase
+// first), the clicks on it, and exit, which closes the manager and the icon.
 TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
 {
     resource_library_load();
@@ -231,23 +200,14 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
         << "identifier 15000, message 1025, the title as tip and the locked picture";
 
     // A wrong passphrase is reported by message 123; the agent stays locked.
-    post_command(window, MENU_UNLOCK);
-    HWND dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
-    ASSERT_NE(dialog, nullptr);
-    type_into(dialog, 126, L"wrong");
-    press(dialog, IDOK);
+    unlock_with(window, L"wrong");
     HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
     ASSERT_NE(box, nullptr);
     EXPECT_NE(static_texts(box).find(resource_text(TEXT_UNLOCK_FAILED)), std::wstring::npos);
     press(box, IDOK);
     EXPECT_TRUE(tray.sees(window, NIM_MODIFY, locked_picture));
     EXPECT_TRUE(agent_locked(window));
-
-    post_command(window, MENU_UNLOCK);
-    dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
-    ASSERT_NE(dialog, nullptr);
-    type_into(dialog, 126, L"secret");
-    press(dialog, IDOK);
+    unlock_with(window, L"secret");
     EXPECT_TRUE(tray.sees(window, NIM_MODIFY, unlocked_picture));
     EXPECT_FALSE(agent_locked(window));
 
@@ -278,9 +238,22 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
         TerminateProcess(manager.get(), 1);
 }
 
+// Another process cannot read a menu's items (which are grayed is checked
+// on the menu the same builder makes, above), but it can choose them with
+// the keyboard.
+void choose(HWND agent, int position)
+{
+    HWND popup = open_tray_menu(agent);
+    ASSERT_NE(popup, nullptr) << "no menu opened";
+    for (int i = 0; i <= position; ++i)
+        PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
+    PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
+    EXPECT_TRUE(eventually([&] { return !IsWindowVisible(popup); })) << "the menu stayed open";
+}
+
 // With AttemptEmpty on and the empty passphrase valid, unlock asks nothing:
 // the command returns while no dialog is open.
-TEST(TrayIcon, UnlockTriesTheEmptyPassphraseFirst)
+TEST(TrayIcon, MenuLocksAndUnlocksWithTheEmptyPassphraseFirst)
 {
     WindowsAgent agent;
     agent.seed_passphrase("");
@@ -292,45 +265,9 @@ TEST(TrayIcon, UnlockTriesTheEmptyPassphraseFirst)
     ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_UNLOCK, 0, SMTO_NORMAL, 20000, &result))
         << "the unlock waited for a dialog";
     EXPECT_FALSE(agent_locked(window));
-}
-
-// Chooses the item at `position` of the real popup with the keyboard:
-// another process cannot read a menu's items, but it can choose them
-// (which items are grayed is checked on the menu the same builder makes,
-// above). The command is posted
-// to the agent, so its effect is awaited by the caller.
-void choose(HWND agent, int position)
-{
-    HWND popup = open_tray_menu(agent);
-    ASSERT_NE(popup, nullptr) << "no menu opened";
-    for (int i = 0; i <= position; ++i)
-        PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
-    PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
-    for (int attempt = 0; attempt < 200 && IsWindowVisible(popup); ++attempt)
-        Sleep(50);
-    EXPECT_FALSE(IsWindowVisible(popup)) << "the menu stayed open";
-}
-
-bool lock_state_becomes(HWND agent, bool locked)
-{
-    for (int attempt = 0; attempt < 200; ++attempt) {
-        if (agent_locked(agent) == locked)
-            return true;
-        Sleep(50);
-    }
-    return false;
-}
-
-TEST(TrayIcon, RightClickMenuLocksAndUnlocks)
-{
-    WindowsAgent agent;
-    agent.seed_passphrase("");  // AttemptEmpty: unlock needs no dialog
-    HWND window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
-    ASSERT_FALSE(agent_locked(window));
 
     choose(window, 1);  // lock
-    EXPECT_TRUE(lock_state_becomes(window, true));
+    EXPECT_TRUE(eventually([&] { return agent_locked(window); }));
     choose(window, 2);  // unlock
-    EXPECT_TRUE(lock_state_becomes(window, false));
+    EXPECT_TRUE(eventually([&] { return !agent_locked(window); }));
 }

@@ -1,14 +1,18 @@
-// A tkeyagent.exe started by a test in a private data and log folder (the
-// folder's kvllog.ini forces the agent log on), with its window messages and
-// its log. The process is ended and the folder removed when the test ends.
+// A tkeyagent.exe started by a test in a private data and log folder, with
+// its log and tagent.exe run against it; ended and removed at the end.
 #pragma once
 
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 
 #include "agent/data_folder.h"
@@ -18,39 +22,110 @@
 #include "platform/win32/text_conversion.h"
 #include "support/files.h"
 
-// A fresh Wine prefix starts its desktop with the first window: until it
-// is up, windows of other processes fail to be created. One window of the
-// test's own waits for it.
-inline bool desktop_ready()
+// Polls `condition` every 50 ms for at most `ms`.
+inline bool eventually(const std::function<bool()> &condition, DWORD ms = 20000)
 {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        if (HWND probe = CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr)) {
-            DestroyWindow(probe);
+    for (DWORD waited = 0; waited < ms; waited += 50) {
+        if (condition())
             return true;
-        }
-        Sleep(100);
+        Sleep(50);
     }
-    return false;
+    return condition();
 }
 
-// Starts `program` with `line` as its whole command line. A freshly made
-// Wine prefix has refused a first CreateProcess now and then while another
-// test process was starting: a few spaced retries ride that out, and a
-// failure names Windows' error code.
-inline PROCESS_INFORMATION start_process(const std::wstring &program, std::wstring line, bool inherit_handles,
-                                         STARTUPINFOW *startup)
+// A fresh Wine prefix's desktop comes with its first window.
+inline bool desktop_ready()
 {
+    return eventually([] {
+        HWND probe = CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
+        return probe && DestroyWindow(probe);
+    }, 10000);
+}
+
+// Starts `program` with `line` as its whole command line, its output into
+// the file `out` if named. A fresh Wine prefix refuses a first
+// CreateProcess now and then: a few retries ride that out.
+inline PROCESS_INFORMATION start_process(const std::wstring &program, std::wstring line,
+                                         const std::filesystem::path &out = {})
+{
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    if (!out.empty()) {
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = CreateFileW(out.wstring().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                         &inherit, CREATE_ALWAYS, 0, nullptr);
+        startup.hStdError = startup.hStdOutput;
+        startup.hStdInput = CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                                        OPEN_EXISTING, 0, nullptr);
+    }
     PROCESS_INFORMATION process = {};
     DWORD error = 0;
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        if (CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, inherit_handles, 0, nullptr, nullptr,
-                           startup, &process))
-            return process;
-        error = GetLastError();
-        Sleep(200);
+    for (int attempt = 0; attempt < 5 && !process.hProcess; ++attempt) {
+        if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, !out.empty(), 0, nullptr, nullptr,
+                            &startup, &process)) {
+            error = GetLastError();
+            Sleep(200);
+        }
     }
-    ADD_FAILURE() << "CreateProcess failed with Windows error " << error;
+    if (!process.hProcess)
+        ADD_FAILURE() << "CreateProcess failed with Windows error " << error;
+    if (!out.empty()) {
+        CloseHandle(startup.hStdOutput);
+        CloseHandle(startup.hStdInput);
+    }
     return process;
+}
+
+// The exit code once the process ends (-1 when it is ended after `ms`).
+inline long wait_exit(PROCESS_INFORMATION *process, DWORD ms = 30000)
+{
+    DWORD code = static_cast<DWORD>(-1);
+    if (!process->hProcess)
+        return -1;
+    if (WaitForSingleObject(process->hProcess, ms) == WAIT_OBJECT_0) {
+        GetExitCodeProcess(process->hProcess, &code);
+    } else {
+        TerminateProcess(process->hProcess, 1);
+        WaitForSingleObject(process->hProcess, 10000);
+    }
+    CloseHandle(process->hThread);
+    CloseHandle(process->hProcess);
+    *process = {};
+    return static_cast<long>(code);
+}
+
+struct ToolResult {
+    long status = -1;
+    std::string out;  // standard output and error
+};
+
+// Runs `program` with `arguments` to its end.
+inline ToolResult run_program(const std::filesystem::path &program, const std::wstring &arguments,
+                              const std::filesystem::path &out)
+{
+    PROCESS_INFORMATION process = start_process(program.wstring(), L"\"" + program.wstring() + L"\" " + arguments, out);
+    ToolResult result;
+    result.status = wait_exit(&process);
+    result.out = read_file_text(out);
+    std::error_code ignored;  // a child of the program may hold it still
+    std::filesystem::remove(out, ignored);
+    return result;
+}
+
+inline std::wstring program_path(const char *name) { return utf8_to_wide(platform_executable_dir() + name); }
+
+// A new key of OpenSSL type `type` ("RSA", "EC") in PEM at `path`,
+// encrypted under `password` unless it is null.
+inline EVP_PKEY *write_pem_key(const std::string &path, const char *type, const char *password = nullptr)
+{
+    EVP_PKEY *key = std::string(type) == "RSA" ? EVP_PKEY_Q_keygen(nullptr, nullptr, type, size_t{2048})
+                                               : EVP_PKEY_Q_keygen(nullptr, nullptr, type, "P-256");
+    FILE *file = fopen(path.c_str(), "wb");
+    PEM_write_PrivateKey(file, key, password ? EVP_aes_256_cbc() : nullptr, nullptr, 0, nullptr,
+                         const_cast<char *>(password));
+    fclose(file);
+    return key;
 }
 
 class WindowsAgent {
@@ -64,36 +139,32 @@ public:
     }
     ~WindowsAgent()
     {
-        stop();
+        if (process_.hProcess)
+            close();
         agent_data_folder_set("");
         std::filesystem::remove_all(folder_);
     }
     WindowsAgent(const WindowsAgent &) = delete;
     WindowsAgent &operator=(const WindowsAgent &) = delete;
 
-    // Stores the digest of `passphrase` (and `AttemptEmpty` for the empty
-    // one) as an earlier run would have.
+    // As an earlier run would have stored it (`AttemptEmpty` if empty).
     void seed_passphrase(const char *passphrase)
     {
         agent_data_folder_set(folder_.string());
         set_agent_passphrase(passphrase, passphrase[0] == '\0');
     }
 
-    // Agents started from now on use this folder.
+    // Programs started from now on use this folder.
     void use_folder() const
     {
         SetEnvironmentVariableW(L"TARNWELL_DATA_DIR", folder_.wstring().c_str());
         SetEnvironmentVariableW(L"TARNWELL_LOG_DIR", folder_.wstring().c_str());
     }
 
-    // Starts tkeyagent.exe with `command_line` as its whole command line.
-    PROCESS_INFORMATION launch(const std::wstring &command_line = L"0") const
+    PROCESS_INFORMATION launch() const
     {
         use_folder();
-        std::wstring program = utf8_to_wide(platform_executable_dir() + "tkeyagent.exe");
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof startup;
-        return start_process(program, command_line, false, &startup);
+        return start_process(program_path("tkeyagent.exe"), L"0");
     }
 
     // Starts the agent and waits until it answers 1035 with 1.
@@ -101,51 +172,31 @@ public:
     {
         ULONGLONG started = GetTickCount64();
         process_ = launch();
-        HWND window = wait_ready();
+        HWND window = wait_ready_of(process_);
         ready_ms_ = GetTickCount64() - started;
         return window;
     }
     // Milliseconds from the start to the first "ready" answer.
     ULONGLONG ready_ms() const { return ready_ms_; }
 
-    HWND wait_ready() const { return wait_ready_of(process_); }
-
     static HWND wait_ready_of(const PROCESS_INFORMATION &process)
     {
-        for (int attempt = 0; attempt < 400; ++attempt) {
-            HWND window = find_agent_window();
-            DWORD_PTR ready = 0;
-            if (window && SendMessageTimeoutW(window, 1035, 0, 0, SMTO_ABORTIFHUNG, 5000, &ready) && ready == 1)
-                return window;
-            if (WaitForSingleObject(process.hProcess, 50) == WAIT_OBJECT_0)
-                break;
-        }
-        DWORD code = 0;
+        HWND window = nullptr;
+        bool ready = eventually([&] {
+            window = find_agent_window();
+            DWORD_PTR answer = 0;
+            return (window && SendMessageTimeoutW(window, 1035, 0, 0, SMTO_ABORTIFHUNG, 5000, &answer) &&
+                    answer == 1) ||
+                   WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0;
+        });
+        DWORD code = STILL_ACTIVE;
         GetExitCodeProcess(process.hProcess, &code);
+        if (ready && code == STILL_ACTIVE)
+            return window;
         ADD_FAILURE() << "the agent did not become ready (exit code " << code << ")";
         return nullptr;
     }
 
-    // Waits (bounded) for the process to end, else ends it; its exit code,
-    // or -1 when it had to be ended.
-    static long wait_exit(PROCESS_INFORMATION *process)
-    {
-        DWORD code = static_cast<DWORD>(-1);
-        if (!process->hProcess)
-            return -1;
-        if (WaitForSingleObject(process->hProcess, 30000) == WAIT_OBJECT_0) {
-            GetExitCodeProcess(process->hProcess, &code);
-        } else {
-            TerminateProcess(process->hProcess, 1);
-            WaitForSingleObject(process->hProcess, 10000);
-        }
-        CloseHandle(process->hThread);
-        CloseHandle(process->hProcess);
-        *process = {};
-        return static_cast<long>(code);
-    }
-
-    // Closes the window and returns the exit code.
     long close()
     {
         if (HWND window = find_agent_window())
@@ -153,13 +204,19 @@ public:
         return wait_exit(&process_);
     }
 
-    void stop()
+    ToolResult tagent(const std::string &arguments) const
     {
-        if (process_.hProcess)
-            close();
+        use_folder();
+        return run_program(program_path("tagent.exe"), utf8_to_wide(arguments), folder_ / "tagent.out");
     }
 
     std::string log() const { return read_file_text(folder_ / "tAgentLog.txt"); }
+    bool logged(const std::string &line) const { return log().find(line) != std::string::npos; }
+    // Waits for `count` of `line` in the log.
+    bool log_shows(const std::string &line, size_t count = 1) const
+    {
+        return eventually([&] { return count_of(log(), line) >= count; }, 10000);
+    }
     std::string path(const char *name) const { return (folder_ / name).string(); }
     const std::filesystem::path &folder() const { return folder_; }
 
@@ -168,6 +225,3 @@ private:
     PROCESS_INFORMATION process_ = {};
     ULONGLONG ready_ms_ = 0;
 };
-
-// Where `line` first appears in `log`, or npos.
-inline size_t log_position(const std::string &log, const std::string &line) { return log.find(line); }

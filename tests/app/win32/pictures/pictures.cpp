@@ -1,16 +1,8 @@
-// Pictures of the windows a user sees, for a person to look at. Each test
-// raises one scene and has scripts/screenshots, which runs this program
-// under Xvfb and a Wine virtual desktop, photograph it. The hand-off goes
-// through the folder in TARNWELL_PICTURES_DIR: this program writes
-// NAME.want holding the window's rectangle on the desktop, the script
-// answers with NAME.png.
-//
-// A new scene is one test: raise the window, then take_picture(NAME, WINDOW)
-// while it shows, then end it. picture_of_modal does all three for a modal
-// window raised on the test's own thread. notification_area() is the
-// taskbar's notification area, wait_for_window("#32768") an open menu,
-// GetDesktopWindow() the whole screen; WindowsAgent starts the agent on
-// the same desktop.
+// Pictures of the windows a user sees, for a person to look at, taken by
+// scripts/screenshots under Xvfb and a Wine virtual desktop. In the folder
+// TARNWELL_PICTURES_DIR this program writes NAME.want with the window's
+// rectangle on the desktop; the script answers with NAME.png. A new scene:
+// raise the window, take_picture(NAME, WINDOW), end it.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -27,22 +19,9 @@
 #include "win32/tray_driver.h"
 #include "win32/windows_agent.h"
 
-// The top-level window of `window_class`, visible, waiting at most 10 s;
-// null if none.
-HWND wait_for_window(const wchar_t *window_class)
-{
-    for (int attempt = 0; attempt < 200; ++attempt) {
-        if (HWND window = FindWindowW(window_class, nullptr))
-            if (IsWindowVisible(window))
-                return window;
-        Sleep(50);
-    }
-    return nullptr;
-}
-
 // The virtual desktop's taskbar, whose right end holds the notification
 // icons.
-HWND notification_area() { return wait_for_window(L"Shell_TrayWnd"); }
+HWND notification_area() { return wait_for_window_where([](HWND) { return true; }, L"Shell_TrayWnd"); }
 
 namespace {
 
@@ -54,9 +33,8 @@ std::filesystem::path pictures_folder()
 
 }  // namespace
 
-// Photographs `window` as it is on the screen now (the whole desktop for
-// the desktop window); false for no window or when no picture came within
-// 30 s.
+// Photographs `window` as it is on the screen now; false for no window or
+// when no picture came within 30 s.
 bool take_picture(const std::string &name, HWND window)
 {
     RECT r = {};
@@ -108,33 +86,32 @@ protected:
     }
 };
 
-TEST_F(Pictures, FirstPassphraseDialog)
+TEST_F(Pictures, DialogsAndConfirmationBox)
 {
-    picture_of_modal(
-        "dialog-133-first-passphrase", resource_text(DIALOG_FIRST_PASSPHRASE),
-        [] { SecretString s; bool none = false; ask_first_passphrase(nullptr, &s, &none); },
-        [](HWND dialog) { type_into(dialog, CONTROL_PASSPHRASE, L"correct horse"); });
-}
-
-TEST_F(Pictures, UnlockDialog)
-{
-    picture_of_modal(
-        "dialog-124-unlock", resource_text(DIALOG_UNLOCK), [] { SecretString s; ask_unlock_passphrase(&s); },
-        [](HWND dialog) { type_into(dialog, CONTROL_PASSPHRASE, L"battery staple"); });
-}
-
-TEST_F(Pictures, KeyPassphraseDialog)
-{
-    picture_of_modal("dialog-219-key-passphrase", resource_text(DIALOG_KEY_PASSPHRASE), [] {
-        SecretString s;
-        ask_key_passphrase("Enter the passphrase for the key 'id_ecdsa':", &s);
-    });
-}
-
-TEST_F(Pictures, ConfirmationBox)
-{
-    picture_of_modal(
-        "confirm-key-operation", resource_text(TEXT_APPLICATION_TITLE), [] { confirm_key_operation("work key"); }, {}, IDNO);
+    const struct {
+        const char *name;
+        int title;
+        std::function<void()> show;
+        const wchar_t *typed;
+        int dismiss;
+    } scenes[] = {
+        {"dialog-133-first-passphrase", DIALOG_FIRST_PASSPHRASE,
+         [] { SecretString s; bool none = false; ask_first_passphrase(nullptr, &s, &none); }, L"correct horse", IDCANCEL},
+        {"dialog-124-unlock", DIALOG_UNLOCK, [] { SecretString s; ask_unlock_passphrase(&s); }, L"battery staple",
+         IDCANCEL},
+        {"dialog-219-key-passphrase", DIALOG_KEY_PASSPHRASE,
+         [] { SecretString s; ask_key_passphrase("Enter the passphrase for the key 'id_ecdsa':", &s); }, nullptr,
+         IDCANCEL},
+        {"confirm-key-operation", TEXT_APPLICATION_TITLE, [] { confirm_key_operation("work key"); }, nullptr, IDNO},
+    };
+    for (const auto &scene : scenes)
+        picture_of_modal(
+            scene.name, resource_text(scene.title), scene.show,
+            [&](HWND dialog) {
+                if (scene.typed)
+                    type_into(dialog, CONTROL_PASSPHRASE, scene.typed);
+            },
+            scene.dismiss);
 }
 
 // The icon unlocked and locked, the menu at the icon, and the manager window
