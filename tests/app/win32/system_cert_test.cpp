@@ -23,6 +23,7 @@
 #include "pki/cert_key_layer.h"
 #include "crypto/signature_check.h"
 #include "pki/key_signer.h"
+#include "support/requests.h"
 #include "win32/windows_agent.h"
 
 namespace {
@@ -341,6 +342,26 @@ TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
     // certificate leaves the store: after a restart his reference is
     // reported, stays listed (under the certificate's subject) and in the
     // key store, and signs again once the certificate is back.
+    // The vendor notice's enumeration mode decides how Alice is listed:
+    // certificate forms only (1), plain key forms only (2), both with keys
+    // first (0x23), and both with certificates first (0x13, the start's mode).
+    const Listed at_start = list_identities(pipe.get());
+    for (uint32_t setting : {0x01u, 0x02u, 0x23u, 0x13u}) {
+        SCOPED_TRACE(setting);
+        WinHandle notified = agent_pipe_open(window);
+        Bytes notice = vendor_notice("server.example", setting);
+        Buffer body, reply;
+        buffer_append(&body, notice.data() + 4, static_cast<uint32_t>(notice.size() - 4));
+        ASSERT_TRUE(agent_pipe_call(notified.get(), body, &reply));
+        size_t certificate_forms = 0, key_forms = 0;
+        for (const auto &[comment, blob] : list_identities(pipe.get()))
+            if (comment.find(" - alice by hash") != std::string::npos)
+                ++(comment.rfind("x509v3-", 0) == 0 ? certificate_forms : key_forms);
+        EXPECT_EQ(certificate_forms > 0, setting != 2);
+        EXPECT_EQ(key_forms > 0, setting != 1);
+    }
+    EXPECT_EQ(list_identities(pipe.get()).size(), at_start.size());
+
     for (int run = 0; run < 3; ++run) {
         SCOPED_TRACE(run);
         Listed all = list_identities(pipe.get());
