@@ -75,6 +75,15 @@ TEST_F(Settings, HandEditedFileIsReadByPosition)
         EXPECT_EQ(agent_settings().AutoLockMinutes, minutes) << text;
     }
 
+    // A value is read up to 63 characters; a longer one spills into the
+    // next line's place, which then keeps its default.
+    for (auto [zeros, attempt_empty] : {std::pair{61, 1u}, {62, 0u}}) {
+        write_file("tAgent", "Passphrase " + digest + "\nConfirmKeyOp no\nAllowAdd yes\nAllowDelete yes\nAutoLock no\n"
+                             "AutoLockMinutes " + std::string(zeros, '0') + "15\nAttemptEmpty yes\n");
+        read_agent_settings();
+        EXPECT_EQ(agent_settings().AttemptEmpty, attempt_empty) << zeros;
+    }
+
     // No "Passphrase" line: no digest, and then no passphrase verifies.
     write_file("tAgent", "ConfirmKeyOp yes\nAllowAdd no\n");
     read_agent_settings();
