@@ -225,7 +225,7 @@ TEST(Signature, FipsRules)
     EXPECT_TRUE(sign(rsa, DATA, -1).empty());
     EXPECT_TRUE(log.contains("FIPS: MD5 and SHA1 signatures not allowed."));
     EXPECT_EQ(verify(rsa, signature_blob("ssh-rsa", sha1_made)), 1);
-    for (auto [bits, result] : {std::pair{1024u, -1}, {2048u, 0}, {3072u, 0}}) {
+    for (auto [bits, result] : {std::pair{1024u, -1}, {2048u, 0}, {3072u, 0}, {4096u, 0}}) {
         Key *k = shared_key(KEY_RSA, bits);
         k->sigalg = signature_algorithm_by_name("rsa-sha2-256");
         SecureBytes blob = sign(k, DATA, result);
