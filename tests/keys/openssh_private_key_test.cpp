@@ -17,7 +17,7 @@ OpensshKeyResult read_text(const std::string &text, OpensshPrivateKey *key, std:
 // The file's text with its decoded body changed by `change`.
 std::string altered(const std::string &file, void (*change)(Bytes *))
 {
-    std::string text = read_text_file(file), body;
+    std::string text = read_file_text(file), body;
     size_t begin = text.find('\n') + 1, end = text.find("-----END");
     for (char c : text.substr(begin, end - begin))
         if (c != '\n')
@@ -44,12 +44,12 @@ TEST(OpensshPrivateKey, ReadsPlainFilesAndRefusesEncryptedAndDamagedOnesWithThei
     OpensshPrivateKey key;
     std::string why;
     for (const std::string &file : {plain, dsa, rsa}) {
-        ASSERT_EQ(read_text(read_text_file(file), &key, &why), OpensshKeyResult::ok) << why;
+        ASSERT_EQ(read_text(read_file_text(file), &key, &why), OpensshKeyResult::ok) << why;
         EXPECT_EQ(key.comment, "abc");
         Bytes pub = public_line_blob(file + ".pub");
         EXPECT_NE(key_equal(key.key.get(), key_from_blob(pub.data(), static_cast<uint32_t>(pub.size())).get()), 0);
     }
-    EXPECT_EQ(read_text(read_text_file(locked), &key, &why), OpensshKeyResult::encrypted);
+    EXPECT_EQ(read_text(read_file_text(locked), &key, &why), OpensshKeyResult::encrypted);
     EXPECT_EQ(why, "encrypted with aes256-ctr");
 
     // Offsets in an unencrypted Ed25519 file: magic 0-14, "none", "none",

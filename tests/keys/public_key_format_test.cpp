@@ -49,7 +49,7 @@ TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
         fs::path file = dir_path / type;
         std::string command = std::string("ssh-keygen -q -N '' -C 'me@there' -t ") + type + " -f " + file.string();
         ASSERT_EQ(system(command.c_str()), 0);
-        std::string pub = read_text_file(file.string() + ".pub");
+        std::string pub = read_file_text(file.string() + ".pub");
         std::string fields = pub.substr(0, pub.rfind(' '));
 
         const char *cursor = pub.c_str();
@@ -64,12 +64,12 @@ TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
         std::ofstream(dir_path / "ours.secsh") << block;
         std::string imported_path = (dir_path / "imported.pub").string();
         ASSERT_EQ(system(("ssh-keygen -i -f " + (dir_path / "ours.secsh").string() + " > " + imported_path).c_str()), 0);
-        EXPECT_EQ(read_text_file(imported_path).substr(0, fields.size()), fields);
+        EXPECT_EQ(read_file_text(imported_path).substr(0, fields.size()), fields);
 
         std::string theirs_path = (dir_path / "theirs.secsh").string();
         ASSERT_EQ(system(("ssh-keygen -e -f " + file.string() + ".pub > " + theirs_path).c_str()), 0);
         std::string comment;
-        KeyPtr back = key_read_secsh(read_text_file(theirs_path), &comment);
+        KeyPtr back = key_read_secsh(read_file_text(theirs_path), &comment);
         ASSERT_TRUE(back) << type;
         EXPECT_TRUE(key_equal(back.get(), key.get()));
         EXPECT_NE(comment.find("-bit"), std::string::npos) << comment;

@@ -65,7 +65,7 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
                               ".sshcom && puttygen " + base + ".ppk -O private-openssh -o " + base + ".pem";
         ASSERT_EQ(system(command.c_str()), 0) << command;
 
-        Bytes blob = secsh_body(read_text_file(base + ".sshcom"));
+        Bytes blob = secsh_body(read_file_text(base + ".sshcom"));
         SecshPrivateKey key;
         ASSERT_TRUE(secsh_private_key_decode(blob.data(), blob.size(), &key)) << type;
         EXPECT_EQ(key.type, std::string(type) == "rsa" ? 1 : 2);

@@ -44,7 +44,7 @@ struct CertStoreTest : AgentStateTest {
 
     std::string import(const std::string &leaf, const char *password = "p12pass")
     {
-        std::string p12 = read_text_file(pki->path(leaf + ".p12")), sha1, why;
+        std::string p12 = read_file_text(pki->path(leaf + ".p12")), sha1, why;
         bool ok = cert_store_import_pkcs12(cert_store_folder(), reinterpret_cast<const uint8_t *>(p12.data()),
                                            p12.size(), password, agent_passphrase_text(), &sha1, &why);
         return ok ? sha1 : "error: " + why;
@@ -147,7 +147,7 @@ TEST_F(CertStoreTest, LookupAndBadInput)
     EXPECT_EQ(cert_identity_lookup(9, "alice"), nullptr);
 
     EXPECT_EQ(import("alice", "wrong"), "error: wrong PKCS#12 password, or a damaged file");
-    std::string p12 = read_text_file(pki->path("alice.p12")), sha1_out, why;
+    std::string p12 = read_file_text(pki->path("alice.p12")), sha1_out, why;
     for (size_t cut : {size_t(0), size_t(10), p12.size() / 2}) {
         EXPECT_FALSE(cert_store_import_pkcs12(cert_store_folder(), reinterpret_cast<const uint8_t *>(p12.data()), cut,
                                               "p12pass", "agent pass", &sha1_out, &why));
@@ -193,7 +193,7 @@ TEST_F(CertStoreTest, PassphraseChangeReencryptsKeys)
 {
     import("p384");
     ASSERT_EQ(change_agent_passphrase("agent pass", "new pass", 0), 1);
-    std::string key_text = read_text_file(cert_store_folder() + "/" + pki->sha1(pki->path("p384.crt")) + ".key");
+    std::string key_text = read_file_text(cert_store_folder() + "/" + pki->sha1(pki->path("p384.crt")) + ".key");
     EXPECT_NE(key_text.find("ENCRYPTED"), std::string::npos);
     KeyPtr key = cert_identity_lookup(CERT_SOURCE_TARNWELL, "p384");
     ASSERT_NE(key, nullptr);

@@ -42,7 +42,7 @@ public:
 
     static X509Ptr load(const std::string &pem)
     {
-        std::string data = read_text_file(pem);
+        std::string data = read_file_text(pem);
         BIO *bio = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
         X509Ptr cert(PEM_read_bio_X509(bio, nullptr, nullptr, nullptr));
         BIO_free(bio);

@@ -21,6 +21,7 @@
 
 #include "support/bytes.h"
 #include "support/files.h"
+#include "support/tool_run.h"
 
 class AgentProcess {
 public:
@@ -199,9 +200,7 @@ inline std::string write_text(const AgentProcess &agent, const std::string &name
 inline std::string make_key(const AgentProcess &agent, const std::string &name, const std::string &type, int bits = 0)
 {
     std::string path = (agent.root() / name).string();
-    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + path + "' -t " + type +
-                          (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
-    EXPECT_EQ(system(command.c_str()), 0) << command;
+    EXPECT_TRUE(make_ssh_keygen_key(path, type, bits, path)) << path;
     return path;
 }
 

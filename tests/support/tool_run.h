@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 
 #include "support/bytes.h"
+#include "support/files.h"
 
 // A folder of mode 0700, removed with everything in it.
 class TempFolder {
@@ -53,14 +54,6 @@ inline ToolResult run_tool(const std::string &command)
     return result;
 }
 
-inline std::string read_text_file(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 inline Bytes base64_decode(const std::string &text)
 {
     Bytes out(text.size());
@@ -78,7 +71,7 @@ inline Bytes base64_decode(const std::string &text)
 // The blob of a one-line public key file ("ssh-rsa AAAA... comment").
 inline Bytes public_line_blob(const std::string &path)
 {
-    std::istringstream line(read_text_file(path));
+    std::istringstream line(read_file_text(path));
     std::string name, data;
     line >> name >> data;
     return base64_decode(data);
@@ -95,11 +88,13 @@ inline std::string word_after(const std::string &text, const std::string &prefix
 }
 
 // A new unencrypted key made by ssh-keygen in PEM form at `path` (and
-// `path`.pub), with `path`'s file name as its comment.
-inline bool make_ssh_keygen_key(const std::string &path, const std::string &type, int bits = 0)
+// `path`.pub), with `comment` (by default `path`'s file name) as its comment.
+inline bool make_ssh_keygen_key(const std::string &path, const std::string &type, int bits = 0,
+                                std::string comment = "")
 {
-    std::string name = std::filesystem::path(path).filename().string();
-    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + name + "' -t " + type +
+    if (comment.empty())
+        comment = std::filesystem::path(path).filename().string();
+    std::string command = "ssh-keygen -q -m PEM -N '' -C '" + comment + "' -t " + type +
                           (bits ? " -b " + std::to_string(bits) : "") + " -f " + path;
     return run_tool(command).status == 0;
 }

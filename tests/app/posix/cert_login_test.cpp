@@ -48,7 +48,7 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
     for (const std::string &leaf : {token_leaf, store_leaf, nss_leaf}) {
         pki.ok("openssl x509 -pubkey -noout -in " + leaf + ".crt > " + leaf + ".spki && ssh-keygen -i -m PKCS8 -f " +
                leaf + ".spki > " + leaf + ".pub");
-        authorized += read_text_file(leaf + ".pub");
+        authorized += read_file_text(leaf + ".pub");
     }
     SshdServer sshd(agent.root() / "sshd");
     ASSERT_TRUE(sshd.start(authorized)) << sshd.log();
@@ -76,6 +76,6 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
     EXPECT_NE(log.find("(as type: rsa-sha2-512,  hash: SHA512)"), std::string::npos) << log;
     EXPECT_NE(log.find("(as type: ecdsa-sha2-nistp256,  hash: SHA256)"), std::string::npos) << log;
     // The PIN was asked once per agent run.
-    std::string asked = read_text_file(pinlog);
+    std::string asked = read_file_text(pinlog);
     EXPECT_EQ(count_of(asked, "GETPIN"), 2u) << asked;
 }
