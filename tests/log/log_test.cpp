@@ -126,5 +126,5 @@ TEST(Log, AgentLogFileAndControlFile)
         log_file_configure(&state, LOG_COMPONENT_AGENT, folder.string());
         EXPECT_EQ(state.path, line.substr(6, 1023 - 6)) << length;
     }
-    fs::remove_all(folder);
+    remove_folder(folder);
 }

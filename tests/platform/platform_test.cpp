@@ -18,7 +18,7 @@ namespace {
 
 class PlatformFiles : public ::testing::Test {
 protected:
-    void TearDown() override { fs::remove_all(folder_); }
+    void TearDown() override { remove_folder(folder_); }
     std::string path(const char *name) const { return (folder_ / name).string(); }
     void write(const char *name, const std::string &text) const
     {

@@ -37,7 +37,7 @@ public:
     ~AgentProcess()
     {
         stop();
-        std::filesystem::remove_all(root_);
+        remove_folder(root_);
     }
 
     std::filesystem::path root() const { return root_; }

@@ -88,7 +88,7 @@ protected:
     {
         reset_state();
         agent_data_folder_set("");
-        std::filesystem::remove_all(folder_);
+        remove_folder(folder_);
     }
 
     std::string path(const char *name) const { return (folder_ / name).string(); }

@@ -75,7 +75,7 @@ protected:
         ASSERT_FALSE(page_.empty()) << "the help page beside the programs";
         ASSERT_TRUE(browser_.ok());
     }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
+    void TearDown() override { EXPECT_TRUE(remove_folder(folder_)); }
 
     // True once the stand-in browser, which the shell starts on its own,
     // has copied the help page; the copy is then removed.

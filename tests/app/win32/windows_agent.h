@@ -142,7 +142,7 @@ public:
         if (process_.hProcess)
             close();
         agent_data_folder_set("");
-        std::filesystem::remove_all(folder_);
+        EXPECT_TRUE(remove_folder(folder_)) << folder_.string() << " is still in use";
     }
     WindowsAgent(const WindowsAgent &) = delete;
     WindowsAgent &operator=(const WindowsAgent &) = delete;
