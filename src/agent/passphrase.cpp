@@ -12,6 +12,7 @@
 #include "agent/local_lock.h"
 #include "agent/settings.h"
 #include "agent/shell_services.h"
+#include "crypto/private_key_pem.h"
 #include "log/agent_log.h"
 #include "log/log.h"
 #include "pki/cert_store.h"
@@ -97,19 +98,28 @@ void forget_agent_passphrase()
     ++generation();
 }
 
-bool agent_passphrase_storable(const char *passphrase)
+bool agent_passphrase_storable(const char *passphrase, const char **why)
 {
-    uint8_t digest[AGENT_DIGEST_LENGTH];
-    agent_passphrase_digest(passphrase, digest);
-    bool storable = settings_digest_reads_back(digest);
-    wipe_memory(digest, sizeof digest);
-    return storable;
+    const char *refusal = nullptr;
+    if (strlen(or_empty(passphrase)) > PRIVATE_KEY_PEM_PASSWORD_MAX) {
+        refusal = AGENT_PASSPHRASE_TOO_LONG;
+    } else {
+        uint8_t digest[AGENT_DIGEST_LENGTH];
+        agent_passphrase_digest(passphrase, digest);
+        if (!settings_digest_reads_back(digest))
+            refusal = AGENT_PASSPHRASE_UNSTORABLE;
+        wipe_memory(digest, sizeof digest);
+    }
+    if (why)
+        *why = refusal;
+    return refusal == nullptr;
 }
 
 int set_agent_passphrase(const char *passphrase, uint32_t attempt_empty)
 {
-    if (!agent_passphrase_storable(passphrase)) {
-        error("%s", AGENT_PASSPHRASE_UNSTORABLE);
+    const char *why = nullptr;
+    if (!agent_passphrase_storable(passphrase, &why)) {
+        error("%s", why);
         return 0;
     }
     forget_agent_passphrase();
@@ -156,8 +166,9 @@ int change_agent_passphrase_until(const char *old_passphrase, const char *new_pa
         agent_log("Change passphrase failed: wrong passphrase");
         return 0;
     }
-    if (!agent_passphrase_storable(new_passphrase)) {
-        error("Change passphrase failed: %s", AGENT_PASSPHRASE_UNSTORABLE);
+    const char *why = nullptr;
+    if (!agent_passphrase_storable(new_passphrase, &why)) {
+        error("Change passphrase failed: %s", why);
         return 0;
     }
     agent_local_unlock(old_passphrase);

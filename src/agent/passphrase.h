@@ -20,9 +20,14 @@ uint64_t agent_passphrase_generation();
 constexpr const char *AGENT_PASSPHRASE_UNSTORABLE =
     "this passphrase cannot be stored: its SHA-1 digest begins with a white-space byte, which the settings file "
     "would read back shifted; choose another passphrase";
-// False for a passphrase whose digest the settings file would not read back
-// as written (about 1 in 43): storing it would lock the user out.
-bool agent_passphrase_storable(const char *passphrase);
+constexpr const char *AGENT_PASSPHRASE_TOO_LONG =
+    "this passphrase cannot be stored: it is longer than 1024 bytes, and the key store could not be read back "
+    "under it; choose a shorter passphrase";
+// False for a passphrase that would lock the user out once stored: one
+// whose digest the settings file would not read back as written (about 1 in
+// 43), or one too long to decrypt the key store with. `*why`, when given,
+// gets the matching message above.
+bool agent_passphrase_storable(const char *passphrase, const char **why = nullptr);
 
 // Makes `passphrase` the agent passphrase: holds it, unlocks the agent and
 // stores its digest and `attempt_empty` as `AttemptEmpty`. Returns 1, or 0

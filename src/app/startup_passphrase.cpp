@@ -105,9 +105,10 @@ bool startup_passphrase_prepare(const StartupChoice &choice, FirstPassphraseProm
     // Read now: the agent leaves its working folder when it detaches.
     if (startup->from_file && !read_passphrase_file(choice.passphrase_file, &startup->text, message))
         return false;
-    if (startup->first_run && startup->from_file && !agent_passphrase_storable(startup->text.c_str())) {
+    const char *why = nullptr;
+    if (startup->first_run && startup->from_file && !agent_passphrase_storable(startup->text.c_str(), &why)) {
         agent_log("Failed to initialize with the given passphrase");
-        *message = "the passphrase in " + choice.passphrase_file + ": " + AGENT_PASSPHRASE_UNSTORABLE;
+        *message = "the passphrase in " + choice.passphrase_file + ": " + why;
         return false;
     }
     return true;

@@ -147,10 +147,12 @@ KeyPtr private_key_pem_read(const char *text, size_t len, const char *password, 
     return key_from_pkey(std::move(pkey));
 }
 
+static_assert(PRIVATE_KEY_PEM_PASSWORD_MAX == PEM_BUFSIZE, "the library's password callback buffer");
+
 PemKeyReader::PemKeyReader(const char *password) : password_(password ? password : "")
 {
     // The library takes at most this much from a password callback.
-    if (password_.size() > PEM_BUFSIZE)
+    if (password_.size() > PRIVATE_KEY_PEM_PASSWORD_MAX)
         return;
     FipsPropertyGuard guard;
     decoder_ = OSSL_DECODER_CTX_new_for_pkey(&decoded_, "PEM", nullptr, nullptr, EVP_PKEY_KEYPAIR, nullptr, nullptr);

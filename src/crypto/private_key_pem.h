@@ -10,6 +10,10 @@
 #include "keys/key.h"
 #include "keys/secure_memory.h"
 
+// The longest password that the library reads a key back under: a longer
+// one would encrypt keys that nothing could decrypt again.
+constexpr size_t PRIVATE_KEY_PEM_PASSWORD_MAX = 1024;
+
 // Writes the private half of an RSA, DSA, ECDSA or Ed25519 key to `pem`
 // (replacing its contents). False, with an error line, when the key holds no private
 // material or the library refuses it.

@@ -14,10 +14,11 @@ bool ask_first_passphrase_through_pinentry(StartupPassphrase *startup)
     for (;;) {
         pin = pinentry_get_pin({program_text(TEXT_FIRST_PASSPHRASE_DIALOG), description,
                                 program_text(TEXT_PASSPHRASE_PROMPT), program_text(TEXT_REPEAT_PASSPHRASE)});
-        if (!pin || agent_passphrase_storable(pin->c_str()))
+        const char *why = nullptr;
+        if (!pin || agent_passphrase_storable(pin->c_str(), &why))
             break;
-        error("%s", AGENT_PASSPHRASE_UNSTORABLE);
-        description = std::string(AGENT_PASSPHRASE_UNSTORABLE) + ".";
+        error("%s", why);
+        description = std::string(why) + ".";
     }
     if (!pin)
         return false;

@@ -241,11 +241,12 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
         new_passphrase = passphrase_from(args, "--new-file", TEXT_FIRST_PASSPHRASE_DESCRIPTION);
     // A passphrase the settings file would read back shifted is refused
     // here, with the reason, and asked for again when it was typed.
-    while (new_passphrase && !agent_passphrase_storable(new_passphrase->c_str())) {
-        fprintf(stderr, "tagent: %s\n", AGENT_PASSPHRASE_UNSTORABLE);
+    const char *why = nullptr;
+    while (new_passphrase && !agent_passphrase_storable(new_passphrase->c_str(), &why)) {
+        fprintf(stderr, "tagent: %s\n", why);
         if (tagent_option(args, "--new-file"))
             return TAGENT_REFUSED;
-        new_passphrase = tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), AGENT_PASSPHRASE_UNSTORABLE,
+        new_passphrase = tagent_ask_passphrase({program_text(TEXT_APPLICATION_TITLE), why,
                                            program_text(TEXT_PASSPHRASE_PROMPT), ""});
     }
     if (!new_passphrase)
