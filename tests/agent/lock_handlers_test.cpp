@@ -10,36 +10,28 @@
 
 namespace {
 
-using LockAndNotices = AgentStateTest;
+// What reaches the shell: change notices, commands of registered windows
+// and redraws of the lock-state display.
+struct ShellCalls {
+    int manager_notices = 0, redraws = 0;
+    std::vector<std::pair<uint64_t, uint32_t>> posted;
+    std::vector<uint64_t> gone_windows;
+} calls;
 
-Bytes with_string(uint8_t number, const std::string &text)
-{
-    return request_of(number, [&](Buffer *b) { buffer_put_cstring(b, text.c_str()); });
-}
-
-
-int manager_notices = 0;
-int redraws = 0;
-std::vector<std::pair<uint64_t, uint32_t>> posted;
-std::vector<uint64_t> gone_windows;
-
-// Records what reaches the shell: change notices, commands of registered
-// windows and redraws of the lock-state display.
 void record_shell_calls()
 {
-    manager_notices = 0;
-    redraws = 0;
-    posted.clear();
-    gone_windows.clear();
+    calls = ShellCalls{};
     ShellServices shell;
-    shell.redraw_tray = [] { ++redraws; };
-    shell.notify_manager = [] { ++manager_notices; };
-    shell.post_command = [](uint64_t window, uint32_t command) { posted.emplace_back(window, command); };
+    shell.redraw_tray = [] { ++calls.redraws; };
+    shell.notify_manager = [] { ++calls.manager_notices; };
+    shell.post_command = [](uint64_t window, uint32_t command) { calls.posted.emplace_back(window, command); };
     shell.window_exists = [](uint64_t window) {
-        return std::find(gone_windows.begin(), gone_windows.end(), window) == gone_windows.end();
+        return std::find(calls.gone_windows.begin(), calls.gone_windows.end(), window) == calls.gone_windows.end();
     };
     shell_services_set(shell);
 }
+
+using LockAndNotices = AgentStateTest;
 
 }  // namespace
 
@@ -48,48 +40,45 @@ TEST_F(LockAndNotices, LockTextNeverUnlocksOnlyTheAgentPassphraseDoes)
     LogCapture log;
     set_agent_passphrase("agent pw", 0);
     record_shell_calls();
-
-    EXPECT_EQ(dispatch_bytes(with_string(22, "lock text")).reply, hex_bytes("00000001 06"));
-    EXPECT_TRUE(log.contains("keyagent: LOCKED"));
-    EXPECT_EQ(dispatch_bytes(request_hex("97")).reply, hex_bytes("00000001 aa"));
-    EXPECT_EQ(dispatch_bytes(request_hex("0d")).reply, hex_bytes("00000001 aa"));
-    EXPECT_EQ(dispatch_bytes(request_hex("a0")).reply, hex_bytes("00000001 aa"));
-
-    EXPECT_EQ(dispatch_bytes(with_string(23, "lock text")).reply, hex_bytes("00000001 05"));
-    EXPECT_TRUE(log.contains("keyagent: Unlock failed: wrong passphrase"));
-    EXPECT_TRUE(agent_is_locked());
-    EXPECT_EQ(dispatch_bytes(with_string(209, "agent pw")).reply, hex_bytes("00000001 65"));
-    EXPECT_TRUE(log.contains("keyagent: UNLOCKED"));
-    EXPECT_EQ(dispatch_bytes(request_hex("97")).reply, hex_bytes("00000001 ab"));
-
-    EXPECT_EQ(dispatch_bytes(with_string(23, "anything")).reply, hex_bytes("00000001 06"));
-    EXPECT_TRUE(log.contains("keyagent: Unlock request - agent is already unlocked"));
+    struct Step { Bytes request; const char *reply_hex; const char *line; };
+    const Step steps[] = {
+        {string_request(22, "lock text"), "00000001 06", "keyagent: LOCKED"},
+        {request_hex("97"), "00000001 aa", "Received a request for islocked"},
+        {request_hex("0d"), "00000001 aa", "SSH2_AGENTC_SIGN_REQUEST"},
+        {request_hex("a0"), "00000001 aa", "SSH2_AGENTC_ZEM_SIGN_REQUEST"},
+        {string_request(23, "lock text"), "00000001 05", "keyagent: Unlock failed: wrong passphrase"},
+        {string_request(209, "agent pw"), "00000001 65", "keyagent: UNLOCKED"},
+        {request_hex("97"), "00000001 ab", "SSH_AGENT_ZEM_ISLOCKED"},
+        {string_request(23, "anything"), "00000001 06", "keyagent: Unlock request - agent is already unlocked"},
+    };
+    for (const Step &s : steps) {
+        log.clear();
+        EXPECT_EQ(dispatch_bytes(s.request).reply, hex_bytes(s.reply_hex)) << s.line;
+        EXPECT_TRUE(log.contains(s.line)) << s.line;
+    }
     EXPECT_TRUE(agent_local_lock());
     EXPECT_TRUE(agent_local_lock());
     EXPECT_TRUE(log.contains("keyagent: Lock request - agent is already locked"));
     EXPECT_FALSE(agent_local_unlock("Agent pw"));
+    EXPECT_TRUE(agent_is_locked());
     EXPECT_TRUE(agent_local_unlock("agent pw"));
-
-    // Only real changes notify; every request redraws the status.
-    EXPECT_EQ(manager_notices, 4);
-    EXPECT_EQ(redraws, 8);
+    // Only real changes notify; every lock request redraws the status.
+    EXPECT_EQ(calls.manager_notices, 4);
+    EXPECT_EQ(calls.redraws, 8);
 }
 
 TEST_F(LockAndNotices, AttemptEmptyFollowsTheSetting)
 {
     set_agent_passphrase("", 0);
-    agent_set_locked(true);
-    EXPECT_EQ(dispatch_bytes(with_string(159, "")).reply, hex_bytes("00000001 66"));
-    EXPECT_TRUE(agent_is_locked());
-
-    agent_settings().AttemptEmpty = 1;
-    EXPECT_EQ(dispatch_bytes(with_string(159, "")).reply, hex_bytes("00000001 06"));
-    EXPECT_FALSE(agent_is_locked());
-
-    set_agent_passphrase("pw", 1);
-    agent_set_locked(true);
-    EXPECT_EQ(dispatch_bytes(with_string(159, "")).reply, hex_bytes("00000001 05"));
-    EXPECT_TRUE(agent_is_locked());
+    for (auto [attempt_empty, passphrase, reply_hex, locked] :
+         {std::tuple{0u, "", "00000001 66", true}, {1u, "", "00000001 06", false}, {1u, "pw", "00000001 05", true}}) {
+        if (*passphrase)
+            set_agent_passphrase(passphrase, 1);
+        agent_settings().AttemptEmpty = attempt_empty;
+        agent_set_locked(true);
+        EXPECT_EQ(dispatch_bytes(string_request(159, "")).reply, hex_bytes(reply_hex)) << attempt_empty << passphrase;
+        EXPECT_EQ(agent_is_locked(), locked) << attempt_empty << passphrase;
+    }
 }
 
 TEST_F(LockAndNotices, RefreshRegistrationsAndTheChangeNotice)
@@ -104,17 +93,17 @@ TEST_F(LockAndNotices, RefreshRegistrationsAndTheChangeNotice)
     EXPECT_EQ(refresh_registrations()[2].command, 11u);
 
     // A window found gone is dropped; the others hear the notice.
-    gone_windows = {3};
+    calls.gone_windows = {3};
     send_change_notice();
-    EXPECT_EQ(manager_notices, 1);
-    EXPECT_EQ(posted, (std::vector<std::pair<uint64_t, uint32_t>>{{0x1122334455667788, 7}, {2, 11}}));
+    EXPECT_EQ(calls.manager_notices, 1);
+    EXPECT_EQ(calls.posted, (std::vector<std::pair<uint64_t, uint32_t>>{{0x1122334455667788, 7}, {2, 11}}));
     ASSERT_EQ(refresh_registrations().size(), 2u);
 
     // When the gone window is the first entry, the walk stops there.
-    posted.clear();
-    gone_windows = {0x1122334455667788};
+    calls.posted.clear();
+    calls.gone_windows = {0x1122334455667788};
     send_change_notice();
-    EXPECT_TRUE(posted.empty());
+    EXPECT_TRUE(calls.posted.empty());
     ASSERT_EQ(refresh_registrations().size(), 1u);
     EXPECT_EQ(refresh_registrations()[0].window, 2u);
 }
@@ -131,8 +120,7 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
     EXPECT_EQ(agent_enum_get(), 0x403u);
     EXPECT_EQ(agent_dialog_owner(), 0xabcu);
 
-    DispatchResult second = dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1, 2, 1), 42, first.forwarding_chain);
-    EXPECT_EQ(second.forwarding_chain, 2);
+    EXPECT_EQ(dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1, 2, 1), 42, 1).forwarding_chain, 2);
     EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: gate (10.0.0.7) port 22"));
     EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: inner (10.0.0.7) port 22"));
     EXPECT_TRUE(log.contains("keyagent: Forwarding chain length: 2"));
@@ -144,21 +132,14 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
     EXPECT_EQ(forwarding_notice_count(), 1u);
 
     // The plain form answers nothing and records nothing.
-    DispatchResult quiet = dispatch_bytes(request_of(206, [](Buffer *b) {
-                                              buffer_put_cstring(b, "host");
-                                              buffer_put_cstring(b, "addr");
-                                              buffer_put_int(b, 2222);
-                                          }), 43);
+    DispatchResult quiet = dispatch_bytes(forwarding_notice("host", "addr", 2222), 43);
     EXPECT_TRUE(quiet.reply.empty());
     EXPECT_EQ(quiet.forwarding_chain, 1);
     EXPECT_FALSE(forwarding_notice_for_connection(43));
-
     forwarding_notice_connection_closed(42);
     EXPECT_FALSE(forwarding_notice_for_connection(42));
 
-    EXPECT_EQ(forwarding_list_mode(0x100, 1), 6u);
-    EXPECT_EQ(forwarding_list_mode(0x200, 1), 0u);
-    EXPECT_EQ(forwarding_list_mode(0x300, 1), 8u);
-    EXPECT_EQ(forwarding_list_mode(0x500, 1), 7u);
-    EXPECT_EQ(forwarding_list_mode(0x600, 4), 4u);
+    for (auto [setting, sent, mode] : {std::tuple{0x100u, 1u, 6u}, {0x200u, 1u, 0u}, {0x300u, 1u, 8u}, {0x500u, 1u, 7u},
+                                       {0x600u, 4u, 4u}})
+        EXPECT_EQ(forwarding_list_mode(setting, sent), mode) << setting;
 }

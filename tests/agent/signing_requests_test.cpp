@@ -9,16 +9,7 @@
 
 namespace {
 
-const Bytes data_to_sign = hex_bytes("0102030405060708090a0b0c0d0e0f10 1112131415161718");
-
-Bytes sign_request(uint8_t number, const Bytes &blob, uint32_t flags)
-{
-    return request_of(number, [&](Buffer *b) {
-        put_bytes(b, blob);
-        put_bytes(b, data_to_sign);
-        buffer_put_int(b, flags);
-    });
-}
+const std::string data_to_sign = "\x01\x02\x03\x04\x05\x06\x07\x08 data to sign";
 
 // The signature blob of a reply 14, or an empty one.
 SecureBytes signature_of(const Bytes &reply)
@@ -27,10 +18,14 @@ SecureBytes signature_of(const Bytes &reply)
     return r.code == 14 ? buffer_get_string(&r.b) : SecureBytes();
 }
 
-using SigningRequests = UnlockedAgentTest;
+void expect_signs(const Bytes &request, const Identity *identity, const char *name, const char *md,
+                  const char *layout)
+{
+    SecureBytes sig = signature_of(dispatch_bytes(request).reply);
+    expect_verifies(sig, identity->key->pkey.get(), name, md, layout, text_bytes(data_to_sign));
+}
 
-bool confirm_answer = false;
-int confirm_asked = 0;
+using SigningRequests = UnlockedAgentTest;
 
 }  // namespace
 
@@ -42,34 +37,30 @@ TEST_F(SigningRequests, FlagsChooseTheRsaAlgorithm)
     Identity *rsa = add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "id_RSA_2048");
     Bytes blob = public_blob(rsa->key.get());
     for (auto [flags, name, md] : {std::tuple{0u, "ssh-rsa", "SHA1"}, {1u, "ssh-rsa", "SHA1"}, {2u, "rsa-sha2-256", "SHA256"},
-                                   {4u, "rsa-sha2-512", "SHA512"}, {6u, "rsa-sha2-512", "SHA512"}}) {
-        SecureBytes sig = signature_of(dispatch_bytes(sign_request(13, blob, flags)).reply);
-        expect_verifies(sig, rsa->key->pkey.get(), name, md, "rsa", data_to_sign);
-    }
+                                   {4u, "rsa-sha2-512", "SHA512"}, {6u, "rsa-sha2-512", "SHA512"}})
+        expect_signs(sign_request(blob, data_to_sign, flags), rsa, name, md, "rsa");
     EXPECT_TRUE(log.contains("keyagent: Signing using key id_RSA_2048 (as type: rsa-sha2-512,  hash: SHA512)"));
     EXPECT_TRUE(log.contains("keyagent: Signature for key: id_RSA_2048 - forward step(s) 0"));
     // A key blob read under "rsa-sha2-256" keeps that algorithm.
-    SecureBytes by_name = signature_of(dispatch_bytes(sign_request(13, public_blob(rsa->key.get(), "rsa-sha2-256"), 0)).reply);
-    expect_verifies(by_name, rsa->key->pkey.get(), "rsa-sha2-256", "SHA256", "rsa", data_to_sign);
+    expect_signs(sign_request(public_blob(rsa->key.get(), "rsa-sha2-256"), data_to_sign), rsa, "rsa-sha2-256", "SHA256",
+                 "rsa");
     Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 384), "ec", "id_ECDSA_384");
-    SecureBytes ec_sig = signature_of(dispatch_bytes(sign_request(13, public_blob(ec->key.get()), 6)).reply);
-    expect_verifies(ec_sig, ec->key->pkey.get(), "ecdsa-sha2-nistp384", "SHA384", "mpint", data_to_sign);
+    expect_signs(sign_request(public_blob(ec->key.get()), data_to_sign, 6), ec, "ecdsa-sha2-nistp384", "SHA384", "mpint");
 
     // An unknown key fails with the one-byte failure.
     KeyPtr stranger = key_generate(KEY_ECDSA, 256);
-    EXPECT_EQ(dispatch_bytes(sign_request(13, public_blob(stranger.get()), 0)).reply, hex_bytes("00000001 05"));
+    EXPECT_EQ(dispatch_bytes(sign_request(public_blob(stranger.get()), data_to_sign)).reply, hex_bytes("00000001 05"));
     EXPECT_TRUE(log.contains("keyagent: Key sign request failed"));
 }
 
 TEST_F(SigningRequests, VersionTwoOperations)
 {
     Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
-    Bytes blob = public_blob(ec->key.get());
     auto request = [&](const char *operation) {
         return request_of(205, [&](Buffer *b) {
             buffer_put_cstring(b, operation);
-            put_bytes(b, blob);
-            put_bytes(b, data_to_sign);
+            put_bytes(b, public_blob(ec->key.get()));
+            put_bytes(b, text_bytes(data_to_sign));
         });
     };
     EXPECT_EQ(dispatch_bytes(request("decrypt")).reply, hex_bytes("00000002 66 08"));
@@ -79,7 +70,7 @@ TEST_F(SigningRequests, VersionTwoOperations)
     SecureBytes bare = buffer_get_string(&reply.b);
     Bytes wrapped = signature_blob("ecdsa-sha2-nistp256", Bytes(bare.begin(), bare.end()));
     expect_verifies(SecureBytes(wrapped.begin(), wrapped.end()), ec->key->pkey.get(), "ecdsa-sha2-nistp256", "SHA256",
-                    "mpint", data_to_sign);
+                    "mpint", text_bytes(data_to_sign));
 }
 
 TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
@@ -88,15 +79,14 @@ TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
     KeyPtr plain = key_from_private(cert->key.get());
     plain->type = KEY_RSA;
     plain->cert.reset();
-    Bytes blob = public_blob(plain.get(), "ssh-rsa");
+    Bytes request = sign_request(public_blob(plain.get(), "ssh-rsa"), data_to_sign, 2);
     for (uint32_t mode : {0x02u, 0x13u}) {
         agent_enum_set(mode);
-        SecureBytes sig = signature_of(dispatch_bytes(sign_request(13, blob, 2)).reply);
-        expect_verifies(sig, cert->key->pkey.get(), "rsa-sha2-256", "SHA256", "rsa", data_to_sign);
+        expect_signs(request, cert, "rsa-sha2-256", "SHA256", "rsa");
         EXPECT_EQ(cert->key->type, KEY_X509_RSA);
     }
     agent_enum_set(0x01);
-    EXPECT_EQ(dispatch_bytes(sign_request(13, blob, 2)).reply, hex_bytes("00000001 05"));
+    EXPECT_EQ(dispatch_bytes(request).reply, hex_bytes("00000001 05"));
 }
 
 // With ConfirmKeyOp on, a forwarded request signs only when the user says
@@ -104,19 +94,20 @@ TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
 TEST_F(SigningRequests, ConfirmKeyOpAsksForRemoteRequestsOnly)
 {
     LogCapture log;
+    static bool answer = false;
+    static int asked = 0;
     ShellServices shell;
-    shell.confirm_key_operation = [](const char *) { return ++confirm_asked, confirm_answer; };
+    shell.confirm_key_operation = [](const char *) { return ++asked, answer; };
     shell_services_set(shell);
     Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
-    Bytes request = sign_request(13, public_blob(ec->key.get()), 0);
-    confirm_asked = 0;
-    for (auto [confirm, chain, answer, signs, asked] :
+    Bytes request = sign_request(public_blob(ec->key.get()), data_to_sign);
+    for (auto [confirm, chain, yes, signs, asks] :
          {std::tuple{0u, 1, false, true, 0}, {1u, 0, false, true, 0}, {1u, 1, false, false, 1}, {1u, 2, true, true, 1}}) {
         set_confirm_key_op(confirm);
-        confirm_answer = answer;
-        int before = confirm_asked;
+        answer = yes;
+        asked = 0;
         EXPECT_EQ(!signature_of(dispatch_bytes(request, 1, chain).reply).empty(), signs) << confirm << chain;
-        EXPECT_EQ(confirm_asked - before, asked) << confirm << chain;
+        EXPECT_EQ(asked, asks) << confirm << chain;
     }
     EXPECT_TRUE(log.contains("keyagent: User rejected a request from a remote server to issue a signature"));
 }
@@ -128,15 +119,12 @@ TEST_F(SigningRequests, VendorSignRequestSetsItsFields)
     Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
     Bytes request = request_of(160, [&](Buffer *b) {
         put_bytes(b, public_blob(ec->key.get()));
-        put_bytes(b, data_to_sign);
-        buffer_put_int(b, 0);
-        buffer_put_int(b, 2);
-        buffer_put_int(b, 1);
-        buffer_put_int(b, 0x23);
+        put_bytes(b, text_bytes(data_to_sign));
+        for (uint32_t field : {0, 2, 1, 0x23})  // flags, RSA and DSA signature types, enumeration mode
+            buffer_put_int(b, field);
         buffer_put_int64(b, 0x1234);
     });
-    SecureBytes sig = signature_of(dispatch_bytes(request).reply);
-    expect_verifies(sig, ec->key->pkey.get(), "ecdsa-sha2-nistp256", "SHA256", "mpint", data_to_sign);
+    expect_signs(request, ec, "ecdsa-sha2-nistp256", "SHA256", "mpint");
     EXPECT_EQ(get_x509rsa_sigtype(), 2);
     EXPECT_EQ(get_x509dsa_sigtype(), 1);
     EXPECT_EQ(agent_enum_get(), 0x23u);

@@ -8,7 +8,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <cstring>
 #include <string>
 
 #if !defined(_WIN32)
@@ -36,49 +35,40 @@
 // process, removed when the process ends. A process that dies without
 // cleaning up (a crash, a killed run) leaves its folder to the next test
 // process, which removes the folders of processes that no longer run.
-class StateRoot {
-public:
-    static const std::filesystem::path &path()
-    {
-        static StateRoot root;
-        return root.path_;
-    }
-    ~StateRoot()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-
-private:
-    static constexpr const char *PREFIX = "tarnwell-state-p";
-    StateRoot()
-    {
-        std::filesystem::path temp = std::filesystem::temp_directory_path();
-        std::error_code ignored;
+inline const std::filesystem::path &state_root()
+{
+    struct Root {
+        std::filesystem::path path;
+        Root()
+        {
 #if !defined(_WIN32)
-        for (const auto &entry : std::filesystem::directory_iterator(temp, ignored)) {
-            std::string name = entry.path().filename().string();
-            if (name.rfind(PREFIX, 0) != 0 || name.size() == strlen(PREFIX) ||
-                name.find_first_not_of("0123456789", strlen(PREFIX)) != std::string::npos)
-                continue;
-            pid_t owner = static_cast<pid_t>(std::stol(name.substr(strlen(PREFIX))));
-            if (kill(owner, 0) != 0 && errno == ESRCH)
-                std::filesystem::remove_all(entry.path(), ignored);
-        }
-        path_ = temp / (PREFIX + std::to_string(getpid()));
+            const std::string prefix = "tarnwell-state-p";
+            std::filesystem::path temp = std::filesystem::temp_directory_path();
+            std::error_code ignored;
+            for (const auto &entry : std::filesystem::directory_iterator(temp, ignored)) {
+                std::string name = entry.path().filename().string();
+                if (name.rfind(prefix, 0) == 0 && name.size() > prefix.size() &&
+                    name.find_first_not_of("0123456789", prefix.size()) == std::string::npos &&
+                    kill(static_cast<pid_t>(std::stol(name.substr(prefix.size()))), 0) != 0 && errno == ESRCH)
+                    std::filesystem::remove_all(entry.path(), ignored);
+            }
+            path = temp / (prefix + std::to_string(getpid()));
+            std::filesystem::create_directories(path);
 #else
-        path_ = fresh_temp_folder("state");
+            path = fresh_temp_folder("state");
 #endif
-        std::filesystem::create_directories(path_);
-    }
-    std::filesystem::path path_;
-};
+        }
+        ~Root() { remove_folder(path); }
+    };
+    static Root root;
+    return root.path;
+}
 
 class AgentStateTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        folder_ = StateRoot::path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        folder_ = state_root() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
         std::filesystem::remove_all(folder_);
         std::filesystem::create_directories(folder_);
         agent_data_folder_set(folder_.string());
