@@ -125,8 +125,6 @@ TEST_F(SigningRequests, VendorSignRequestSetsItsFields)
         buffer_put_int64(b, 0x1234);
     });
     expect_signs(request, ec, "ecdsa-sha2-nistp256", "SHA256", "mpint");
-    EXPECT_EQ(get_x509rsa_sigtype(), 2);
-    EXPECT_EQ(get_x509dsa_sigtype(), 1);
-    EXPECT_EQ(agent_enum_get(), 0x23u);
-    EXPECT_EQ(agent_dialog_owner(), 0x1234u);
+    EXPECT_EQ(std::tuple(get_x509rsa_sigtype(), get_x509dsa_sigtype(), agent_enum_get(), agent_dialog_owner()),
+              std::tuple(2, 1, 0x23u, uint64_t{0x1234}));
 }

@@ -13,6 +13,7 @@
 #if !defined(_WIN32)
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <unistd.h>
 #endif
 
@@ -31,31 +32,28 @@
 #include "support/fips_environment.h"
 #include "support/files.h"
 
-// The state folders of one test process lie in one folder named after the
-// process, removed when the process ends. A process that dies without
-// cleaning up (a crash, a killed run) leaves its folder to the next test
-// process, which removes the folders of processes that no longer run.
+// The state folders of one test process lie in one folder, removed when
+// the process ends.
 inline const std::filesystem::path &state_root()
 {
     struct Root {
         std::filesystem::path path;
         Root()
         {
-#if !defined(_WIN32)
-            const std::string prefix = "tarnwell-state-p";
+#if defined(_WIN32)
+            path = fresh_temp_folder("state");
+#else
+            // A test process that died without cleaning up (a crash, a killed
+            // run) left its folder: those of processes no longer running go.
             std::filesystem::path temp = std::filesystem::temp_directory_path();
             std::error_code ignored;
             for (const auto &entry : std::filesystem::directory_iterator(temp, ignored)) {
                 std::string name = entry.path().filename().string();
-                if (name.rfind(prefix, 0) == 0 && name.size() > prefix.size() &&
-                    name.find_first_not_of("0123456789", prefix.size()) == std::string::npos &&
-                    kill(static_cast<pid_t>(std::stol(name.substr(prefix.size()))), 0) != 0 && errno == ESRCH)
+                if (name.rfind("tarnwell-state-p", 0) == 0 && kill(atoi(name.c_str() + 16), 0) != 0 && errno == ESRCH)
                     std::filesystem::remove_all(entry.path(), ignored);
             }
-            path = temp / (prefix + std::to_string(getpid()));
+            path = temp / ("tarnwell-state-p" + std::to_string(getpid()));
             std::filesystem::create_directories(path);
-#else
-            path = fresh_temp_folder("state");
 #endif
         }
         ~Root() { remove_folder(path); }
