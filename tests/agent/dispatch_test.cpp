@@ -100,6 +100,7 @@ TEST_F(Dispatch, LockedAgentServesOnlyItsTable)
     }
 }
 
+// Lock, unlock and the notices to the shell.
 namespace {
 
 // What reaches the shell: change notices, commands of registered windows

@@ -120,6 +120,7 @@ TEST_F(IdentityListing, CertificatesFollowTheEnumerationModeAndTheServer)
     EXPECT_EQ(list("0b"), (Names{"x509v3-rsa2048-sha256", "x509v3-ssh-rsa", "x509v3-sign-rsa"}));
 }
 
+// Sign requests.
 namespace {
 
 const std::string data_to_sign = "\x01\x02\x03\x04\x05\x06\x07\x08 data to sign";
@@ -143,7 +144,7 @@ using SigningRequests = UnlockedAgentTest;
 }  // namespace
 
 // The flags choose the RSA algorithm; other keys ignore them (every key
-// type's own signature is checked in the add tests).
+// type's own signature is checked end to end with OpenSSH's tools).
 TEST_F(SigningRequests, FlagsChooseTheRsaAlgorithm)
 {
     LogCapture log;

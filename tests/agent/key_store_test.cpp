@@ -271,10 +271,8 @@ TEST_F(KeyStore, InterruptedPassphraseChangeKeepsEveryKeyUnderTheAcceptedPassphr
 {
     for (int step = CHANGE_STEP_PRIVATE_WRITTEN; step <= CHANGE_STEP_DONE + 1; ++step) {
         SCOPED_TRACE(step);
-        std::filesystem::remove_all(folder_);
-        std::filesystem::create_directories(folder_);
-        agent_settings() = AgentSettings{};
-        identity_tables_init();
+        TearDown();  // a fresh folder and state for each step
+        SetUp();
         set_agent_passphrase("old", 0);
         add_test_identity(copy_key(0), "c1", "one");
         add_test_identity(copy_key(2), "c2", "two");

@@ -118,9 +118,7 @@ TEST_F(Settings, SettersRewriteOnlyOnChange)
     EXPECT_EQ(set_allow_add(0), 0);
     EXPECT_FALSE(std::filesystem::exists(path("tAgent")));
 
-    EXPECT_EQ(set_confirm_key_op(1), 1);
-    EXPECT_EQ(set_allow_delete(0), 1);
-    EXPECT_EQ(set_use_only_sha1(1), 1);
+    EXPECT_EQ(set_confirm_key_op(1) + set_allow_delete(0) + set_use_only_sha1(1), 3);
     EXPECT_EQ(file_text("tAgent").substr(32),
               "ConfirmKeyOp yes\nAllowAdd no\nAllowDelete no\nAutoLock no\nAutoLockMinutes 0\n"
               "AttemptEmpty no\nUseOnlySha1 yes\nCreateLog no\n");
