@@ -5,7 +5,6 @@
 #include <openssl/core_names.h>
 
 #include "keys/private_key_material.h"
-#include "pki/key_signer.h"
 #include "support/agent_state.h"
 #include "support/dispatch_helper.h"
 #include "support/identity_fixture.h"
@@ -28,11 +27,11 @@ Bytes key_fields(const Key *key)
 Bytes add_request(uint8_t number, const Bytes &fields, const std::string &constraints_hex = "",
                   const char *name = nullptr)
 {
+    Bytes tail = hex_bytes(constraints_hex);
     return request_of(number, [&](Buffer *b) {
         buffer_append(b, fields.data(), static_cast<uint32_t>(fields.size()));
         buffer_put_cstring(b, "a comment");
         buffer_put_cstring(b, name);
-        Bytes tail = hex_bytes(constraints_hex);
         buffer_append(b, tail.data(), static_cast<uint32_t>(tail.size()));
     });
 }
@@ -46,9 +45,9 @@ IdentityTable *table() { return identity_table_for_version(2); }
 
 }  // namespace
 
-// Every key type a client can add arrives whole: the agent signs with it
-// and the signature verifies with the key the client holds.
-TEST_F(IdentityChanges, EveryKeyTypeIsAddedAndSigns)
+// Every key type a client can add arrives whole: the agent holds the key the
+// client holds.
+TEST_F(IdentityChanges, EveryKeyTypeIsAdded)
 {
     LogCapture log;
     for (auto [type, bits, line] : {std::tuple{KEY_RSA, 1024u, "id_RSA_1024 RSA 1024-bit"},
@@ -61,15 +60,8 @@ TEST_F(IdentityChanges, EveryKeyTypeIsAddedAndSigns)
         KeyPtr key = key_generate(type, bits);
         EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(key.get()))).reply, hex_bytes("00000001 06"));
         EXPECT_TRUE(log.contains(std::string("keyagent: Add key : ") + line));
-        const Bytes data = hex_bytes("00112233");
-        ReplyReader signed_reply(dispatch_bytes(request_of(13, [&](Buffer *b) {
-                                     put_bytes(b, public_blob(key.get()));
-                                     put_bytes(b, data);
-                                     buffer_put_int(b, 0);
-                                 })).reply);
-        ASSERT_EQ(signed_reply.code, 14);
-        SecureBytes signature = buffer_get_string(&signed_reply.b);
-        EXPECT_EQ(key_verify(key.get(), signature.data(), signature.size(), data.data(), data.size()), 1);
+        ASSERT_NE(lookup_identity(key.get(), 2), nullptr);
+        EXPECT_EQ(EVP_PKEY_eq(lookup_identity(key.get(), 2)->key->pkey.get(), key->pkey.get()), 1);
     }
     EXPECT_EQ(table()->nentries, 6);
 }
@@ -77,23 +69,19 @@ TEST_F(IdentityChanges, EveryKeyTypeIsAddedAndSigns)
 // Material that does not make one consistent private key is no key at all.
 TEST_F(IdentityChanges, DamagedKeyMaterialIsRefused)
 {
-    KeyPtr ec = key_generate(KEY_ECDSA, 256), ed = key_generate(KEY_ED25519, 0);
-    KeyPtr rsa = key_generate(KEY_RSA, 1024);
-    Bytes good_ec = key_fields(ec.get());
+    KeyPtr ec = key_generate(KEY_ECDSA, 256), ed = key_generate(KEY_ED25519, 0), rsa = key_generate(KEY_RSA, 1024);
+    const Bytes ec_fields = key_fields(ec.get()), ed_fields = key_fields(ed.get());
+    auto with = [](Bytes fields, size_t at, std::initializer_list<uint8_t> bytes) {
+        std::copy(bytes.begin(), bytes.end(), fields.begin() + static_cast<long>(at));
+        return fields;
+    };
     // ECDSA fields: name 4+19, curve 4+8, point 4+65 from offset 39, scalar.
-    std::vector<std::pair<const char *, Bytes>> cases;
-    Bytes other_curve = good_ec;
-    other_curve[32] = '3', other_curve[33] = '8', other_curve[34] = '4';  // "nistp384" with a P-256 point
-    cases.push_back({"curve", other_curve});
-    Bytes compressed = good_ec;
-    compressed[39] = 0x02;
-    cases.push_back({"compressed point", compressed});
-    Bytes scalar = good_ec;
-    scalar.back() ^= 1;
-    cases.push_back({"scalar of another point", scalar});
-    Bytes ed_fields = key_fields(ed.get());
-    ed_fields[4 + 11 + 4] ^= 1;  // the public key before the secret
-    cases.push_back({"Ed25519 public key", ed_fields});
+    // Ed25519: name 4+11, then the public key before the secret.
+    std::vector<std::pair<const char *, Bytes>> cases = {
+        {"curve", with(ec_fields, 32, {'3', '8', '4'})},  // "nistp384" with a P-256 point
+        {"compressed point", with(ec_fields, 39, {0x02})},
+        {"scalar of another point", with(ec_fields, ec_fields.size() - 1, {uint8_t(ec_fields.back() ^ 1)})},
+        {"Ed25519 public key", with(ed_fields, 19, {uint8_t(ed_fields[19] ^ 1)})}};
     // RSA fields: name, n, e, d, iqmp, p, q; a zero q.
     Bytes rsa_fields = key_fields(rsa.get());
     Buffer parsed;
@@ -102,19 +90,17 @@ TEST_F(IdentityChanges, DamagedKeyMaterialIsRefused)
         buffer_get_string(&parsed);
     rsa_fields.resize(rsa_fields.size() - buffer_len(&parsed));
     rsa_fields.insert(rsa_fields.end(), {0, 0, 0, 0});
-    cases.push_back({"RSA factor", rsa_fields});
+    cases.emplace_back("RSA factor", rsa_fields);
     LogCapture log;
-    for (const auto &[what, fields] : cases) {
+    for (const auto &[what, fields] : cases)
         EXPECT_EQ(dispatch_bytes(add_request(17, fields)).reply, hex_bytes("00000001 05")) << what;
-    }
     EXPECT_TRUE(log.contains("error: process_add_identity: unable to identify the key."));
     EXPECT_TRUE(log.contains("keyagent: Add key request failed"));
     EXPECT_EQ(table()->nentries, 0);
     // The version 2 add takes a SECSH blob; its failure carries a 7.
     EXPECT_EQ(dispatch_bytes(request_of(202, [](Buffer *b) {
-                  buffer_put_cstring(b, "not a key");
-                  buffer_put_cstring(b, "");
-                  buffer_put_cstring(b, "comment");
+                  for (const char *field : {"not a key", "", "comment"})
+                      buffer_put_cstring(b, field);
               })).reply,
               hex_bytes("00000002 66 07"));
 }
@@ -144,10 +130,10 @@ TEST_F(IdentityChanges, ConstraintCodes)
         {"63 9b 9a", 0, false, 0, 1},
         {"9b 01 0000000a", 10, false, 0, 1},
     };
+    KeyPtr key = key_generate(KEY_ED25519, 0);
     for (const Case &c : cases) {
         SCOPED_TRACE(c.hex);
         identity_tables_init();
-        KeyPtr key = key_generate(KEY_ED25519, 0);
         ASSERT_EQ(dispatch_bytes(add_request(25, key_fields(key.get()), c.hex)).reply, hex_bytes("00000001 06"));
         ASSERT_EQ(table()->nentries, 1);
         const Identity &added = *table()->identities.back();
@@ -167,35 +153,35 @@ TEST_F(IdentityChanges, ConstraintCodes)
 TEST_F(IdentityChanges, VendorAddRepliesAndRemoteRules)
 {
     LogCapture log;
-    KeyPtr key = key_generate(KEY_ECDSA, 256);
+    KeyPtr key = key_generate(KEY_ECDSA, 256), other = key_generate(KEY_ECDSA, 256);
     Bytes fields = key_fields(key.get());
     // The vendor add carries the key name; 0 when added, 9 when held, and
-    // a protocol 1 vendor add always fails with 7.
-    EXPECT_EQ(dispatch_bytes(add_request(153, fields, "", "work")).reply, hex_bytes("00000001 00"));
-    EXPECT_EQ(table()->identities.back()->key->name, "work");
-    EXPECT_EQ(dispatch_bytes(add_request(153, fields, "", "work")).reply, hex_bytes("00000001 09"));
-    EXPECT_TRUE(log.contains("keyagent: Key exists : work ECDSA 256-bit"));
-    EXPECT_EQ(dispatch_bytes(add_request(152, fields, "", "work")).reply, hex_bytes("00000001 07"));
-    EXPECT_TRUE(log.contains("error: process_add_identity: unsupported version"));
-    // The plain add of a held key succeeds without a second entry.
-    EXPECT_EQ(dispatch_bytes(add_request(17, fields)).reply, hex_bytes("00000001 06"));
-    EXPECT_EQ(table()->nentries, 1);
-
-    // Remote adds and deletes follow AllowAdd and AllowDelete; local ones
-    // never do.
-    KeyPtr other = key_generate(KEY_ECDSA, 256);
+    // a protocol 1 vendor add always fails with 7. The plain add of a held
+    // key succeeds without a second entry.
+    struct Step { Bytes request; int chain; const char *reply_hex; const char *line; };
+    std::vector<Step> steps = {
+        {add_request(153, fields, "", "work"), 0, "00000001 00", "keyagent: Add key : work ECDSA 256-bit"},
+        {add_request(153, fields, "", "work"), 0, "00000001 09", "keyagent: Key exists : work ECDSA 256-bit"},
+        {add_request(152, fields, "", "work"), 0, "00000001 07", "error: process_add_identity: unsupported version"},
+        {add_request(17, fields), 0, "00000001 06", "keyagent: Key exists"},
+        // Remote adds and deletes follow AllowAdd and AllowDelete; local
+        // ones never do.
+        {add_request(17, key_fields(other.get())), 1, "00000001 05",
+         "keyagent: Rejecting request from a remote server to add a key"},
+        {remove_request(18, key.get()), 2, "00000001 05",
+         "keyagent: Rejecting request from a remote server to delete a key"},
+        {request_hex("13"), 1, "00000001 05", "keyagent: Rejecting request from a remote server to delete all keys"},
+        {add_request(17, key_fields(other.get())), 0, "00000001 06", "keyagent: Add key : id_ECDSA_256 ECDSA 256-bit"},
+    };
     set_allow_add(0);
     set_allow_delete(0);
-    EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(other.get())), 1, 1).reply, hex_bytes("00000001 05"));
-    EXPECT_TRUE(log.contains("keyagent: Rejecting request from a remote server to add a key"));
-    EXPECT_EQ(dispatch_bytes(remove_request(18, key.get()), 1, 2).reply, hex_bytes("00000001 05"));
-    EXPECT_TRUE(log.contains("keyagent: Rejecting request from a remote server to delete a key"));
-    EXPECT_EQ(dispatch_bytes(request_hex("13"), 1, 1).reply, hex_bytes("00000001 05"));
-    EXPECT_TRUE(log.contains("keyagent: Rejecting request from a remote server to delete all keys"));
-    EXPECT_EQ(table()->nentries, 1);
-    EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(other.get())), 1, 0).reply, hex_bytes("00000001 06"));
+    for (const Step &s : steps) {
+        log.clear();
+        EXPECT_EQ(dispatch_bytes(s.request, 1, s.chain).reply, hex_bytes(s.reply_hex)) << s.line;
+        EXPECT_TRUE(log.contains(s.line)) << s.line;
+    }
+    EXPECT_EQ(table()->identities.front()->key->name, "work");
     set_allow_add(1);
-    set_allow_delete(1);
     EXPECT_EQ(dispatch_bytes(add_request(17, key_fields(key_generate(KEY_ED25519, 0).get())), 1, 1).reply,
               hex_bytes("00000001 06"));
     EXPECT_EQ(table()->nentries, 3);
@@ -215,12 +201,91 @@ TEST_F(IdentityChanges, RemoveAndRemoveAll)
     ASSERT_EQ(table()->nentries, 1);
     EXPECT_EQ(table()->identities.front()->key->name, "id_ED25519_256");
     EXPECT_EQ(dispatch_bytes(remove_request(18, key.get())).reply, hex_bytes("00000001 05"));
-    EXPECT_EQ(dispatch_bytes(remove_request(18, kept.get())).reply, hex_bytes("00000001 06"));  // the last one
-    dispatch_bytes(add_request(17, key_fields(kept.get())));
     EXPECT_TRUE(log.contains("keyagent: Remove identity request failed"));
+    EXPECT_EQ(dispatch_bytes(remove_request(18, kept.get())).reply, hex_bytes("00000001 06"));  // the last one
 
-    EXPECT_EQ(dispatch_bytes(request_hex("cb")).reply, hex_bytes("00000001 65"));
+    dispatch_bytes(add_request(17, key_fields(kept.get())));
+    EXPECT_EQ(dispatch_bytes(request_hex("cb"), 1, 1).reply, hex_bytes("00000001 65"));
     EXPECT_TRUE(log.contains("keyagent: Removed all identities"));
     EXPECT_EQ(table()->nentries, 0);
     EXPECT_EQ(dispatch_bytes(request_hex("13")).reply, hex_bytes("00000001 06"));  // empty: still success
+}
+
+using IdentityTables = AgentStateTest;
+
+TEST_F(IdentityTables, NamesAreUniqueAcrossBothTablesIgnoringCase)
+{
+    KeyPtr first = key_generate(KEY_RSA, 1024), second = key_from_private(first.get());
+    EXPECT_EQ(make_identity_name(first.get()), "id_RSA_1024");
+    first->name = "ID_rsa_1024";  // other letter case, table 1
+    identity_add(identity_table_for_version(1), make_identity_record(std::move(first), "one", 0, 0, 0));
+    EXPECT_EQ(make_identity_name(second.get()), "id_RSA_1024_2");
+    add_test_identity(std::move(second), "two", "id_RSA_1024_2");
+    EXPECT_EQ(make_identity_name(identity_table_for_version(2)->identities.front()->key.get()), "id_RSA_1024_3");
+    EXPECT_EQ(make_identity_name(key_generate(KEY_ECDSA, 256).get()), "id_ECDSA_256");
+}
+
+TEST_F(IdentityTables, CountsOrderAndSweeps)
+{
+    LogCapture log;
+    IdentityTable *table = identity_table_for_version(2);
+    const int64_t now = static_cast<int64_t>(time(nullptr));
+    add_test_identity(key_generate(KEY_ECDSA, 256), "expired", "a", now - 1);
+    add_test_identity(key_generate(KEY_ECDSA, 256), "forever", "b", 0);
+    add_test_identity(make_test_certificate_key("EC"), "cert", "c", 0, 1);
+    add_test_identity(key_generate(KEY_ECDSA, 384), "later", "d", now + 3600);
+    add_test_identity(key_generate(KEY_ED25519, 0), "ends now", "e", static_cast<int64_t>(time(nullptr)));
+    EXPECT_EQ(table->nentries, 5);
+    EXPECT_EQ(table->ncerts, 1);
+
+    remove_expired_identities();
+    EXPECT_TRUE(log.contains("keyagent: Removing key: a - lifetime has expired"));
+    EXPECT_TRUE(log.contains("keyagent: Removing key: e - lifetime has expired"));
+    ASSERT_EQ(table->nentries, 3);
+    EXPECT_EQ(table->identities.front()->key->name, "b");  // insertion order kept
+    remove_temporary_identities();
+    EXPECT_TRUE(log.contains("keyagent: Removing key: c - key only temporary"));
+    EXPECT_EQ(table->nentries, 2);
+    EXPECT_EQ(table->ncerts, 0);
+    EXPECT_EQ(table->identities.back()->key->name, "d");
+
+    EXPECT_THROW(identity_table_for_version(3), FatalError);
+    EXPECT_EQ(identity_add(nullptr, nullptr), -1);
+    EXPECT_EQ(identity_remove(table, nullptr), -1);
+}
+
+// In a table large enough for lookups to compare public keys in their
+// encoded form, every kind of key is still found by an equal public copy,
+// also when one side holds its EC point compressed, and a new key is not.
+TEST_F(IdentityTables, LookupInALargeTableFindsEqualKeysOnly)
+{
+    auto compressed_copy = [](const Key *key) {
+        KeyPtr copy = key_from_private(key);
+        EVP_PKEY_set_utf8_string_param(copy->pkey.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT, "compressed");
+        return copy;
+    };
+    std::vector<KeyPtr> probes;
+    for (int i = 0; i < 4; ++i)
+        for (auto [type, bits] : {std::pair{KEY_RSA, 1024u}, {KEY_DSA, 1024u}, {KEY_ECDSA, 256u}, {KEY_ECDSA, 384u},
+                                  {KEY_ED25519, 256u}}) {
+            KeyPtr key = key_generate(type, bits);
+            probes.push_back(key_from_private(key.get()));
+            if (i == 3 && type == KEY_ECDSA)  // held compressed in the table
+                key = compressed_copy(key.get());
+            add_test_identity(std::move(key), "c", ("k" + std::to_string(probes.size())).c_str());
+        }
+    add_test_identity(make_test_certificate_key("EC"), "cert", "cert");
+    ASSERT_GE(identity_table_for_version(2)->nentries, 16);
+
+    auto it = identity_table_for_version(2)->identities.begin();
+    for (const KeyPtr &probe : probes) {
+        SCOPED_TRACE((*it)->key->name);
+        EXPECT_EQ(lookup_identity(probe.get(), 2), it->get());
+        if (probe->type == KEY_ECDSA) {
+            EXPECT_EQ(lookup_identity(compressed_copy(probe.get()).get(), 2), it->get());
+        }
+        ++it;
+    }
+    for (auto [type, bits] : {std::pair{KEY_RSA, 1024u}, {KEY_ECDSA, 256u}, {KEY_ED25519, 256u}})
+        EXPECT_EQ(lookup_identity(key_generate(type, bits).get(), 2), nullptr);
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "crypto/signature_check.h"
 #include "keys/key_blob.h"
 #include "support/agent_state.h"
 #include "support/dispatch_helper.h"
@@ -8,51 +9,39 @@
 
 namespace {
 
-struct ListEntry {
-    std::string blob_name;
-    std::string comment;
-    std::string key_name;  // local lists only
-};
+using Names = std::vector<std::string>;
 
-// Sends a list request on `connection` and parses the entries.
-std::vector<ListEntry> list(const char *body_hex, uint64_t connection = 1, bool local = false,
-                            uint8_t *code = nullptr)
+// The entries of a list reply on `connection`: each offered name (a remote
+// entry's comment begins with it; a plain certificate blob has no name of
+// its own), or for the vendor's local list "blob name|comment|key name".
+Names list(const char *body_hex, uint64_t connection = 1, uint8_t code = 12)
 {
     ReplyReader reply(dispatch_bytes(request_hex(body_hex), connection).reply);
-    Buffer &b = reply.b;
-    if (code)
-        *code = reply.code;
-    uint32_t count = buffer_get_int(&b);
-    std::vector<ListEntry> entries;
-    for (uint32_t i = 0; i < count; ++i) {
+    EXPECT_EQ(reply.code, code);
+    Names entries(reply.code == code ? buffer_get_int(&reply.b) : 0);
+    for (std::string &entry : entries) {
         uint32_t len = 0;
-        SecureBytes blob = buffer_get_string(&b, &len);
-        ListEntry e;
-        e.blob_name = key_blob_name(blob.data(), len);
-        e.comment = buffer_get_string_text(&b);
-        if (local) {
-            e.key_name = buffer_get_string_text(&b);
-            if (e.blob_name.rfind("x509v3", 0) == 0 || e.blob_name.empty())
-                buffer_get_int(&b);
-        }
-        entries.push_back(e);
+        SecureBytes blob = buffer_get_string(&reply.b, &len);
+        entry = buffer_get_string_text(&reply.b);
+        if (std::string(body_hex) == "9b")
+            entry = key_blob_name(blob.data(), len) + "|" + entry + "|" + buffer_get_string_text(&reply.b);
+        else
+            entry = entry.substr(0, entry.find(" - "));
     }
-    EXPECT_EQ(buffer_len(&b), 0u) << "the count must match the entries";
+    EXPECT_EQ(buffer_len(&reply.b), 0u) << "the count must match the entries";
     return entries;
 }
 
-// The offered names: a remote entry's comment begins with it (a plain
-// certificate blob is DER alone and has no name of its own).
-std::vector<std::string> names(const std::vector<ListEntry> &entries)
+// The entries for a server that sent a vendor forwarding notice with
+// enumeration setting `setting` on its own connection.
+Names list_for_server(uint32_t setting, uint32_t enum_mode)
 {
-    std::vector<std::string> out;
-    for (const auto &e : entries)
-        out.push_back(e.key_name.empty() ? e.comment.substr(0, e.comment.find(" - ")) : e.blob_name);
-    return out;
+    dispatch_bytes(vendor_notice("host", setting), 7);
+    agent_enum_set(enum_mode);
+    Names names = list("0b", 7);
+    forwarding_notice_connection_closed(7);
+    return names;
 }
-
-// A vendor forwarding notice with enumeration setting `setting` on `connection`.
-void notice_on(uint64_t connection, uint32_t setting) { dispatch_bytes(vendor_notice("host", setting), connection); }
 
 using IdentityListing = UnlockedAgentTest;
 
@@ -62,104 +51,194 @@ TEST_F(IdentityListing, RsaEntriesFollowTheServerKind)
 {
     LogCapture log;
     add_test_identity(key_generate(KEY_RSA, 2048), "laptop key", "id_RSA_2048");
-
-    std::vector<ListEntry> plain = list("0b", 1);
-    EXPECT_EQ(names(plain), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
-    EXPECT_EQ(plain[0].comment, "rsa-sha2-256 - laptop key");
+    EXPECT_EQ(list("0b"), (Names{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
     EXPECT_TRUE(log.contains("keyagent: Identity list request (remote) : returned 3 key/certs(s)"));
-
-    notice_on(2, 0x100);
-    EXPECT_EQ(names(list("0b", 2)), (std::vector<std::string>{"rsa-sha2-256", SSH_RSA_SHA256_VENDOR_ALIAS,
-                                                               "rsa-sha2-512", "ssh-rsa"}));
-    notice_on(3, 0x400);
-    EXPECT_EQ(names(list("0b", 3)), (std::vector<std::string>{"ssh-rsa"}));
-    forwarding_notice_connection_closed(2);
-    forwarding_notice_connection_closed(3);
-
+    EXPECT_TRUE(log.contains("Added key rsa-sha2-256 - id_RSA_2048 (type 1) to message for host/server."));
+    EXPECT_EQ(list_for_server(0x100, AGENT_ENUM_INITIAL),
+              (Names{"rsa-sha2-256", SSH_RSA_SHA256_VENDOR_ALIAS, "rsa-sha2-512", "ssh-rsa"}));
+    EXPECT_EQ(list_for_server(0x400, AGENT_ENUM_INITIAL), (Names{"ssh-rsa"}));
     // The vendor's own list: one entry with comment and key name apart.
-    std::vector<ListEntry> local = list("9b", 1, true);
-    ASSERT_EQ(local.size(), 1u);
-    EXPECT_EQ(local[0].blob_name, "ssh-rsa");
-    EXPECT_EQ(local[0].comment, "laptop key");
-    EXPECT_EQ(local[0].key_name, "id_RSA_2048");
-
+    EXPECT_EQ(list("9b"), (Names{"ssh-rsa|laptop key|id_RSA_2048"}));
     // Version 2 numbering answers 104; protocol 1 lists are empty.
-    uint8_t code = 0;
-    list("cc", 1, false, &code);
-    EXPECT_EQ(code, 104);
-    EXPECT_TRUE(list("01", 1, false, &code).empty());
-    EXPECT_EQ(code, 2);
+    EXPECT_EQ(list("cc", 1, 104).size(), 3u);
+    EXPECT_TRUE(list("01", 1, 2).empty());
 }
 
 TEST_F(IdentityListing, Sha1OnlyAndFipsFiltering)
 {
     LogCapture log;
-    add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "r");
+    add_test_identity(key_generate(KEY_RSA, 1024), "rsa", "r");
     add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
     add_test_identity(key_generate(KEY_ED25519, 0), "ed", "d");
-    EXPECT_EQ(names(list("0b")).back(), "ssh-ed25519");
-
+    EXPECT_EQ(list("0b").back(), "ssh-ed25519");
+    const Names local = {"ssh-rsa|rsa|r", "ecdsa-sha2-nistp256|ec|e", "ssh-ed25519|ed|d"};
     set_use_only_sha1(1);
-    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"ssh-rsa"}));
-    EXPECT_EQ(names(list("9b", 1, true)), (std::vector<std::string>{"ssh-rsa", "ecdsa-sha2-nistp256", "ssh-ed25519"}));
+    EXPECT_EQ(list("0b"), (Names{"ssh-rsa"}));
+    EXPECT_EQ(list("9b"), local);
     set_use_only_sha1(0);
 
     set_environment("TARNWELL_FIPS", "1");
-    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ecdsa-sha2-nistp256"}));
+    EXPECT_EQ(list("0b"), (Names{"rsa-sha2-256", "rsa-sha2-512", "ecdsa-sha2-nistp256"}));
     EXPECT_TRUE(log.contains("Not listing ssh-rsa, MD5 and SHA1 signatures not allowed in FIPS mode."));
-    // This library's FIPS implementation has no Ed25519: it is left out.
+    // This library's FIPS implementation has no Ed25519: it is left out. A
+    // local list still offers ssh-rsa.
     EXPECT_TRUE(log.contains("Not listing ssh-ed25519, Ed25519 signatures not allowed in FIPS mode."));
-    // A local list still offers ssh-rsa.
-    EXPECT_EQ(names(list("9b", 1, true)), (std::vector<std::string>{"ssh-rsa", "ecdsa-sha2-nistp256"}));
+    EXPECT_EQ(list("9b"), (Names{local[0], local[1]}));
 
     // A module whose FIPS implementation provides Ed25519 lists it.
     CryptoApi api = *crypto_module_get();
     api.fips_provides_signature = [](const char *name) { return std::string(name) == "ED25519" ? 1 : 0; };
     crypto_module_replace_api(&api);
-    EXPECT_EQ(names(list("0b")).back(), "ssh-ed25519");
+    EXPECT_EQ(list("0b").back(), "ssh-ed25519");
 }
 
-TEST_F(IdentityListing, CertificatesFollowTheEnumerationMode)
-{
-    add_test_identity(make_test_certificate_key("RSA", 1024), "cert", "c");
-
-    agent_enum_set(0x13);  // both, certificates first
-    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"x509v3-ssh-rsa", "x509v3-sign-rsa", "rsa-sha2-256",
-                                                            "rsa-sha2-512", "ssh-rsa"}));
-    agent_enum_set(0x01);  // certificates as certificates; 1024 bits: no rsa2048
-    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"x509v3-ssh-rsa", "x509v3-sign-rsa"}));
-    agent_enum_set(0x02);  // as keys only
-    EXPECT_EQ(names(list("0b")), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
-    agent_enum_set(0x23);  // keys first; an OpenSSH server gets no certificates
-    notice_on(5, 0x200);
-    agent_enum_set(0x23);
-    EXPECT_EQ(names(list("0b", 5)), (std::vector<std::string>{"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"}));
-    notice_on(6, 0x400);  // SunSSH: neither certificates nor ECDSA keys
-    agent_enum_set(0x13);
-    EXPECT_EQ(names(list("0b", 6)), (std::vector<std::string>{"ssh-rsa"}));
-    forwarding_notice_connection_closed(5);
-    forwarding_notice_connection_closed(6);
-
-    // From 2048 bits on, the SHA-256 certificate form comes first.
-    add_test_identity(make_test_certificate_key("RSA", 2048), "big", "b");
-    agent_enum_set(0x01);
-    std::vector<std::string> both = names(list("0b"));
-    ASSERT_EQ(both.size(), 5u);
-    EXPECT_EQ(both[2], "x509v3-rsa2048-sha256");
-}
-
-// Servers that take plain certificates only: PKIX gets the ECDSA one as
-// plain DER, OpenVMS none; both get RSA as x509v3-sign-rsa alone.
-TEST_F(IdentityListing, PlainCertificatesForPkixAndOpenVms)
+TEST_F(IdentityListing, CertificatesFollowTheEnumerationModeAndTheServer)
 {
     add_test_identity(make_test_certificate_key("RSA", 1024), "rsa", "r");
+    const Names as_keys = {"rsa-sha2-256", "rsa-sha2-512", "ssh-rsa"};
+    agent_enum_set(0x13);  // both, certificates first
+    EXPECT_EQ(list("0b"), (Names{"x509v3-ssh-rsa", "x509v3-sign-rsa", as_keys[0], as_keys[1], as_keys[2]}));
+    agent_enum_set(0x01);  // certificates as certificates; 1024 bits: no rsa2048
+    EXPECT_EQ(list("0b"), (Names{"x509v3-ssh-rsa", "x509v3-sign-rsa"}));
+    agent_enum_set(0x02);  // as keys only
+    EXPECT_EQ(list("0b"), as_keys);
+    // Keys first; an OpenSSH server gets no certificates, SunSSH neither
+    // certificates nor ECDSA keys.
+    EXPECT_EQ(list_for_server(0x200, 0x23), as_keys);
+    EXPECT_EQ(list_for_server(0x400, 0x13), (Names{"ssh-rsa"}));
+
+    // Servers that take plain certificates only: PKIX gets the ECDSA one as
+    // plain DER, OpenVMS none; both get RSA as x509v3-sign-rsa alone.
     add_test_identity(make_test_certificate_key("EC"), "ec", "e");
-    using Names = std::vector<std::string>;
-    for (auto [setting, expected] : {std::pair{0x300u, Names{"x509v3-sign-rsa", "x509v3-ecdsa-sha2-nistp256"}},
-                                     {0x500u, Names{"x509v3-sign-rsa"}}}) {
-        notice_on(7, setting);
-        agent_enum_set(0x01);
-        EXPECT_EQ(names(list("0b", 7)), expected) << setting;
-        forwarding_notice_connection_closed(7);
+    EXPECT_EQ(list_for_server(0x300, 0x01), (Names{"x509v3-sign-rsa", "x509v3-ecdsa-sha2-nistp256"}));
+    EXPECT_EQ(list_for_server(0x500, 0x01), (Names{"x509v3-sign-rsa"}));
+
+    // From 2048 bits on, the SHA-256 certificate form comes first.
+    identity_tables_init();
+    add_test_identity(make_test_certificate_key("RSA", 2048), "big", "b");
+    agent_enum_set(0x01);
+    EXPECT_EQ(list("0b"), (Names{"x509v3-rsa2048-sha256", "x509v3-ssh-rsa", "x509v3-sign-rsa"}));
+}
+
+// Sign requests.
+namespace {
+
+const std::string data_to_sign = "\x01\x02\x03\x04\x05\x06\x07\x08 data to sign";
+
+// The signature blob of a reply 14, or an empty one.
+SecureBytes signature_of(const Bytes &reply)
+{
+    ReplyReader r(reply);
+    return r.code == 14 ? buffer_get_string(&r.b) : SecureBytes();
+}
+
+void expect_signs(const Bytes &request, const Identity *identity, const char *name, const char *md,
+                  const char *layout)
+{
+    SecureBytes sig = signature_of(dispatch_bytes(request).reply);
+    expect_verifies(sig, identity->key->pkey.get(), name, md, layout, text_bytes(data_to_sign));
+}
+
+using SigningRequests = UnlockedAgentTest;
+
+}  // namespace
+
+// The flags choose the RSA algorithm; other keys ignore them (every key
+// type's own signature is checked end to end with OpenSSH's tools).
+TEST_F(SigningRequests, FlagsChooseTheRsaAlgorithm)
+{
+    LogCapture log;
+    Identity *rsa = add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "id_RSA_2048");
+    Bytes blob = public_blob(rsa->key.get());
+    for (auto [flags, name, md] : {std::tuple{0u, "ssh-rsa", "SHA1"}, {1u, "ssh-rsa", "SHA1"}, {2u, "rsa-sha2-256", "SHA256"},
+                                   {4u, "rsa-sha2-512", "SHA512"}, {6u, "rsa-sha2-512", "SHA512"}})
+        expect_signs(sign_request(blob, data_to_sign, flags), rsa, name, md, "rsa");
+    EXPECT_TRUE(log.contains("keyagent: Signing using key id_RSA_2048 (as type: rsa-sha2-512,  hash: SHA512)"));
+    EXPECT_TRUE(log.contains("keyagent: Signature for key: id_RSA_2048 - forward step(s) 0"));
+    // A key blob read under "rsa-sha2-256" keeps that algorithm.
+    expect_signs(sign_request(public_blob(rsa->key.get(), "rsa-sha2-256"), data_to_sign), rsa, "rsa-sha2-256", "SHA256",
+                 "rsa");
+    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 384), "ec", "id_ECDSA_384");
+    expect_signs(sign_request(public_blob(ec->key.get()), data_to_sign, 6), ec, "ecdsa-sha2-nistp384", "SHA384", "mpint");
+
+    // An unknown key fails with the one-byte failure.
+    KeyPtr stranger = key_generate(KEY_ECDSA, 256);
+    EXPECT_EQ(dispatch_bytes(sign_request(public_blob(stranger.get()), data_to_sign)).reply, hex_bytes("00000001 05"));
+    EXPECT_TRUE(log.contains("keyagent: Key sign request failed"));
+}
+
+TEST_F(SigningRequests, VersionTwoOperations)
+{
+    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+    auto request = [&](const char *operation) {
+        return request_of(205, [&](Buffer *b) {
+            buffer_put_cstring(b, operation);
+            put_bytes(b, public_blob(ec->key.get()));
+            put_bytes(b, text_bytes(data_to_sign));
+        });
+    };
+    EXPECT_EQ(dispatch_bytes(request("decrypt")).reply, hex_bytes("00000002 66 08"));
+    ReplyReader reply(dispatch_bytes(request("ssh-hash-and-sign")).reply);
+    ASSERT_EQ(reply.code, 105);
+    // The bare signature: the mpints r and s, nothing in front.
+    SecureBytes bare = buffer_get_string(&reply.b);
+    Bytes wrapped = signature_blob("ecdsa-sha2-nistp256", Bytes(bare.begin(), bare.end()));
+    expect_verifies(SecureBytes(wrapped.begin(), wrapped.end()), ec->key->pkey.get(), "ecdsa-sha2-nistp256", "SHA256",
+                    "mpint", text_bytes(data_to_sign));
+}
+
+TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
+{
+    Identity *cert = add_test_identity(make_test_certificate_key(), "cert", "c");
+    KeyPtr plain = key_from_private(cert->key.get());
+    plain->type = KEY_RSA;
+    plain->cert.reset();
+    Bytes request = sign_request(public_blob(plain.get(), "ssh-rsa"), data_to_sign, 2);
+    for (uint32_t mode : {0x02u, 0x13u}) {
+        agent_enum_set(mode);
+        expect_signs(request, cert, "rsa-sha2-256", "SHA256", "rsa");
+        EXPECT_EQ(cert->key->type, KEY_X509_RSA);
     }
+    agent_enum_set(0x01);
+    EXPECT_EQ(dispatch_bytes(request).reply, hex_bytes("00000001 05"));
+}
+
+// With ConfirmKeyOp on, a forwarded request signs only when the user says
+// yes; local requests are never asked about.
+TEST_F(SigningRequests, ConfirmKeyOpAsksForRemoteRequestsOnly)
+{
+    LogCapture log;
+    static bool answer = false;
+    static int asked = 0;
+    ShellServices shell;
+    shell.confirm_key_operation = [](const char *) { return ++asked, answer; };
+    shell_services_set(shell);
+    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+    Bytes request = sign_request(public_blob(ec->key.get()), data_to_sign);
+    for (auto [confirm, chain, yes, signs, asks] :
+         {std::tuple{0u, 1, false, true, 0}, {1u, 0, false, true, 0}, {1u, 1, false, false, 1}, {1u, 2, true, true, 1}}) {
+        set_confirm_key_op(confirm);
+        answer = yes;
+        asked = 0;
+        EXPECT_EQ(!signature_of(dispatch_bytes(request, 1, chain).reply).empty(), signs) << confirm << chain;
+        EXPECT_EQ(asked, asks) << confirm << chain;
+    }
+    EXPECT_TRUE(log.contains("keyagent: User rejected a request from a remote server to issue a signature"));
+}
+
+// The vendor sign request carries the signature types, the enumeration
+// mode and the owner window, which stay in force afterwards.
+TEST_F(SigningRequests, VendorSignRequestSetsItsFields)
+{
+    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+    Bytes request = request_of(160, [&](Buffer *b) {
+        put_bytes(b, public_blob(ec->key.get()));
+        put_bytes(b, text_bytes(data_to_sign));
+        for (uint32_t field : {0, 2, 1, 0x23})  // flags, RSA and DSA signature types, enumeration mode
+            buffer_put_int(b, field);
+        buffer_put_int64(b, 0x1234);
+    });
+    expect_signs(request, ec, "ecdsa-sha2-nistp256", "SHA256", "mpint");
+    EXPECT_EQ(std::tuple(get_x509rsa_sigtype(), get_x509dsa_sigtype(), agent_enum_get(), agent_dialog_owner()),
+              std::tuple(2, 1, 0x23u, uint64_t{0x1234}));
 }

@@ -8,12 +8,12 @@
 
 #include <filesystem>
 #include <fstream>
-#include <cstring>
 #include <string>
 
 #if !defined(_WIN32)
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <unistd.h>
 #endif
 
@@ -32,53 +32,41 @@
 #include "support/fips_environment.h"
 #include "support/files.h"
 
-// The state folders of one test process lie in one folder named after the
-// process, removed when the process ends. A process that dies without
-// cleaning up (a crash, a killed run) leaves its folder to the next test
-// process, which removes the folders of processes that no longer run.
-class StateRoot {
-public:
-    static const std::filesystem::path &path()
-    {
-        static StateRoot root;
-        return root.path_;
-    }
-    ~StateRoot()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-
-private:
-    static constexpr const char *PREFIX = "tarnwell-state-p";
-    StateRoot()
-    {
-        std::filesystem::path temp = std::filesystem::temp_directory_path();
-        std::error_code ignored;
-#if !defined(_WIN32)
-        for (const auto &entry : std::filesystem::directory_iterator(temp, ignored)) {
-            std::string name = entry.path().filename().string();
-            if (name.rfind(PREFIX, 0) != 0 || name.size() == strlen(PREFIX) ||
-                name.find_first_not_of("0123456789", strlen(PREFIX)) != std::string::npos)
-                continue;
-            pid_t owner = static_cast<pid_t>(std::stol(name.substr(strlen(PREFIX))));
-            if (kill(owner, 0) != 0 && errno == ESRCH)
-                std::filesystem::remove_all(entry.path(), ignored);
-        }
-        path_ = temp / (PREFIX + std::to_string(getpid()));
+// The state folders of one test process lie in one folder, removed when
+// the process ends.
+inline const std::filesystem::path &state_root()
+{
+    struct Root {
+        std::filesystem::path path;
+        Root()
+        {
+#if defined(_WIN32)
+            path = fresh_temp_folder("state");
 #else
-        path_ = fresh_temp_folder("state");
+            // A test process that died without cleaning up (a crash, a killed
+            // run) left its folder: those of processes no longer running go.
+            std::filesystem::path temp = std::filesystem::temp_directory_path();
+            std::error_code ignored;
+            for (const auto &entry : std::filesystem::directory_iterator(temp, ignored)) {
+                std::string name = entry.path().filename().string();
+                if (name.rfind("tarnwell-state-p", 0) == 0 && kill(atoi(name.c_str() + 16), 0) != 0 && errno == ESRCH)
+                    std::filesystem::remove_all(entry.path(), ignored);
+            }
+            path = temp / ("tarnwell-state-p" + std::to_string(getpid()));
+            std::filesystem::create_directories(path);
 #endif
-        std::filesystem::create_directories(path_);
-    }
-    std::filesystem::path path_;
-};
+        }
+        ~Root() { remove_folder(path); }
+    };
+    static Root root;
+    return root.path;
+}
 
 class AgentStateTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        folder_ = StateRoot::path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        folder_ = state_root() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
         std::filesystem::remove_all(folder_);
         std::filesystem::create_directories(folder_);
         agent_data_folder_set(folder_.string());

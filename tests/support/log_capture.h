@@ -1,7 +1,6 @@
 // Collects the logger's finished lines for assertions.
 #pragma once
 
-#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -10,10 +9,7 @@
 
 class LogCapture {
 public:
-    explicit LogCapture(int level = SYSLOG_LEVEL_DEBUG3)
-    {
-        log_init("test", level, 1, &LogCapture::collect, this);
-    }
+    explicit LogCapture(int level = SYSLOG_LEVEL_DEBUG3) { log_init("test", level, 1, &LogCapture::collect, this); }
     ~LogCapture() { log_set_callback(nullptr, nullptr); }
 
     std::vector<std::string> lines()
@@ -21,11 +17,7 @@ public:
         std::lock_guard<std::mutex> guard(lock_);
         return lines_;
     }
-    bool contains(const std::string &text)
-    {
-        auto all = lines();
-        return std::any_of(all.begin(), all.end(), [&](const std::string &l) { return l.find(text) != std::string::npos; });
-    }
+    bool contains(const std::string &text) { return index_of(text) >= 0; }
     // Index of the first line holding `text`, or -1.
     int index_of(const std::string &text)
     {
