@@ -152,6 +152,26 @@ TEST_F(KeyStore, EncryptionFollowsThePassphraseAndIsNotRepeated)
     EXPECT_EQ(file_text(KEY_STORE_PUBLIC_FILE), pub);
 }
 
+// The key store is encrypted under the agent passphrase, so a passphrase
+// longer than the key reader takes is refused before anything is stored.
+TEST_F(KeyStore, LongestPassphraseStoresKeysThatLoadBack)
+{
+    LogCapture log;
+    std::string longest(PRIVATE_KEY_PEM_PASSWORD_MAX, 'p');
+    for (const std::string &too_long : {longest + "p", longest + longest}) {
+        EXPECT_EQ(set_agent_passphrase(too_long.c_str(), 0), 0);
+        EXPECT_FALSE(agent_passphrase_is_set() || agent_passphrase_held());
+    }
+    EXPECT_TRUE(log.contains("it is longer than 1024 bytes"));
+    ASSERT_EQ(set_agent_passphrase(longest.c_str(), 0), 1);
+    add_test_identity(copy_key(1), "ec", "ec");
+    save_key_store();
+    EXPECT_EQ(restart_and_load(), (Lines{"ec|ec|private"}));
+    EXPECT_EQ(change_agent_passphrase(longest.c_str(), (longest + "p").c_str(), 0), 0);
+    EXPECT_TRUE(log.contains("Change passphrase failed: this passphrase cannot be stored: it is longer"));
+    EXPECT_EQ(restart_and_load(), (Lines{"ec|ec|private"}));
+}
+
 TEST_F(KeyStore, CommentsFollowPositionAndMissingFilesKeepWhatIsKnown)
 {
     LogCapture log(SYSLOG_LEVEL_DEBUG1);
