@@ -44,6 +44,17 @@ inline void press(HWND dialog, int control) { SendDlgItemMessageW(dialog, contro
 
 inline std::wstring control_text(HWND dialog, int control) { return window_title(GetDlgItem(dialog, control)); }
 
+// Waits for the dialog titled `title`, fills `fields` and presses `button`.
+inline void answer_dialog(const std::wstring &title, std::initializer_list<std::pair<int, const wchar_t *>> fields,
+                          int button = IDOK)
+{
+    HWND dialog = wait_for_dialog(title);
+    ASSERT_NE(dialog, nullptr) << "no dialog " << wide_to_utf8(title.c_str(), title.size());
+    for (const auto &field : fields)
+        type_into(dialog, field.first, field.second);
+    press(dialog, button);
+}
+
 // Every static text of a message box, one after the other.
 inline std::wstring static_texts(HWND box)
 {

@@ -76,18 +76,10 @@ protected:
     std::string page_;
 };
 
-// The tray's topic opens the page, which explains every setting that the
+// The string table holds the program texts and the icons are there; the
+// tray's topic opens the page, which explains every setting that the
 // manager shows.
-TEST_F(Dialogs, HelpTopicOpensThePageBesideThePrograms)
-{
-    EXPECT_TRUE(open_help_topic(HELP_TOPIC_MANAGER));
-    EXPECT_TRUE(page_opened());
-    for (const char *name :
-         {"ConfirmKeyOp", "AllowAdd", "AllowDelete", "UseOnlySha1", "CreateLog", "AutoLock", "AutoLockMinutes"})
-        EXPECT_NE(page_.find(std::string("<code>") + name + "</code>"), std::string::npos) << name;
-}
-
-TEST_F(Dialogs, StringTableHoldsTheProgramTexts)
+TEST_F(Dialogs, ResourcesAndTheHelpPageBesideThePrograms)
 {
     for (int id : {TEXT_APPLICATION_TITLE, TEXT_CONFIRM_KEY_OPERATION, TEXT_FATAL_ERROR, TEXT_PASSPHRASES_DIFFER}) {
         const wchar_t *loaded = nullptr;
@@ -96,6 +88,11 @@ TEST_F(Dialogs, StringTableHoldsTheProgramTexts)
     }
     for (int icon : {101, 234, 235})
         EXPECT_NE(FindResourceW(resource_library(), MAKEINTRESOURCEW(icon), MAKEINTRESOURCEW(14)), nullptr) << icon;
+    EXPECT_TRUE(open_help_topic(HELP_TOPIC_MANAGER));
+    EXPECT_TRUE(page_opened());
+    for (const char *name :
+         {"ConfirmKeyOp", "AllowAdd", "AllowDelete", "UseOnlySha1", "CreateLog", "AutoLock", "AutoLockMinutes"})
+        EXPECT_NE(page_.find(std::string("<code>") + name + "</code>"), std::string::npos) << name;
 }
 
 // What the user does in each dialog, and what the asking code gets back.

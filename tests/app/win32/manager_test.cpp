@@ -15,17 +15,6 @@ AgentSettings settings_file(const WindowsAgent &agent)
     return parse_agent_settings(reinterpret_cast<const uint8_t *>(text.data()), text.size());
 }
 
-// Waits for the dialog titled `title`, fills `fields` and presses `button`.
-void answer_dialog(const std::wstring &title, std::initializer_list<std::pair<int, const wchar_t *>> fields,
-                   int button = IDOK)
-{
-    HWND dialog = wait_for_dialog(title);
-    ASSERT_NE(dialog, nullptr) << "no dialog " << wide_to_utf8(title.c_str(), title.size());
-    for (const auto &field : fields)
-        type_into(dialog, field.first, field.second);
-    press(dialog, button);
-}
-
 }  // namespace
 
 TEST(ManagerWindow, EveryActionReachesTheAgent)

@@ -39,12 +39,7 @@ TEST(TagentExe, AddsListsSignsAndRemovesAKeyThatSurvivesARestart)
     ASSERT_EQ(agent.tagent(unlock).status, 0);
     std::string key_file = agent.path("id_shared.pem");
     PkeyPtr key(write_pem_key(key_file, "RSA", "key password"));
-    std::thread user([] {
-        HWND dialog = wait_for_dialog(L"Key Passphrase");
-        ASSERT_NE(dialog, nullptr);
-        type_into(dialog, 126, L"key password");
-        press(dialog, IDOK);
-    });
+    std::thread user([] { answer_dialog(L"Key Passphrase", {{126, L"key password"}}); });
     ToolResult added = agent.tagent("add \"" + key_file + "\"");
     user.join();
     EXPECT_EQ(added.status, 0) << added.out;

@@ -181,10 +181,7 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
     // A wrong passphrase is reported by message 123; the agent stays locked.
     for (const wchar_t *passphrase : {L"wrong", L"secret"}) {
         PostMessageW(window, WM_COMMAND, MENU_UNLOCK, 0);
-        HWND dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
-        ASSERT_NE(dialog, nullptr);
-        type_into(dialog, 126, passphrase);
-        press(dialog, IDOK);
+        answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, passphrase}});
         bool right = passphrase[0] == L's';
         if (!right) {
             HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
