@@ -94,10 +94,11 @@ TEST(TagentExe, RemoteSignAsksTheUserWhenConfirmKeyOpIsOn)
     for (bool openssh : {false, true}) {
         for (int button : {IDYES, IDNO}) {
             SCOPED_TRACE(testing::Message() << (openssh ? "OpenSSH pipe " : "own pipe ") << button);
-            std::thread user([button] {
+            std::thread user([&, button] {
                 HWND box = wait_for_dialog(utf8_to_wide(program_text(TEXT_APPLICATION_TITLE)));
                 ASSERT_NE(box, nullptr);
-                EXPECT_NE(static_texts(box).find(L"id_ecdsa"), std::wstring::npos) << "the key is named";
+                EXPECT_NE(static_texts(box).find(L"'" + utf8_to_wide(key_file) + L"'."), std::wstring::npos)
+                    << "the key is named";
                 press(box, button);
             });
             WinHandle pipe = openssh ? openssh_pipe_open() : agent_pipe_open(window);
