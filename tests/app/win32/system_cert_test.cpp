@@ -192,7 +192,7 @@ void expect_signs(HANDLE pipe, std::map<std::string, Bytes> &all, const std::str
 }  // namespace
 
 // A root in the user's "CA" store and leaves issued by it in "MY": Alice
-// (RSA, by PKCS#12), Bob (RSA) and a DSA one, and the root without a key.
+// (RSA, by PKCS#12), Bob (RSA), a DSA one and one without a key.
 TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
 {
     cert_key_layer_install();
@@ -203,7 +203,9 @@ TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
     X509Ptr alice_cert = make_certificate("capi-alice", alice_key.get(), root.get(), root_key.get());
     X509Ptr bob_cert = make_certificate("capi-bob", bob_key.get(), root.get(), root_key.get());
     X509Ptr dsa_cert = make_certificate("capi-dsa", dsa_key->pkey.get(), root.get(), root_key.get());
-    StoredCertificate ca(L"CA", root.get(), nullptr, KeyImport::none), keyless(L"MY", root.get(), nullptr, KeyImport::none),
+    X509Ptr keyless_cert = make_certificate("capi-keyless", bob_key.get(), root.get(), root_key.get());
+    StoredCertificate ca(L"CA", root.get(), nullptr, KeyImport::none),
+        keyless(L"MY", keyless_cert.get(), nullptr, KeyImport::none),
         alice(L"MY", alice_cert.get(), alice_key.get(), KeyImport::pkcs12),
         dsa(L"MY", dsa_cert.get(), dsa_key->pkey.get(), KeyImport::container);
     auto bob = std::make_unique<StoredCertificate>(L"MY", bob_cert.get(), bob_key.get(), KeyImport::container);
@@ -258,7 +260,7 @@ TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
     WinHandle pipe = agent_pipe_open(window);
     EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(alice_cert.get())), "alice by hash"), SSH_AGENT_SUCCESS);
     EXPECT_EQ(add_certificate(pipe.get(), "capi-bob", "bob by name"), SSH_AGENT_SUCCESS);
-    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "Capi Test Root"}) {
+    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "capi-keyless"}) {
         EXPECT_EQ(add_certificate(pipe.get(), identifier, "nothing"), SSH_AGENT_FAILURE);
         EXPECT_TRUE(agent.logged("system store: no certificate with a private key matches \"" + identifier + "\""));
     }
