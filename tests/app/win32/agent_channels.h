@@ -1,32 +1,24 @@
 // Clients of the agent's three ways in (its own pipe, the OpenSSH agent pipe
-// and the Pageant window), a key to sign with, and ssh2 under Windows Node.js.
+// and the Pageant window), and ssh2 under Windows Node.js.
 #pragma once
 
 #include <windows.h>
 #include <aclapi.h>
 #include <sddl.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cstring>
-#include <filesystem>
-#include <string>
+#include <map>
 
 #include "app/win32/agent_client_access.h"
 #include "app/win32/openssh_pipe.h"
 #include "app/win32/pageant_window.h"
 #include "app/win32/user_security.h"
-#include "crypto/ecdsa_signature.h"
-#include "keys/key.h"
-#include "keys/key_blob.h"
-#include "keys/private_key_material.h"
-#include "support/bytes.h"
-#include "support/files.h"
+#include "support/requests.h"
 #include "win32/windows_agent.h"
 
-constexpr uint8_t FAILURE = 5, AGENT_SUCCESS = 6, REQUEST_IDENTITIES = 11, IDENTITIES_ANSWER = 12,
-                  SIGN_REQUEST = 13, SIGN_RESPONSE = 14, ADD_IDENTITY = 17;
+constexpr uint8_t FAILURE = 5, REQUEST_IDENTITIES = 11, IDENTITIES_ANSWER = 12, SIGN_REQUEST = 13, SIGN_RESPONSE = 14;
+const Bytes LIST_REQUEST = frame({REQUEST_IDENTITIES});
 
 // A reply's message number, or -1 for none.
 inline int reply_type(const Bytes &reply) { return reply.empty() ? -1 : reply[0]; }
@@ -67,141 +59,90 @@ inline Bytes read_reply(HANDLE pipe)
     return !body.empty() && read_exactly(body.data(), body.size()) ? body : Bytes();
 }
 
-// A mapping in the Pageant client's way, owned by `owner`: the request is
-// written into it, its name sent, and the reply read back. The SendMessage
-// result; `reply` gets the framed reply's body when it is nonzero.
-inline LRESULT pageant_call(const Bytes &request, PSID owner, Bytes *reply, DWORD mapping_size = 8192)
+// A framed request on a pipe and its reply's body; empty on failure.
+inline Bytes call(HANDLE pipe, const Bytes &request)
+{
+    Buffer body, reply;
+    buffer_append(&body, request.data() + 4, static_cast<uint32_t>(request.size() - 4));
+    return agent_pipe_call(pipe, body, &reply) ? buffer_bytes(reply) : Bytes();
+}
+
+inline bool lists(HANDLE pipe) { return reply_type(call(pipe, LIST_REQUEST)) == IDENTITIES_ANSWER; }
+
+// The agent's identities: each key blob by its comment.
+inline std::map<std::string, Bytes> identities(HANDLE pipe)
+{
+    Bytes answer = call(pipe, LIST_REQUEST);
+    EXPECT_EQ(reply_type(answer), IDENTITIES_ANSWER);
+    Buffer in;
+    buffer_append(&in, answer.data(), static_cast<uint32_t>(answer.size()));
+    std::map<std::string, Bytes> all;
+    buffer_get_char(&in);
+    for (uint32_t n = answer.empty() ? 0 : buffer_get_int(&in); n > 0; --n) {
+        SecureBytes blob = buffer_get_string(&in);
+        all[buffer_get_string_text(&in)] = Bytes(blob.begin(), blob.end());
+    }
+    return all;
+}
+
+// The signature blob of a sign reply; empty for any other reply.
+inline SecureBytes signature_of(const Bytes &reply)
+{
+    if (reply_type(reply) != SIGN_RESPONSE)
+        return {};
+    Buffer in;
+    buffer_append(&in, reply.data() + 1, static_cast<uint32_t>(reply.size() - 1));
+    return buffer_get_string(&in);
+}
+
+// A mapping in the Pageant client's way, owned by `owner` (the user when
+// null): the framed request is written into it, its name sent, and the
+// reply read back. The SendMessage result; `reply` gets the framed reply's
+// body when it is nonzero.
+inline LRESULT pageant_call(const Bytes &request, Bytes *reply, PSID owner = nullptr, DWORD mapping_size = 8192)
 {
     static std::atomic<unsigned> serial{0};
+    std::vector<BYTE> user = current_user_sid();
     SECURITY_DESCRIPTOR descriptor;
     InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
-    SetSecurityDescriptorOwner(&descriptor, owner, FALSE);
+    SetSecurityDescriptorOwner(&descriptor, owner ? owner : user.data(), FALSE);
     SECURITY_ATTRIBUTES attributes = {sizeof attributes, &descriptor, FALSE};
     std::string name = "PageantRequest" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(serial++);
     WinHandle mapping(CreateFileMappingA(INVALID_HANDLE_VALUE, &attributes, PAGE_READWRITE, 0, mapping_size,
                                          name.c_str()));
-    if (!mapping) {
-        ADD_FAILURE() << "CreateFileMapping failed with Windows error " << GetLastError();
+    auto *view = mapping ? static_cast<uint8_t *>(MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0, 0)) : nullptr;
+    if (!view) {
+        ADD_FAILURE() << "no mapping: Windows error " << GetLastError();
         return 0;
     }
-    auto *view = static_cast<uint8_t *>(MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0, 0));
-    if (!view)
-        return 0;
     memcpy(view, request.data(), std::min<size_t>(request.size(), mapping_size));
     COPYDATASTRUCT data = {PAGEANT_COPYDATA_ID, static_cast<DWORD>(name.size() + 1), name.data()};
     HWND window = FindWindowW(PAGEANT_WINDOW_CLASS, PAGEANT_WINDOW_TITLE);
     EXPECT_NE(window, nullptr) << "no Pageant window";
     LRESULT result = window ? SendMessageW(window, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data)) : 0;
-    if (result && reply) {
-        uint32_t length = std::min<uint32_t>(get_u32(view), mapping_size - 4);
-        reply->assign(view + 4, view + 4 + length);
-    }
+    if (result && reply)
+        reply->assign(view + 4, view + 4 + std::min<uint32_t>(get_u32(view), mapping_size - 4));
     UnmapViewOfFile(view);
     return result;
 }
 
-inline LRESULT pageant_call(const Bytes &request, Bytes *reply)
-{
-    std::vector<BYTE> user = current_user_sid();
-    return pageant_call(request, user.data(), reply);
-}
-
-// An ECDSA P-256 key held by the test: its add request, sign requests and a
-// check of the signatures with OpenSSL.
-struct TestKey {
-    KeyPtr key = key_generate(KEY_ECDSA, 256);
-    Bytes blob;
-
-    TestKey()
-    {
-        SecureBytes bytes;
-        uint32_t length = 0;
-        key_to_blob(key.get(), &bytes, &length, "ecdsa-sha2-nistp256");
-        blob.assign(bytes.begin(), bytes.begin() + length);
-    }
-
-    Bytes add_body() const
-    {
-        Buffer b;
-        buffer_put_char(&b, ADD_IDENTITY);
-        private_key_put_agent_fields(key->pkey.get(), &b);
-        buffer_put_cstring(&b, "test key");
-        return buffer_bytes(b);
-    }
-
-    Bytes sign_body(const Bytes &data) const
-    {
-        Buffer b;
-        buffer_put_char(&b, SIGN_REQUEST);
-        buffer_put_string(&b, blob.data(), static_cast<uint32_t>(blob.size()));
-        buffer_put_string(&b, data.data(), static_cast<uint32_t>(data.size()));
-        buffer_put_int(&b, 0);
-        return buffer_bytes(b);
-    }
-
-    // A sign reply's body (14, string signature blob) verifies over `data`.
-    bool verifies(const Bytes &reply, const Bytes &data) const
-    {
-        if (reply_type(reply) != SIGN_RESPONSE)
-            return false;
-        Buffer in;
-        buffer_append(&in, reply.data() + 1, static_cast<uint32_t>(reply.size() - 1));
-        SecureBytes signature = buffer_get_string(&in);
-        return ssh_ecdsa_verify(key.get(), signature.data(), signature.size(), data.data(), data.size(), 0) == 1;
-    }
-};
-
-// One framed request on a pipe and its reply's body; empty on failure.
-inline Bytes pipe_call(HANDLE pipe, const Bytes &body)
-{
-    Buffer request, reply;
-    buffer_append(&request, body.data(), static_cast<uint32_t>(body.size()));
-    if (!agent_pipe_call(pipe, request, &reply))
-        return {};
-    return buffer_bytes(reply);
-}
-
-inline bool lists(HANDLE pipe)
-{
-    Buffer body, reply;
-    buffer_put_char(&body, REQUEST_IDENTITIES);
-    return agent_pipe_request(pipe, body, IDENTITIES_ANSWER, &reply);
-}
-
-// A pipe's access list as SDDL, and the one it must be: generic-all for
-// the user alone. Wine keeps the list without enforcing it.
-inline std::wstring access_list(HANDLE pipe)
+// A pipe's access list is generic-all for the user alone. Wine keeps the
+// list without enforcing it.
+inline void expect_user_only(HANDLE pipe)
 {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     PACL dacl = nullptr;
-    LPWSTR sddl = nullptr;
-    std::wstring text;
-    if (GetSecurityInfo(pipe, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
-                        &descriptor) == ERROR_SUCCESS &&
-        ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                             &sddl, nullptr))
-        text = sddl;
+    LPWSTR sddl = nullptr, sid = nullptr;
+    std::vector<BYTE> user = current_user_sid();
+    ConvertSidToStringSidW(user.data(), &sid);
+    ASSERT_EQ(GetSecurityInfo(pipe, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                              &descriptor), ERROR_SUCCESS);
+    ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                         &sddl, nullptr);
+    EXPECT_EQ(std::wstring(sddl ? sddl : L""), L"D:(A;;GA;;;" + std::wstring(sid ? sid : L"") + L")");
     LocalFree(sddl);
+    LocalFree(sid);
     LocalFree(descriptor);
-    return text;
-}
-inline std::wstring user_only_access_list()
-{
-    std::vector<BYTE> sid = current_user_sid();
-    LPWSTR sid_text = nullptr;
-    ConvertSidToStringSidW(sid.data(), &sid_text);
-    std::wstring text = L"D:(A;;GA;;;" + std::wstring(sid_text ? sid_text : L"") + L")";
-    LocalFree(sid_text);
-    return text;
-}
-
-// The Windows path of a path on this machine: Wine shows / as drive Z:.
-inline std::wstring wine_path(std::string path)
-{
-    for (char &c : path)
-        if (c == '/')
-            c = '\\';
-    return utf8_to_wide("Z:" + path);
 }
 
 // The ssh2 client script run by the Windows build of Node.js; its output
@@ -212,15 +153,17 @@ public:
     {
         static std::atomic<unsigned> serial{0};
         output_ = folder / ("node-" + std::to_string(serial++) + ".txt");
-        std::wstring clients = wine_path(TARNWELL_WINDOWS_NODE_CLIENTS);
+        // Wine shows / as drive Z:.
+        std::wstring clients = L"Z:" + std::filesystem::path(TARNWELL_WINDOWS_NODE_CLIENTS).make_preferred().wstring();
         std::wstring node = clients + L"\\node\\bin\\node.exe";
         if (GetFileAttributesW(node.c_str()) == INVALID_FILE_ATTRIBUTES) {
             ADD_FAILURE() << "no Windows Node.js: run scripts/install-windows-node-clients";
             return;
         }
         SetEnvironmentVariableW(L"NODE_PATH", (clients + L"\\node_modules").c_str());
-        std::wstring script = wine_path(TARNWELL_SOURCE_DIR "/tests/app/win32/ssh2_agent_client.js");
-        process_ = start_process(node, L"node.exe \"" + script + L"\" " + utf8_to_wide(arguments), output_);
+        std::wstring script =
+            std::filesystem::path(TARNWELL_SOURCE_DIR "/tests/app/win32/ssh2_agent_client.js").make_preferred();
+        process_ = start_process(node, L"node.exe \"Z:" + script + L"\" " + utf8_to_wide(arguments), output_);
     }
     ~NodeClient()
     {

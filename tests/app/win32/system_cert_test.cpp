@@ -6,25 +6,20 @@
 #include <windows.h>
 #include <wincrypt.h>
 
-#include <gtest/gtest.h>
-
-#include <map>
 #include <set>
 
 #include <openssl/pkcs12.h>
 #include <openssl/x509v3.h>
 
 #include "agent/protocol.h"
-#include "app/win32/agent_client_access.h"
 #include "app/win32/system_cert_provider.h"
 #include "app/win32/system_cert_store.h"
+#include "crypto/signature_check.h"
 #include "crypto/signature_types.h"
 #include "keys/signature_algorithm.h"
 #include "pki/cert_key_layer.h"
-#include "crypto/signature_check.h"
 #include "pki/key_signer.h"
-#include "support/requests.h"
-#include "win32/windows_agent.h"
+#include "win32/agent_channels.h"
 
 namespace {
 
@@ -46,20 +41,17 @@ X509Ptr make_certificate(const char *cn, EVP_PKEY *key, X509 *issuer, EVP_PKEY *
 
 std::vector<uint8_t> sha1_bytes(X509 *cert)
 {
-    uint8_t digest[EVP_MAX_MD_SIZE];
-    unsigned len = 0;
-    X509_digest(cert, EVP_sha1(), digest, &len);
-    return {digest, digest + len};
+    std::vector<uint8_t> digest(20);
+    X509_digest(cert, EVP_sha1(), digest.data(), nullptr);
+    return digest;
 }
 
 std::string hex(const std::vector<uint8_t> &bytes, const char *format = "%02X")
 {
     std::string out;
     char two[3];
-    for (uint8_t b : bytes) {
-        snprintf(two, sizeof two, format, b);
-        out += two;
-    }
+    for (uint8_t b : bytes)
+        out += (snprintf(two, sizeof two, format, b), two);
     return out;
 }
 
@@ -80,7 +72,20 @@ public:
     StoredCertificate(const StoredCertificate &) = delete;
     StoredCertificate &operator=(const StoredCertificate &) = delete;
     // Takes the certificate and its key container away.
-    ~StoredCertificate();
+    ~StoredCertificate()
+    {
+        CertStorePtr target(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, store_));
+        if (CertContextPtr context = target ? system_store_find_sha1(target.get(), sha1_) : nullptr)
+            CertDeleteCertificateFromStore(context.release());  // frees the context
+        // Wine 8 leaves the certificate's registry entry behind, where stores
+        // opened later find it again.
+        std::wstring entry = std::wstring(L"Software\\Microsoft\\SystemCertificates\\") + store_ + L"\\Certificates\\";
+        RegDeleteTreeW(HKEY_CURRENT_USER, (entry + utf8_to_wide(hex(sha1_))).c_str());
+        HCRYPTPROV gone = 0;
+        if (auto *info = reinterpret_cast<const CRYPT_KEY_PROV_INFO *>(key_info_.empty() ? nullptr : key_info_.data()))
+            CryptAcquireContextW(&gone, info->pwszContainerName, info->pwszProvName, info->dwProvType,
+                                 CRYPT_DELETEKEYSET);
+    }
 
 private:
     void add(X509 *cert, EVP_PKEY *key, KeyImport how)
@@ -88,27 +93,22 @@ private:
         CertStorePtr target(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, store_));
         ASSERT_TRUE(target);
         CertContextPtr context;
+        unsigned char *der = nullptr;
         if (how == KeyImport::pkcs12) {
             PKCS12 *p12 = PKCS12_create("p12pass", nullptr, key, cert, nullptr, NID_pbe_WithSHA1And3_Key_TripleDES_CBC,
                                         NID_pbe_WithSHA1And3_Key_TripleDES_CBC, 2048, 1, 0);
-            ASSERT_NE(p12, nullptr);
-            unsigned char *der = nullptr;
-            int len = i2d_PKCS12(p12, &der);
+            CRYPT_DATA_BLOB blob = {static_cast<DWORD>(i2d_PKCS12(p12, &der)), der};
             PKCS12_free(p12);
-            CRYPT_DATA_BLOB blob = {static_cast<DWORD>(len), der};
             CertStorePtr imported(PFXImportCertStore(&blob, L"p12pass", CRYPT_USER_KEYSET));
-            OPENSSL_free(der);
             ASSERT_TRUE(imported) << "PFXImportCertStore failed: " << GetLastError();
             context = system_store_find_sha1(imported.get(), sha1_);
         } else {
-            int len = i2d_X509(cert, nullptr);
-            std::vector<uint8_t> der(static_cast<size_t>(len));
-            uint8_t *out = der.data();
-            i2d_X509(cert, &out);
-            context.reset(CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(len)));
+            int len = i2d_X509(cert, &der);
+            context.reset(CertCreateCertificateContext(X509_ASN_ENCODING, der, static_cast<DWORD>(len)));
             if (how == KeyImport::container)
                 import_into_container(context.get(), key);
         }
+        OPENSSL_free(der);
         ASSERT_TRUE(context);
         ASSERT_TRUE(CertAddCertificateContextToStore(target.get(), context.get(), CERT_STORE_ADD_REPLACE_EXISTING,
                                                      nullptr));
@@ -123,8 +123,7 @@ private:
     // PKCS#12 imports use for its algorithm, recorded on the certificate.
     void import_into_container(const CERT_CONTEXT *context, EVP_PKEY *key)
     {
-        std::string name = "tarnwell-test-" + hex(sha1_);
-        container_.assign(name.begin(), name.end());
+        container_ = utf8_to_wide("tarnwell-test-" + hex(sha1_));
         BIO *bio = BIO_new(BIO_s_mem());
         ASSERT_GT(i2b_PrivateKey_bio(bio, key), 0);
         BUF_MEM *blob = nullptr;
@@ -133,8 +132,8 @@ private:
         const wchar_t *provider = dsa ? MS_ENH_DSS_DH_PROV_W : MS_ENHANCED_PROV_W;
         DWORD type = dsa ? PROV_DSS_DH : PROV_RSA_FULL;
         HCRYPTPROV prov = 0;
-        ASSERT_TRUE(CryptAcquireContextW(&prov, container_.c_str(), provider, type, CRYPT_NEWKEYSET));
         HCRYPTKEY imported = 0;
+        ASSERT_TRUE(CryptAcquireContextW(&prov, container_.c_str(), provider, type, CRYPT_NEWKEYSET));
         EXPECT_TRUE(CryptImportKey(prov, reinterpret_cast<const BYTE *>(blob->data), static_cast<DWORD>(blob->length),
                                    0, 0, &imported));
         CryptDestroyKey(imported);
@@ -151,114 +150,26 @@ private:
     std::wstring container_;
 };
 
-StoredCertificate::~StoredCertificate()
-{
-    CertStorePtr target(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, store_));
-    if (CertContextPtr context = target ? system_store_find_sha1(target.get(), sha1_) : nullptr)
-        CertDeleteCertificateFromStore(context.release());  // frees the context
-    // Wine 8 leaves the certificate's registry entry behind, where stores
-    // opened later find it again.
-    std::wstring entry = std::wstring(L"Software\\Microsoft\\SystemCertificates\\") + store_ + L"\\Certificates\\";
-    RegDeleteTreeW(HKEY_CURRENT_USER, (entry + utf8_to_wide(hex(sha1_))).c_str());
-    if (!key_info_.empty()) {
-        auto *info = reinterpret_cast<const CRYPT_KEY_PROV_INFO *>(key_info_.data());
-        HCRYPTPROV gone = 0;
-        CryptAcquireContextW(&gone, info->pwszContainerName, info->pwszProvName, info->dwProvType,
-                             CRYPT_DELETEKEYSET);
-    }
-}
-
-const Bytes DATA = text_bytes("session identifier and user auth request");
-
-struct SignCase {
-    const char *identifier, *algorithm;  // the certificate and the row the request selects
-    bool as_plain_key;                   // the certificate offered as its plain key
-    int sigtype;                         // x509rsa or x509dsa sigtype
-    const char *signature_name, *md, *form;
-};
-
-const SignCase SIGN_CASES[] = {
-    {"capi-alice", "x509v3-sign-rsa", false, 3, "x509v3-sign-rsa", "SHA1", "rsa"},
-    {"capi-alice", "x509v3-sign-rsa", false, 0, "x509v3-sign-rsa", "MD5", "rsa"},
-    {"capi-alice", "x509v3-ssh-rsa", false, 3, "ssh-rsa", "SHA1", "rsa"},
-    {"capi-alice", "x509v3-rsa2048-sha256", false, 3, "rsa2048-sha256", "SHA256", "rsa"},
-    {"capi-alice", "ssh-rsa", true, 3, "ssh-rsa", "SHA1", "rsa"},
-    {"capi-alice", "rsa-sha2-256", true, 3, "rsa-sha2-256", "SHA256", "rsa"},
-    {"capi-alice", "rsa-sha2-512", true, 3, "rsa-sha2-512", "SHA512", "rsa"},
-    {"capi-dsa", "x509v3-sign-dss", false, 0, "x509v3-sign-dss", "SHA1", "raw"},
-    {"capi-dsa", "x509v3-sign-dss", false, 1, "x509v3-sign-dss", "SHA1", "der"},
-};
-
-PkeyPtr dsa_key_generate()
-{
-    EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "DSA", nullptr);
-    EVP_PKEY *params = nullptr, *key = nullptr;
-    EVP_PKEY_paramgen_init(pctx);
-    EVP_PKEY_CTX_set_dsa_paramgen_bits(pctx, 1024);
-    EVP_PKEY_CTX_set_dsa_paramgen_q_bits(pctx, 160);
-    EVP_PKEY_paramgen(pctx, &params);
-    EVP_PKEY_CTX_free(pctx);
-    pctx = EVP_PKEY_CTX_new_from_pkey(nullptr, params, nullptr);
-    EVP_PKEY_keygen_init(pctx);
-    EVP_PKEY_keygen(pctx, &key);
-    EVP_PKEY_CTX_free(pctx);
-    EVP_PKEY_free(params);
-    return PkeyPtr(key);
-}
-
-// The agent's identities: each blob by its comment, which names the form
-// it is listed under in front ("x509v3-sign-rsa - alice").
-using Listed = std::map<std::string, SecureBytes>;
-
-Listed list_identities(HANDLE pipe)
-{
-    Buffer body, reply;
-    buffer_put_char(&body, SSH2_AGENTC_REQUEST_IDENTITIES);
-    Listed all;
-    EXPECT_TRUE(agent_pipe_request(pipe, body, SSH2_AGENT_IDENTITIES_ANSWER, &reply));
-    buffer_get_char(&reply);
-    for (uint32_t n = buffer_get_int(&reply); n > 0; --n) {
-        SecureBytes blob = buffer_get_string(&reply);
-        all[buffer_get_string_text(&reply)] = blob;
-    }
-    return all;
-}
+const std::string DATA = "session identifier and user auth request";
 
 uint8_t add_certificate(HANDLE pipe, const std::string &identifier, const std::string &comment)
 {
-    Buffer body, reply;
-    buffer_put_char(&body, SSH2_AGENTC_ADD_IDENTITY);
-    buffer_put_cstring(&body, "x509v3-sign-rsa");
-    buffer_put_char(&body, CERT_SOURCE_SYSTEM);
-    buffer_put_cstring(&body, identifier.c_str());
-    buffer_put_cstring(&body, comment.c_str());
-    EXPECT_TRUE(agent_pipe_call(pipe, body, &reply));
-    return buffer_len(&reply) ? buffer_get_char(&reply) : 0;
+    Bytes reply = call(pipe, request_of(SSH2_AGENTC_ADD_IDENTITY, [&](Buffer *b) {
+        buffer_put_cstring(b, "x509v3-sign-rsa");
+        buffer_put_char(b, CERT_SOURCE_SYSTEM);
+        buffer_put_cstring(b, identifier.c_str());
+        buffer_put_cstring(b, comment.c_str());
+    }));
+    return reply.empty() ? 0 : reply[0];
 }
 
-// The signature blob, empty when the agent refused.
-SecureBytes sign(HANDLE pipe, const SecureBytes &key_blob, uint32_t flags)
+SecureBytes sign(HANDLE pipe, const Bytes &key_blob, uint32_t flags)
 {
-    Buffer body, reply;
-    buffer_put_char(&body, SSH2_AGENTC_SIGN_REQUEST);
-    buffer_put_string(&body, key_blob.data(), static_cast<uint32_t>(key_blob.size()));
-    buffer_put_string(&body, DATA.data(), static_cast<uint32_t>(DATA.size()));
-    buffer_put_int(&body, flags);
-    if (!agent_pipe_call(pipe, body, &reply) || buffer_get_char(&reply) != SSH2_AGENT_SIGN_RESPONSE)
-        return {};
-    return buffer_get_string(&reply);
+    return signature_of(call(pipe, sign_request(key_blob, DATA, flags)));
 }
 
-size_t count_identities(const Listed &all)
-{
-    std::set<std::string> comments;
-    for (const auto &[comment, blob] : all)
-        comments.insert(comment.substr(comment.find(" - ") + 1));
-    return comments.size();
-}
-
-// Each listed form signs, and OpenSSL agrees with the signature.
-void expect_signs(HANDLE pipe, Listed &all, const std::string &comment, X509 *cert)
+// Each listed form of `comment` signs, and OpenSSL agrees with the signature.
+void expect_signs(HANDLE pipe, std::map<std::string, Bytes> &all, const std::string &comment, X509 *cert)
 {
     const struct {
         const char *listed;
@@ -271,54 +182,72 @@ void expect_signs(HANDLE pipe, Listed &all, const std::string &comment, X509 *ce
     };
     for (const auto &form : forms) {
         SCOPED_TRACE(comment + " listed as " + form.listed);
-        const SecureBytes &blob = all[std::string(form.listed) + " - " + comment];
+        const Bytes &blob = all[std::string(form.listed) + " - " + comment];
         ASSERT_FALSE(blob.empty());
-        expect_verifies(sign(pipe, blob, form.flags), X509_get0_pubkey(cert), form.signature_name, form.md,
-                        "rsa", DATA);
+        expect_verifies(sign(pipe, blob, form.flags), X509_get0_pubkey(cert), form.signature_name, form.md, "rsa",
+                        text_bytes(DATA));
     }
 }
 
 }  // namespace
 
 // A root in the user's "CA" store and leaves issued by it in "MY": Alice
-// (RSA, by PKCS#12), Bob (RSA) and a DSA one, and the root without a key.
+// (RSA, by PKCS#12), Bob (RSA), a DSA one and one without a key.
 TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
 {
     cert_key_layer_install();
     system_cert_provider_install();
     PkeyPtr root_key(EVP_RSA_gen(2048)), alice_key(EVP_RSA_gen(2048)), bob_key(EVP_RSA_gen(2048));
-    PkeyPtr dsa_key = dsa_key_generate();
+    KeyPtr dsa_key = key_generate(KEY_DSA, 1024);
     X509Ptr root = make_certificate("Capi Test Root", root_key.get(), nullptr, nullptr);
     X509Ptr alice_cert = make_certificate("capi-alice", alice_key.get(), root.get(), root_key.get());
     X509Ptr bob_cert = make_certificate("capi-bob", bob_key.get(), root.get(), root_key.get());
-    X509Ptr dsa_cert = make_certificate("capi-dsa", dsa_key.get(), root.get(), root_key.get());
-    StoredCertificate ca(L"CA", root.get(), nullptr, KeyImport::none), keyless(L"MY", root.get(), nullptr, KeyImport::none),
+    X509Ptr dsa_cert = make_certificate("capi-dsa", dsa_key->pkey.get(), root.get(), root_key.get());
+    X509Ptr keyless_cert = make_certificate("capi-keyless", bob_key.get(), root.get(), root_key.get());
+    StoredCertificate ca(L"CA", root.get(), nullptr, KeyImport::none),
+        keyless(L"MY", keyless_cert.get(), nullptr, KeyImport::none),
         alice(L"MY", alice_cert.get(), alice_key.get(), KeyImport::pkcs12),
-        dsa(L"MY", dsa_cert.get(), dsa_key.get(), KeyImport::container);
+        dsa(L"MY", dsa_cert.get(), dsa_key->pkey.get(), KeyImport::container);
     auto bob = std::make_unique<StoredCertificate>(L"MY", bob_cert.get(), bob_key.get(), KeyImport::container);
-    X509 *leaf[2] = {alice_cert.get(), bob_cert.get()};
 
-    for (const std::string &identifier : {hex(sha1_bytes(leaf[0])), std::string("capi-alice")}) {
+    for (const std::string &identifier : {hex(sha1_bytes(alice_cert.get())), std::string("capi-alice")}) {
         KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, identifier);
         ASSERT_NE(key, nullptr) << identifier;
-        EXPECT_EQ(X509_cmp(key->cert.get(), leaf[0]), 0);
+        EXPECT_EQ(X509_cmp(key->cert.get(), alice_cert.get()), 0);
         CertHandle *handle = cert_identity_handle(key.get());
         ASSERT_EQ(sk_X509_num(handle->issuers.get()), 1) << "the root from the CA store";
         EXPECT_EQ(X509_cmp(sk_X509_value(handle->issuers.get(), 0), root.get()), 0);
     }
-    for (const SignCase &c : SIGN_CASES) {
+    const struct {
+        const char *algorithm;  // the row the request selects
+        bool as_plain_key;      // the certificate offered as its plain key
+        int sigtype;            // x509rsa or x509dsa sigtype
+        const char *signature_name, *md, *form;
+    } sign_cases[] = {
+        {"x509v3-sign-rsa", false, 3, "x509v3-sign-rsa", "SHA1", "rsa"},
+        {"x509v3-sign-rsa", false, 0, "x509v3-sign-rsa", "MD5", "rsa"},
+        {"x509v3-ssh-rsa", false, 3, "ssh-rsa", "SHA1", "rsa"},
+        {"x509v3-rsa2048-sha256", false, 3, "rsa2048-sha256", "SHA256", "rsa"},
+        {"ssh-rsa", true, 3, "ssh-rsa", "SHA1", "rsa"},
+        {"rsa-sha2-256", true, 3, "rsa-sha2-256", "SHA256", "rsa"},
+        {"rsa-sha2-512", true, 3, "rsa-sha2-512", "SHA512", "rsa"},
+        {"x509v3-sign-dss", false, 0, "x509v3-sign-dss", "SHA1", "raw"},
+        {"x509v3-sign-dss", false, 1, "x509v3-sign-dss", "SHA1", "der"},
+    };
+    for (const auto &c : sign_cases) {
         SCOPED_TRACE(std::string(c.algorithm) + " sigtype " + std::to_string(c.sigtype));
         set_x509rsa_sigtype(c.sigtype);
         set_x509dsa_sigtype(c.sigtype);
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, c.identifier);
+        bool dsa_case = std::string(c.form) != "rsa";
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_SYSTEM, dsa_case ? "capi-dsa" : "capi-alice");
         ASSERT_NE(key, nullptr);
         if (c.as_plain_key)
             key->type = KEY_RSA;
         key->sigalg = signature_algorithm_by_name(c.algorithm);
         SecureBytes blob;
-        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
-        X509 *cert = std::string(c.identifier) == "capi-dsa" ? dsa_cert.get() : leaf[0];
-        expect_verifies(blob, X509_get0_pubkey(cert), c.signature_name, c.md, c.form, DATA);
+        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, text_bytes(DATA).data(), DATA.size(), nullptr, 0), 0);
+        expect_verifies(blob, X509_get0_pubkey(dsa_case ? dsa_cert.get() : alice_cert.get()), c.signature_name, c.md,
+                        c.form, text_bytes(DATA));
     }
     set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
     set_x509dsa_sigtype(X509DSA_SIGTYPE_DEFAULT);
@@ -329,56 +258,57 @@ TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
     HWND window = agent.start();
     ASSERT_NE(window, nullptr) << agent.log();
     WinHandle pipe = agent_pipe_open(window);
-    EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(leaf[0])), "alice by hash"), SSH_AGENT_SUCCESS);
+    EXPECT_EQ(add_certificate(pipe.get(), hex(sha1_bytes(alice_cert.get())), "alice by hash"), SSH_AGENT_SUCCESS);
     EXPECT_EQ(add_certificate(pipe.get(), "capi-bob", "bob by name"), SSH_AGENT_SUCCESS);
-    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "Capi Test Root"}) {
+    for (std::string identifier : {"capi-nobody", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "capi-keyless"}) {
         EXPECT_EQ(add_certificate(pipe.get(), identifier, "nothing"), SSH_AGENT_FAILURE);
         EXPECT_TRUE(agent.logged("system store: no certificate with a private key matches \"" + identifier + "\""));
     }
-    EXPECT_NE(read_file_text(agent.folder() / "tAgentKeys").find("#CERT_SYSTEM\nsha1=" + hex(sha1_bytes(leaf[0]), "%02x")),
+    EXPECT_NE(read_file_text(agent.folder() / "tAgentKeys")
+                  .find("#CERT_SYSTEM\nsha1=" + hex(sha1_bytes(alice_cert.get()), "%02x")),
               std::string::npos);
 
-    // Both sign now and after a restart, from the key store. Then Bob's
-    // certificate leaves the store: after a restart his reference is
-    // reported, stays listed (under the certificate's subject) and in the
-    // key store, and signs again once the certificate is back.
     // The vendor notice's enumeration mode decides how Alice is listed:
     // certificate forms only (1), plain key forms only (2), both with keys
     // first (0x23), and both with certificates first (0x13, the start's mode).
-    const Listed at_start = list_identities(pipe.get());
+    const size_t listed_at_start = identities(pipe.get()).size();
     for (uint32_t setting : {0x01u, 0x02u, 0x23u, 0x13u}) {
         SCOPED_TRACE(setting);
         WinHandle notified = agent_pipe_open(window);
-        Bytes notice = vendor_notice("server.example", setting);
-        Buffer body, reply;
-        buffer_append(&body, notice.data() + 4, static_cast<uint32_t>(notice.size() - 4));
-        ASSERT_TRUE(agent_pipe_call(notified.get(), body, &reply));
+        ASSERT_FALSE(call(notified.get(), vendor_notice("server.example", setting)).empty());
         size_t certificate_forms = 0, key_forms = 0;
-        for (const auto &[comment, blob] : list_identities(pipe.get()))
+        for (const auto &[comment, blob] : identities(pipe.get()))
             if (comment.find(" - alice by hash") != std::string::npos)
                 ++(comment.rfind("x509v3-", 0) == 0 ? certificate_forms : key_forms);
         EXPECT_EQ(certificate_forms > 0, setting != 2);
         EXPECT_EQ(key_forms > 0, setting != 1);
     }
-    EXPECT_EQ(list_identities(pipe.get()).size(), at_start.size());
+    EXPECT_EQ(identities(pipe.get()).size(), listed_at_start);
 
+    // Both sign now and after a restart, from the key store. Then Bob's
+    // certificate leaves the store: after a restart his reference is
+    // reported, stays listed (under the certificate's subject) and in the
+    // key store, and signs again once the certificate is back.
     for (int run = 0; run < 3; ++run) {
         SCOPED_TRACE(run);
-        Listed all = list_identities(pipe.get());
-        expect_signs(pipe.get(), all, "alice by hash", leaf[0]);
+        auto all = identities(pipe.get());
+        expect_signs(pipe.get(), all, "alice by hash", alice_cert.get());
         if (run < 2) {
-            EXPECT_EQ(count_identities(all), 2u) << agent.log();
-            expect_signs(pipe.get(), all, "bob by name", leaf[1]);
+            std::set<std::string> names;
+            for (const auto &[comment, blob] : all)
+                names.insert(comment.substr(comment.find(" - ") + 1));
+            EXPECT_EQ(names.size(), 2u) << agent.log();
+            expect_signs(pipe.get(), all, "bob by name", bob_cert.get());
         } else {
-            const SecureBytes bob_blob = all["x509v3-sign-rsa - 2048-bit, X.509 name: \"/CN=capi-bob\""];
+            const Bytes bob_blob = all["x509v3-sign-rsa - 2048-bit, X.509 name: \"/CN=capi-bob\""];
             ASSERT_FALSE(bob_blob.empty());
             EXPECT_TRUE(sign(pipe.get(), bob_blob, 0).empty());
-            std::string sha1 = hex(sha1_bytes(leaf[1]), "%02x");
+            std::string sha1 = hex(sha1_bytes(bob_cert.get()), "%02x");
             EXPECT_TRUE(agent.logged("the private key of certificate " + sha1 + " is not available"));
             EXPECT_TRUE(agent.logged("Certificate " + sha1 + " is not available in location 1 now"));
-            StoredCertificate bob_again(L"MY", leaf[1], bob_key.get(), KeyImport::container);
-            expect_verifies(sign(pipe.get(), bob_blob, 0), X509_get0_pubkey(leaf[1]), "x509v3-sign-rsa",
-                            "SHA1", "rsa", DATA);
+            StoredCertificate bob_again(L"MY", bob_cert.get(), bob_key.get(), KeyImport::container);
+            expect_verifies(sign(pipe.get(), bob_blob, 0), X509_get0_pubkey(bob_cert.get()), "x509v3-sign-rsa",
+                            "SHA1", "rsa", text_bytes(DATA));
             break;
         }
         if (run == 1)

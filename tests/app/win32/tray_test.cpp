@@ -5,27 +5,18 @@
 #include <windows.h>
 #include <shellapi.h>
 
-#include <gtest/gtest.h>
-
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "agent/protocol.h"
-#include "app/program_texts.h"
 #include "app/win32/agent_client_access.h"
-#include "app/win32/resource_texts.h"
-#include "app/win32/tray_icon.h"
 #include "app/win32/tray_menu.h"
-#include "app/window_messages.h"
 #include "win32/dialog_driver.h"
-#include "win32/tray_driver.h"
-#include "win32/windows_agent.h"
 
 namespace {
 
 // The notification area's stand-in, on a thread of its own: it keeps each
-// shell call's record (the action, then the owner's handle and the rest).
+// shell call's record as "action:owner:the rest".
 class StandInTray {
 public:
     StandInTray() : thread_([this] { run(); }) { eventually([this] { return window_ != nullptr; }); }
@@ -35,8 +26,25 @@ public:
         thread_.join();
     }
 
-    // Waits for `owner`'s record of `action` that matches `expected`, and
-    // drops it and all before it (lock and unlock redraw more than once).
+    // Waits for `owner`'s record of `action` that matches `expected`, or
+    // any when it is null, and drops it and all before it (lock and unlock
+    // redraw more than once). What the record holds after its owner.
+    bool take(HWND owner, DWORD action, const std::string *expected, std::string *rest = nullptr)
+    {
+        std::string key = std::to_string(action) + ":" + std::to_string(static_cast<LONG>(reinterpret_cast<intptr_t>(owner))) + ":";
+        return eventually([&] {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (auto at = records_.begin(); at != records_.end(); ++at) {
+                if (at->rfind(key, 0) != 0 || (expected && at->substr(key.size()) != *expected))
+                    continue;
+                if (rest)
+                    *rest = at->substr(key.size());
+                records_.erase(records_.begin(), at + 1);
+                return true;
+            }
+            return false;
+        });
+    }
     bool sees(HWND owner, DWORD action, const std::string &expected) { return take(owner, action, &expected); }
 
     // What the shell call makes of `record`, without its owner (asked here
@@ -53,23 +61,6 @@ public:
     }
 
 private:
-    bool take(HWND owner, DWORD action, const std::string *expected, std::string *made = nullptr)
-    {
-        std::string key = std::to_string(action) + ":" + std::to_string(static_cast<LONG>(reinterpret_cast<intptr_t>(owner))) + ":";
-        return eventually([&] {
-            std::lock_guard<std::mutex> lock(mutex_);
-            for (size_t i = 0; i < records_.size(); ++i) {
-                if (records_[i].rfind(key, 0) != 0 || (expected && records_[i].substr(key.size()) != *expected))
-                    continue;
-                if (made)
-                    *made = records_[i].substr(key.size());
-                records_.erase(records_.begin(), records_.begin() + static_cast<ptrdiff_t>(i) + 1);
-                return true;
-            }
-            return false;
-        });
-    }
-
     static LRESULT CALLBACK procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
     {
         auto *self = reinterpret_cast<StandInTray *>(GetWindowLongPtrW(window, GWLP_USERDATA));
@@ -131,18 +122,6 @@ bool agent_locked(HWND agent)
     return agent_pipe_request(pipe.get(), body, SSH_AGENT_ZEM_LOCKED, &reply);
 }
 
-void post_command(HWND agent, uint32_t command) { PostMessageW(agent, WM_COMMAND, command, 0); }
-
-// Dialog 124 answered with `passphrase`.
-void unlock_with(HWND agent, const wchar_t *passphrase)
-{
-    post_command(agent, MENU_UNLOCK);
-    HWND dialog = wait_for_dialog(resource_text(TEXT_UNLOCK_DIALOG));
-    ASSERT_NE(dialog, nullptr);
-    type_into(dialog, 126, passphrase);
-    press(dialog, IDOK);
-}
-
 // The manager window's process, once its window is up.
 WinHandle manager_process()
 {
@@ -200,18 +179,21 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
         << "identifier 15000, message 1025, the title as tip and the locked picture";
 
     // A wrong passphrase is reported by message 123; the agent stays locked.
-    unlock_with(window, L"wrong");
-    HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
-    ASSERT_NE(box, nullptr);
-    EXPECT_NE(static_texts(box).find(resource_text(TEXT_UNLOCK_FAILED)), std::wstring::npos);
-    press(box, IDOK);
-    EXPECT_TRUE(tray.sees(window, NIM_MODIFY, locked_picture));
-    EXPECT_TRUE(agent_locked(window));
-    unlock_with(window, L"secret");
-    EXPECT_TRUE(tray.sees(window, NIM_MODIFY, unlocked_picture));
-    EXPECT_FALSE(agent_locked(window));
+    for (const wchar_t *passphrase : {L"wrong", L"secret"}) {
+        PostMessageW(window, WM_COMMAND, MENU_UNLOCK, 0);
+        answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, passphrase}});
+        bool right = passphrase[0] == L's';
+        if (!right) {
+            HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
+            ASSERT_NE(box, nullptr);
+            EXPECT_NE(static_texts(box).find(resource_text(TEXT_UNLOCK_FAILED)), std::wstring::npos);
+            press(box, IDOK);
+        }
+        EXPECT_TRUE(tray.sees(window, NIM_MODIFY, right ? unlocked_picture : locked_picture));
+        EXPECT_EQ(agent_locked(window), !right);
+    }
 
-    post_command(window, MENU_LOCK);
+    PostMessageW(window, WM_COMMAND, MENU_LOCK, 0);
     EXPECT_TRUE(tray.sees(window, NIM_MODIFY, locked_picture));
     EXPECT_TRUE(agent_locked(window));
 
@@ -230,7 +212,7 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
     ASSERT_NE(open_manager(window), nullptr);
     manager = manager_process();
     ASSERT_TRUE(manager);
-    post_command(window, MENU_EXIT);
+    PostMessageW(window, WM_COMMAND, MENU_EXIT, 0);
     EXPECT_TRUE(ends_within(manager, 20000));
     EXPECT_EQ(agent.close(), 0);
     EXPECT_TRUE(tray.sees(window, NIM_DELETE, removed)) << "the icon was not removed";
@@ -238,21 +220,10 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
         TerminateProcess(manager.get(), 1);
 }
 
-// Another process cannot read a menu's items (which are grayed is checked
-// on the menu the same builder makes, above), but it can choose them with
-// the keyboard.
-void choose(HWND agent, int position)
-{
-    HWND popup = open_tray_menu(agent);
-    ASSERT_NE(popup, nullptr) << "no menu opened";
-    for (int i = 0; i <= position; ++i)
-        PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
-    PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
-    EXPECT_TRUE(eventually([&] { return !IsWindowVisible(popup); })) << "the menu stayed open";
-}
-
 // With AttemptEmpty on and the empty passphrase valid, unlock asks nothing:
-// the command returns while no dialog is open.
+// the command returns while no dialog is open. Another process cannot read
+// a menu's items (which are grayed is checked on the menu the same builder
+// makes, above), but it can choose them with the keyboard.
 TEST(TrayIcon, MenuLocksAndUnlocksWithTheEmptyPassphraseFirst)
 {
     WindowsAgent agent;
@@ -266,8 +237,13 @@ TEST(TrayIcon, MenuLocksAndUnlocksWithTheEmptyPassphraseFirst)
         << "the unlock waited for a dialog";
     EXPECT_FALSE(agent_locked(window));
 
-    choose(window, 1);  // lock
-    EXPECT_TRUE(eventually([&] { return agent_locked(window); }));
-    choose(window, 2);  // unlock
-    EXPECT_TRUE(eventually([&] { return !agent_locked(window); }));
+    for (int position : {1, 2}) {  // lock, then unlock
+        HWND popup = open_tray_menu(window);
+        ASSERT_NE(popup, nullptr) << "no menu opened";
+        for (int i = 0; i <= position; ++i)
+            PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
+        PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
+        EXPECT_TRUE(eventually([&] { return !IsWindowVisible(popup); })) << "the menu stayed open";
+        EXPECT_TRUE(eventually([&] { return agent_locked(window) == (position == 1); }));
+    }
 }

@@ -25,11 +25,9 @@
 // Polls `condition` every 50 ms for at most `ms`.
 inline bool eventually(const std::function<bool()> &condition, DWORD ms = 20000)
 {
-    for (DWORD waited = 0; waited < ms; waited += 50) {
+    for (DWORD waited = 0; waited < ms; waited += 50, Sleep(50))
         if (condition())
             return true;
-        Sleep(50);
-    }
     return condition();
 }
 
@@ -53,23 +51,18 @@ inline PROCESS_INFORMATION start_process(const std::wstring &program, std::wstri
     startup.cb = sizeof startup;
     if (!out.empty()) {
         startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdOutput = CreateFileW(out.wstring().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                         &inherit, CREATE_ALWAYS, 0, nullptr);
-        startup.hStdError = startup.hStdOutput;
+        startup.hStdOutput = startup.hStdError = CreateFileW(out.wstring().c_str(), GENERIC_WRITE,
+            FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit, CREATE_ALWAYS, 0, nullptr);
         startup.hStdInput = CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
                                         OPEN_EXISTING, 0, nullptr);
     }
     PROCESS_INFORMATION process = {};
-    DWORD error = 0;
-    for (int attempt = 0; attempt < 5 && !process.hProcess; ++attempt) {
-        if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, !out.empty(), 0, nullptr, nullptr,
-                            &startup, &process)) {
-            error = GetLastError();
-            Sleep(200);
-        }
-    }
+    for (int attempt = 0; attempt < 5 && !CreateProcessW(program.c_str(), line.data(), nullptr, nullptr,
+                                                         !out.empty(), 0, nullptr, nullptr, &startup, &process);
+         ++attempt)
+        Sleep(200);
     if (!process.hProcess)
-        ADD_FAILURE() << "CreateProcess failed with Windows error " << error;
+        ADD_FAILURE() << "CreateProcess failed with Windows error " << GetLastError();
     if (!out.empty()) {
         CloseHandle(startup.hStdOutput);
         CloseHandle(startup.hStdInput);
@@ -105,9 +98,7 @@ inline ToolResult run_program(const std::filesystem::path &program, const std::w
                               const std::filesystem::path &out)
 {
     PROCESS_INFORMATION process = start_process(program.wstring(), L"\"" + program.wstring() + L"\" " + arguments, out);
-    ToolResult result;
-    result.status = wait_exit(&process);
-    result.out = read_file_text(out);
+    ToolResult result{wait_exit(&process), read_file_text(out)};
     std::error_code ignored;  // a child of the program may hold it still
     std::filesystem::remove(out, ignored);
     return result;
@@ -168,23 +159,14 @@ public:
     }
 
     // Starts the agent and waits until it answers 1035 with 1.
-    HWND start()
-    {
-        ULONGLONG started = GetTickCount64();
-        process_ = launch();
-        HWND window = wait_ready_of(process_);
-        ready_ms_ = GetTickCount64() - started;
-        return window;
-    }
-    // Milliseconds from the start to the first "ready" answer.
-    ULONGLONG ready_ms() const { return ready_ms_; }
+    HWND start() { return wait_ready_of(process_ = launch()); }
 
     static HWND wait_ready_of(const PROCESS_INFORMATION &process)
     {
         HWND window = nullptr;
+        DWORD_PTR answer = 0;
         bool ready = eventually([&] {
             window = find_agent_window();
-            DWORD_PTR answer = 0;
             return (window && SendMessageTimeoutW(window, 1035, 0, 0, SMTO_ABORTIFHUNG, 5000, &answer) &&
                     answer == 1) ||
                    WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0;
@@ -223,5 +205,4 @@ public:
 private:
     std::filesystem::path folder_;
     PROCESS_INFORMATION process_ = {};
-    ULONGLONG ready_ms_ = 0;
 };

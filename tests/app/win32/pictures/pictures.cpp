@@ -3,21 +3,12 @@
 // TARNWELL_PICTURES_DIR this program writes NAME.want with the window's
 // rectangle on the desktop; the script answers with NAME.png. A new scene:
 // raise the window, take_picture(NAME, WINDOW), end it.
-#include <windows.h>
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <functional>
 #include <thread>
 
-#include "app/program_texts.h"
 #include "app/win32/dialogs.h"
-#include "app/win32/resource_texts.h"
 #include "win32/dialog_driver.h"
-#include "win32/tray_driver.h"
-#include "win32/windows_agent.h"
 
 // The virtual desktop's taskbar, whose right end holds the notification
 // icons.
@@ -59,16 +50,16 @@ bool take_picture(const std::string &name, HWND window)
 namespace {
 
 // A modal window raised by `show` on this thread, found by the title
-// `title`, made ready by `prepare`, photographed and ended by pressing
-// `dismiss`.
+// `title`, with `typed` in its passphrase field, photographed and ended by
+// pressing `dismiss`.
 void picture_of_modal(const std::string &name, const std::wstring &title, const std::function<void()> &show,
-                      const std::function<void(HWND)> &prepare = {}, int dismiss = IDCANCEL)
+                      const wchar_t *typed, int dismiss)
 {
     std::thread photographer([&] {
         HWND window = wait_for_dialog(title);
         ASSERT_NE(window, nullptr) << name << ": no window titled as expected";
-        if (prepare)
-            prepare(window);
+        if (typed)
+            type_into(window, CONTROL_PASSPHRASE, typed);
         EXPECT_TRUE(take_picture(name, window)) << name << ": no picture came back";
         press(window, dismiss);
     });
@@ -105,13 +96,7 @@ TEST_F(Pictures, DialogsAndConfirmationBox)
         {"confirm-key-operation", TEXT_APPLICATION_TITLE, [] { confirm_key_operation("work key"); }, nullptr, IDNO},
     };
     for (const auto &scene : scenes)
-        picture_of_modal(
-            scene.name, resource_text(scene.title), scene.show,
-            [&](HWND dialog) {
-                if (scene.typed)
-                    type_into(dialog, CONTROL_PASSPHRASE, scene.typed);
-            },
-            scene.dismiss);
+        picture_of_modal(scene.name, resource_text(scene.title), scene.show, scene.typed, scene.dismiss);
 }
 
 // The icon unlocked and locked, the menu at the icon, and the manager window
