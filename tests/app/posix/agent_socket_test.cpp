@@ -81,9 +81,9 @@ TEST(AgentSocket, FramingSingleInstanceAndControl)
 
     // A data folder open to others is refused with exit status 1.
     chmod(agent.data_dir().c_str(), 0755);
-    ProgramRun refused = run_program(agent, agent.base_args());
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_TRUE(has(refused.output, "has mode 755"));
+    EXPECT_FALSE(agent.start());
+    EXPECT_EQ(agent.exit_status(), 1);
+    EXPECT_TRUE(has(agent.log_text(), "has mode 755"));
 }
 
 // Bytes that the reading rules find impossible end only their own client's
