@@ -18,7 +18,13 @@ public:
     static bool available() { return std::filesystem::exists("/usr/sbin/sshd"); }
 
     explicit SshdServer(const std::filesystem::path &dir) : dir_(dir) { std::filesystem::create_directories(dir_); }
-    ~SshdServer() { stop(); }
+    ~SshdServer()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            AgentProcess::wait_exit(pid_);
+        }
+    }
 
     // Starts sshd accepting the public keys in `authorized_keys`; `extra`
     // lines are added to its configuration.
@@ -26,15 +32,13 @@ public:
     {
         std::filesystem::create_directories("/run/sshd");
         std::string host_key = (dir_ / "host_key").string();
-        if (!std::filesystem::exists(host_key) &&
-            system(("ssh-keygen -q -t ed25519 -N '' -f " + host_key).c_str()) != 0)
+        if (!make_ssh_keygen_key(host_key, "ed25519"))
             return false;
         std::ofstream(dir_ / "authorized_keys") << authorized_keys;
         port_ = free_port();
         std::ofstream config(dir_ / "sshd_config");
-        config << "Port " << port_ << "\nListenAddress 127.0.0.1\nHostKey " << host_key
-               << "\nAuthorizedKeysFile " << (dir_ / "authorized_keys").string() << "\nPidFile "
-               << (dir_ / "sshd.pid").string()
+        config << "Port " << port_ << "\nListenAddress 127.0.0.1\nHostKey " << host_key << "\nAuthorizedKeysFile "
+               << (dir_ / "authorized_keys").string() << "\nPidFile " << (dir_ / "sshd.pid").string()
                << "\nStrictModes no\nUsePAM no\nPasswordAuthentication no\nKbdInteractiveAuthentication no\n"
                   "PubkeyAuthentication yes\nPermitRootLogin yes\nAllowAgentForwarding yes\nLogLevel DEBUG1\n";
         for (const auto &line : extra)
@@ -42,26 +46,14 @@ public:
         config.close();
         pid_ = AgentProcess::spawn({"/usr/sbin/sshd", "-D", "-e", "-f", (dir_ / "sshd_config").string()},
                                    log_path(), log_path());
-        for (int i = 0; i < 100; ++i) {
-            if (AgentProcess::read_file(log_path()).find("Server listening") != std::string::npos)
-                return true;
+        for (int i = 0; i < 100 && !has(log(), "Server listening"); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return false;
-    }
-
-    void stop()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            AgentProcess::wait_exit(pid_);
-            pid_ = -1;
-        }
+        return has(log(), "Server listening");
     }
 
     int port() const { return port_; }
     std::string log_path() const { return (dir_ / "sshd.log").string(); }
-    std::string log() const { return AgentProcess::read_file(log_path()); }
+    std::string log() const { return read_file_text(log_path()); }
 
     // Arguments of an ssh client that logs in with the agent's keys only.
     std::vector<std::string> ssh_args(const std::vector<std::string> &options, const std::string &command) const
@@ -71,8 +63,7 @@ public:
                                          "-o", "BatchMode=yes", "-o", "PreferredAuthentications=publickey",
                                          "-o", "IdentityFile=/nonexistent"};
         args.insert(args.end(), options.begin(), options.end());
-        args.push_back(platform_user_name() + "@127.0.0.1");
-        args.push_back(command);
+        args.insert(args.end(), {platform_user_name() + "@127.0.0.1", command});
         return args;
     }
 

@@ -46,12 +46,8 @@ public:
     // The lower-case SHA-1 hex of a PEM certificate file.
     std::string sha1(const std::string &crt)
     {
-        ToolResult r = run_tool("openssl x509 -noout -fingerprint -sha1 -in " + crt);
-        std::string hex;
-        for (char c : r.output.substr(r.output.find('=') + 1))
-            if (isxdigit(static_cast<unsigned char>(c)))
-                hex += static_cast<char>(tolower(c));
-        return hex;
+        return run_tool("openssl x509 -noout -fingerprint -sha1 -in " + crt + " | cut -d= -f2 | tr -d ':\\n' | tr A-F a-f")
+            .output;
     }
 
     void ok(const std::string &command)

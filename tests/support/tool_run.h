@@ -3,9 +3,6 @@
 #pragma once
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -17,16 +14,11 @@
 // A folder of mode 0700, removed with everything in it.
 class TempFolder {
 public:
-    TempFolder()
+    TempFolder() : path_(fresh_temp_folder("test").string())
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tarnwell-test-XXXXXX").string();
-        path_ = mkdtemp(pattern.data()) ? pattern : std::string();
+        std::filesystem::permissions(path_, std::filesystem::perms::owner_all);
     }
-    ~TempFolder()
-    {
-        if (!path_.empty())
-            std::filesystem::remove_all(path_);
-    }
+    ~TempFolder() { remove_folder(path_); }
     TempFolder(const TempFolder &) = delete;
     TempFolder &operator=(const TempFolder &) = delete;
     std::string path(const std::string &name = "") const { return name.empty() ? path_ : path_ + "/" + name; }

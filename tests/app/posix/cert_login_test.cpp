@@ -20,25 +20,24 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
     token.put(token_leaf, "0a");
     pki.ok("mkdir nssdb && certutil -N -d sql:nssdb --empty-password && pk12util -i nss-user.p12 -d sql:nssdb -W p12pass");
 
-    AgentProcess agent({"--empty-passphrase"}, "certlogin");
+    AgentProcess agent({"--empty-passphrase"});
     std::string pinlog = (agent.root() / "pinentry.log").string();
     agent.set_env({"SOFTHSM2_CONF=" + token.dir.path("softhsm2.conf"), std::string("TARNWELL_PKCS11_MODULE=") + SOFTHSM_MODULE,
                    "TARNWELL_PINENTRY=" + std::string(TARNWELL_SOURCE_DIR) + "/tests/support/scripted_pinentry.sh",
-                   "TARNWELL_NSS_DB=" + pki.path("nssdb"),
-                   std::string("PINENTRY_PIN=") + TOKEN_PIN, "PINENTRY_LOG=" + pinlog});
+                   "TARNWELL_NSS_DB=" + pki.path("nssdb"), std::string("PINENTRY_PIN=") + TOKEN_PIN, "PINENTRY_LOG=" + pinlog});
     ASSERT_TRUE(agent.start()) << agent.log_text();
 
-    std::ofstream(pki.path("p12pass.txt")) << "p12pass\n";
-    std::ofstream(pki.path("empty.txt")) << "\n";
+    pki.write("p12pass.txt", "p12pass\n");
+    pki.write("empty.txt", "\n");
     ProgramRun imported = run_program(agent, {TAGENT_PATH, "cert", "import", store_leaf + ".p12", "--password-file",
-                                   pki.path("p12pass.txt"), "--passphrase-file", pki.path("empty.txt"),
-                                   "--data-dir", agent.data_dir()});
+                                              pki.path("p12pass.txt"), "--passphrase-file", pki.path("empty.txt"),
+                                              "--data-dir", agent.data_dir()});
     ASSERT_EQ(imported.status, 0) << imported.output;
     ProgramRun listed = run_program(agent, {TAGENT_PATH, "cert", "list", "--data-dir", agent.data_dir()});
-    EXPECT_NE(listed.output.find("identity store-user"), std::string::npos) << listed.output;
-    EXPECT_NE(listed.output.find("ca       Test Root"), std::string::npos) << listed.output;
+    EXPECT_TRUE(has(listed.output, "identity store-user")) << listed.output;
+    EXPECT_TRUE(has(listed.output, "ca       Test Root")) << listed.output;
     for (auto [location, id] : {std::pair{"3", "store-user"}, {"pkcs11", "token-user"}, {"system", "nss-user"}}) {
-        ProgramRun added = run_program(agent, {TAGENT_PATH, "-a", agent.socket_path(), "add-cert", location, id});
+        ProgramRun added = run_tagent(agent, {"add-cert", location, id});
         EXPECT_EQ(added.status, 0) << added.output << agent.log_text();
     }
     EXPECT_EQ(run_tagent(agent, {"add-cert", "3", "nobody"}).status, 1);
@@ -53,28 +52,24 @@ TEST(CertLogin, CertificatesOfEveryLocationLogInAsKeys)
     SshdServer sshd(agent.root() / "sshd");
     ASSERT_TRUE(sshd.start(authorized)) << sshd.log();
 
-    auto logs_in = [&](const std::string &leaf, const char *word) {
-        ProgramRun out = run_program(agent, sshd.ssh_args({"-o", "IdentitiesOnly=yes", "-o", "IdentityFile=" + leaf + ".pub"},
-                                               std::string("echo ") + word));
-        EXPECT_EQ(out.status, 0) << out.output << sshd.log() << agent.log_text();
-        return out.output.find(word) != std::string::npos;
-    };
     for (int run_number = 0; run_number < 2; ++run_number) {
         SCOPED_TRACE(run_number == 0 ? "first run" : "after a restart");
         // The vendor forwarding notice's mode 2: certificates offered as keys only.
-        EXPECT_EQ(AgentClient(agent.socket_path()).request(vendor_notice("test", 2)),
-                  hex_bytes("0000000106"));
-        EXPECT_TRUE(logs_in(token_leaf, "token-ok"));
-        EXPECT_TRUE(logs_in(token_leaf, "token-again"));
-        EXPECT_TRUE(logs_in(store_leaf, "store-ok"));
-        EXPECT_TRUE(logs_in(nss_leaf, "nss-ok"));
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(vendor_notice("test", 2)), hex_bytes("0000000106"));
+        for (auto [leaf, word] : {std::pair{token_leaf, "token-ok"}, {token_leaf, "token-again"},
+                                  {store_leaf, "store-ok"}, {nss_leaf, "nss-ok"}}) {
+            ProgramRun out = run_program(
+                agent, sshd.ssh_args({"-o", "IdentitiesOnly=yes", "-o", "IdentityFile=" + leaf + ".pub"}, "echo " + std::string(word)));
+            EXPECT_EQ(out.status, 0) << out.output << sshd.log() << agent.log_text();
+            EXPECT_TRUE(has(out.output, word));
+        }
         agent.stop();
         ASSERT_TRUE(agent.start()) << agent.log_text();
     }
     std::string log = agent.log_text();
-    EXPECT_NE(log.find("Look up key (certs as keys)."), std::string::npos);
-    EXPECT_NE(log.find("(as type: rsa-sha2-512,  hash: SHA512)"), std::string::npos) << log;
-    EXPECT_NE(log.find("(as type: ecdsa-sha2-nistp256,  hash: SHA256)"), std::string::npos) << log;
+    EXPECT_TRUE(has(log, "Look up key (certs as keys)."));
+    EXPECT_TRUE(has(log, "(as type: rsa-sha2-512,  hash: SHA512)")) << log;
+    EXPECT_TRUE(has(log, "(as type: ecdsa-sha2-nistp256,  hash: SHA256)")) << log;
     // The PIN was asked once per agent run.
     std::string asked = read_file_text(pinlog);
     EXPECT_EQ(count_of(asked, "GETPIN"), 2u) << asked;

@@ -9,43 +9,24 @@ namespace {
 
 class TmuxSession {
 public:
-    explicit TmuxSession(const std::string &command)
-        : socket_("tarnwell-test-" + std::to_string(getpid()))
-    {
-        run("new-session -d -x 160 -y 40 '" + command + "'");
-    }
+    explicit TmuxSession(const std::string &command) { run("new-session -d -x 160 -y 40 '" + command + "'"); }
     ~TmuxSession() { run("kill-server"); }
 
-    std::string screen()
-    {
-        std::string out;
-        FILE *p = popen(("tmux -L " + socket_ + " capture-pane -p -J 2>/dev/null").c_str(), "r");
-        char chunk[512];
-        size_t n;
-        while (p && (n = fread(chunk, 1, sizeof chunk, p)) > 0)
-            out.append(chunk, n);
-        if (p)
-            pclose(p);
-        return out;
-    }
+    std::string screen() const { return run("capture-pane -p -J"); }
 
     // Waits until the screen shows `text` (at most about 10 s).
-    bool wait_for(const std::string &text, size_t after = 0)
+    bool wait_for(const std::string &text) const
     {
-        for (int i = 0; i < 200; ++i) {
-            std::string s = screen();
-            if (s.find(text, after) != std::string::npos)
-                return true;
+        for (int i = 0; i < 200 && !has(screen(), text); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return false;
+        return has(screen(), text);
     }
 
-    void type_line(const std::string &text) { run("send-keys '" + text + "' Enter"); }
+    void type_line(const std::string &text) const { run("send-keys '" + text + "' Enter"); }
 
 private:
-    void run(const std::string &args) { (void)!system(("tmux -L " + socket_ + " " + args + " 2>/dev/null").c_str()); }
-    std::string socket_;
+    std::string run(const std::string &args) const { return run_tool("tmux -L " + socket_ + " " + args).output; }
+    std::string socket_ = "tarnwell-test-" + std::to_string(getpid());
 };
 
 }  // namespace
@@ -58,8 +39,7 @@ TEST(PinentryTty, FirstPassphraseTypedAtTheTerminal)
     std::string command = "TARNWELL_PINENTRY=/usr/bin/pinentry-tty";
     for (const std::string &arg : agent.base_args())
         command += " " + arg;
-    command += " 2>" + agent.stderr_path() + "; sleep 60";
-    TmuxSession tmux(command);
+    TmuxSession tmux(command + " 2>" + agent.stderr_path() + "; sleep 60");
 
     ASSERT_TRUE(tmux.wait_for("Passphrase:")) << tmux.screen();
     tmux.type_line("tmux words");
@@ -71,7 +51,6 @@ TEST(PinentryTty, FirstPassphraseTypedAtTheTerminal)
     EXPECT_EQ(client.request(frame(hex_bytes("97"))), hex_bytes("00000001 ab"));
     EXPECT_EQ(client.request(frame(hex_bytes("16 00000000"))), hex_bytes("00000001 06"));
     EXPECT_EQ(client.request(string_request(23, "tmux words")), hex_bytes("00000001 06"));
-    EXPECT_NE(agent.log_text().find("keyagent: Agent has a passphrase now"), std::string::npos);
-
+    EXPECT_TRUE(has(agent.log_text(), "keyagent: Agent has a passphrase now"));
     EXPECT_EQ(run_program(agent, {TKEYAGENT_PATH, "-k", "-a", agent.socket_path()}).status, 0);
 }

@@ -9,36 +9,17 @@
 
 namespace {
 
-const std::string scripted = std::string(TARNWELL_SOURCE_DIR) + "/tests/support/scripted_pinentry.sh";
+const Bytes IS_LOCKED = frame(hex_bytes("97"));
 
+// A scripted pinentry that answers GETPIN with `pin` and CONFIRM with
+// `confirm`, or cancels, and logs what it was sent.
 std::vector<std::string> pinentry_env(const AgentProcess &agent, const std::string &pin, const char *confirm,
                                       bool cancel = false)
 {
-    return {"TARNWELL_PINENTRY=" + scripted, "PINENTRY_PIN=" + pin, std::string("PINENTRY_CONFIRM=") + confirm,
+    return {"TARNWELL_PINENTRY=" + std::string(TARNWELL_SOURCE_DIR) + "/tests/support/scripted_pinentry.sh",
+            "PINENTRY_PIN=" + pin, std::string("PINENTRY_CONFIRM=") + confirm,
             std::string("PINENTRY_CANCEL=") + (cancel ? "1" : "0"),
             "PINENTRY_LOG=" + (agent.root() / "pinentry.log").string()};
-}
-
-const Bytes IS_LOCKED = frame(hex_bytes("97"));
-
-// A sign request for `blob` on a fresh connection, after a plain forwarding
-// notice when `remote`; the sign reply.
-Bytes sign_on_connection(const AgentProcess &agent, const Bytes &blob, bool remote)
-{
-    AgentClient client(agent.socket_path());
-    if (remote)
-        client.send_bytes(forwarding_notice("far.example", "192.0.2.1"));
-    return client.request(sign_request(blob, "data"));
-}
-
-// Adds a new ECDSA key with OpenSSH's ssh-add; its public blob, empty when
-// any step failed.
-Bytes add_ecdsa_key(const AgentProcess &agent)
-{
-    std::string key = make_key(agent, "k", "ecdsa");
-    if (ssh_add(agent, {key}).status != 0)
-        return {};
-    return public_line_blob(key + ".pub");
 }
 
 void send_control(const AgentProcess &agent, uint32_t message, uint64_t wparam, uint64_t lparam)
@@ -47,44 +28,40 @@ void send_control(const AgentProcess &agent, uint32_t message, uint64_t wparam, 
     request.message = message;
     request.wparam = wparam;
     request.lparam = lparam;
-    ASSERT_TRUE(control_send((agent.root() / "run" / "control.sock").string(), request));
+    ASSERT_TRUE(control_send(agent.control_path(), request));
 }
 
 }  // namespace
 
 TEST(Prompts, FirstPassphraseNoPassphraseChoiceAndCancel)
 {
-    // (A passphrase whose digest starts with a white-space byte is read back
-    // shifted from the settings file; "typed words" is not one of those.)
+    // The typed passphrase comes back percent-escaped and is read whole.
     AgentProcess typed;
-    typed.set_env(pinentry_env(typed, "typed words", "no"));
+    typed.set_env(pinentry_env(typed, "typed 50% words", "no"));
     ASSERT_TRUE(typed.start()) << typed.log_text();
     EXPECT_EQ(AgentClient(typed.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
     EXPECT_EQ(typed.stop(), 0);
-    // The next run starts locked and "typed words" unlocks it.
+    // The next run starts locked and the typed passphrase unlocks it.
     typed.set_env({});
     ASSERT_TRUE(typed.start());
-    {
-        AgentClient client(typed.socket_path());
-        EXPECT_EQ(client.request(IS_LOCKED), hex_bytes("00000001 aa"));
-        EXPECT_EQ(client.request(string_request(23, "typed words")), hex_bytes("00000001 06"));
-    }
+    AgentClient client(typed.socket_path());
+    EXPECT_EQ(client.request(IS_LOCKED), hex_bytes("00000001 aa"));
+    EXPECT_EQ(client.request(string_request(23, "typed 50% words")), hex_bytes("00000001 06"));
 
     // An empty entry, confirmed, is the no-passphrase choice: AttemptEmpty.
     AgentProcess empty;
     empty.set_env(pinentry_env(empty, "", "yes"));
     ASSERT_TRUE(empty.start());
     EXPECT_EQ(empty.stop(), 0);
-    EXPECT_NE(AgentProcess::read_file((empty.root() / "data" / "tAgent").string()).find("AttemptEmpty yes"),
-              std::string::npos);
+    EXPECT_TRUE(has(read_file_text(empty.root() / "data" / "tAgent"), "AttemptEmpty yes"));
 
     // Cancel, and an empty entry that is not confirmed, both stop the start.
     for (bool cancel : {true, false}) {
         AgentProcess refused;
         refused.set_env(pinentry_env(refused, "", "no", cancel));
         EXPECT_FALSE(refused.start());
-        EXPECT_EQ(refused.wait_for_exit(), 1);
-        EXPECT_NE(refused.log_text().find("User cancelled agent passphrase initialization"), std::string::npos);
+        EXPECT_EQ(refused.stop(), 1);
+        EXPECT_TRUE(has(refused.log_text(), "User cancelled agent passphrase initialization"));
     }
 }
 
@@ -107,29 +84,36 @@ TEST(Prompts, RemoteSignConfirmationAndUnlockFromTheMenu)
                                           : std::vector<std::string>{"--empty-passphrase"});
         agent.set_env(pinentry_env(agent, c.passphrase ? c.passphrase : "", c.answer));
         ASSERT_TRUE(agent.start()) << agent.log_text();
-        Bytes blob = add_ecdsa_key(agent);
-        ASSERT_FALSE(blob.empty());
+        std::string key = make_key(agent, "k", "ecdsa");
+        ASSERT_EQ(ssh_add(agent, {key}).status, 0);
+        Bytes blob = public_line_blob(key + ".pub");
         send_control(agent, WM_SET_CONFIRM_KEY_OP, 0, 1);
 
+        // A sign request on a fresh connection, after a plain forwarding
+        // notice when remote.
+        auto sign = [&](bool remote) {
+            AgentClient client(agent.socket_path());
+            if (remote)
+                client.send_bytes(forwarding_notice("far.example", "192.0.2.1"));
+            return client.request(sign_request(blob, "data"));
+        };
         std::string asked_log = (agent.root() / "pinentry.log").string();
-        EXPECT_EQ(sign_on_connection(agent, blob, false).at(4), 14);
-        EXPECT_EQ(read_file_text(asked_log).find("CONFIRM"), std::string::npos) << "a local request asked";
-        Bytes remote = sign_on_connection(agent, blob, true);
+        EXPECT_EQ(sign(false).at(4), 14);
+        EXPECT_FALSE(has(read_file_text(asked_log), "CONFIRM")) << "a local request asked";
+        Bytes remote = sign(true);
         if (c.signs)
             EXPECT_EQ(remote.at(4), 14);
         else
             EXPECT_EQ(remote, hex_bytes("00000001 05"));
-        std::string asked = read_file_text(asked_log);
-        EXPECT_NE(asked.find("CONFIRM"), std::string::npos);
-        EXPECT_NE(asked.find("Allow it?"), std::string::npos);
-        EXPECT_EQ(agent.log_text().find("User rejected a request from a remote server to issue a signature") !=
-                      std::string::npos,
-                  !c.signs);
+        // The question's line break reaches the pinentry escaped.
+        EXPECT_TRUE(has(read_file_text(asked_log), "CONFIRM"));
+        EXPECT_TRUE(has(read_file_text(asked_log), "%0AAllow it?"));
+        EXPECT_EQ(has(agent.log_text(), "User rejected a request from a remote server to issue a signature"), !c.signs);
 
         send_control(agent, WM_COMMAND_MESSAGE, MENU_LOCK, 0);
         EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 aa"));
         send_control(agent, WM_COMMAND_MESSAGE, MENU_UNLOCK, 0);
         EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
-        EXPECT_EQ(read_file_text(asked_log).find("GETPIN") != std::string::npos, c.asks_pin);
+        EXPECT_EQ(has(read_file_text(asked_log), "GETPIN"), c.asks_pin);
     }
 }

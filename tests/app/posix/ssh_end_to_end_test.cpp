@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include "support/agent_process.h"
-#include "support/tool_run.h"
 #include "support/sshd_server.h"
+#include "support/tool_run.h"
 
 namespace {
+
+const char *const EVERY_TYPE[] = {"ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384",
+                                  "ecdsa-sha2-nistp521", "ssh-ed25519"};
 
 // An agent holding RSA, ECDSA (three curves), DSA and Ed25519 keys, and an
 // sshd that accepts them.
@@ -21,66 +24,64 @@ protected:
         for (auto [name, type, bits] : std::vector<std::tuple<std::string, std::string, int>>{
                  {"rsa", "rsa", 3072}, {"p256", "ecdsa", 256}, {"p384", "ecdsa", 384}, {"p521", "ecdsa", 521},
                  {"dsa", "dsa", 0}, {"ed", "ed25519", 0}}) {
-            std::string path = make_key(agent, name, type, bits);
-            ProgramRun added = ssh_add(agent, {path});
+            ProgramRun added = ssh_add(agent, {make_key(agent, name, type, bits)});
             ASSERT_EQ(added.status, 0) << added.output;
-            authorized += AgentProcess::read_file(path + ".pub");
+            authorized += read_file_text(agent.root() / (name + ".pub"));
         }
-        sshd = std::make_unique<SshdServer>(agent.root() / "sshd");
-        ASSERT_TRUE(sshd->start(authorized, {"PubkeyAcceptedAlgorithms +ssh-dss"})) << sshd->log();
+        ASSERT_TRUE(sshd.start(authorized, {"PubkeyAcceptedAlgorithms +ssh-dss"})) << sshd.log();
     }
 
-    ProgramRun ssh(const std::string &key, const std::vector<std::string> &options, const std::string &command)
+    // Logs in with `key` and runs `echo word`; the word came back.
+    bool logs_in(const std::string &key, const std::string &word, std::vector<std::string> options = {})
     {
-        std::vector<std::string> all = {"-o", "IdentitiesOnly=yes", "-o",
-                                        "IdentityFile=" + (agent.root() / (key + ".pub")).string()};
-        all.insert(all.end(), options.begin(), options.end());
-        return run_program(agent, sshd->ssh_args(all, command));
+        options.insert(options.end(), {"-o", "IdentitiesOnly=yes", "-o", "IdentityFile=" + path(key) + ".pub"});
+        ProgramRun run = run_program(agent, sshd.ssh_args(options, "echo " + word));
+        EXPECT_EQ(run.status, 0) << key << ": " << run.output << sshd.log();
+        return has(run.output, word);
     }
 
-    AgentProcess agent{{"--empty-passphrase"}, "e2e"};
-    std::unique_ptr<SshdServer> sshd;
+    // Runs a client `program` that lists the agent's keys and has each one
+    // sign; every key type is verified and none failed.
+    void every_type_verified(const std::vector<std::string> &program)
+    {
+        ProgramRun run = run_program(agent, program);
+        EXPECT_EQ(run.status, 0) << run.output;
+        for (const char *name : EVERY_TYPE)
+            EXPECT_TRUE(has(run.output, std::string(name) + " verified")) << run.output;
+        EXPECT_FALSE(has(run.output, "FAILED")) << run.output;
+    }
+
+    std::string path(const std::string &name) const { return (agent.root() / name).string(); }
+    static std::string script(const std::string &name) { return TARNWELL_SOURCE_DIR "/tests/app/posix/" + name; }
+
+    AgentProcess agent{{"--empty-passphrase"}};
+    SshdServer sshd{agent.root() / "sshd"};
 };
 
 }  // namespace
 
 TEST_F(SshEndToEnd, EveryKeyTypeLogsIn)
 {
-    for (const char *algorithm : {"rsa-sha2-512", "rsa-sha2-256"}) {
-        ProgramRun rsa = ssh("rsa", {"-o", std::string("PubkeyAcceptedAlgorithms=") + algorithm}, "echo rsa-ok");
-        EXPECT_EQ(rsa.status, 0) << algorithm << ": " << rsa.output << sshd->log();
-        EXPECT_NE(rsa.output.find("rsa-ok"), std::string::npos);
-    }
+    for (const char *algorithm : {"rsa-sha2-512", "rsa-sha2-256"})
+        EXPECT_TRUE(logs_in("rsa", "rsa-ok", {"-o", std::string("PubkeyAcceptedAlgorithms=") + algorithm}));
+    for (const char *key : {"p256", "p384", "p521", "ed"})
+        EXPECT_TRUE(logs_in(key, std::string(key) + "-ok"));
+    EXPECT_TRUE(logs_in("dsa", "dsa-ok", {"-o", "PubkeyAcceptedAlgorithms=+ssh-dss"}));
     std::string log = agent.log_text();
-    EXPECT_NE(log.find("(as type: rsa-sha2-512,  hash: SHA512)"), std::string::npos);
-    EXPECT_NE(log.find("(as type: rsa-sha2-256,  hash: SHA256)"), std::string::npos);
-
-    for (const char *key : {"p256", "p384", "p521"}) {
-        ProgramRun ec = ssh(key, {}, "echo ec-ok");
-        EXPECT_EQ(ec.status, 0) << key << ": " << ec.output;
-    }
-    ProgramRun dsa = ssh("dsa", {"-o", "PubkeyAcceptedAlgorithms=+ssh-dss"}, "echo dsa-ok");
-    EXPECT_EQ(dsa.status, 0) << dsa.output;
-    ProgramRun ed = ssh("ed", {}, "echo ed-ok");
-    EXPECT_EQ(ed.status, 0) << ed.output;
-    EXPECT_NE(ed.output.find("ed-ok"), std::string::npos);
-    EXPECT_NE(agent.log_text().find("Signing using key id_ED25519_256 (as type: ssh-ed25519,  hash: UNDEF)"),
-              std::string::npos);
+    EXPECT_TRUE(has(log, "(as type: rsa-sha2-512,  hash: SHA512)"));
+    EXPECT_TRUE(has(log, "(as type: rsa-sha2-256,  hash: SHA256)"));
+    EXPECT_TRUE(has(log, "Signing using key id_ED25519_256 (as type: ssh-ed25519,  hash: UNDEF)"));
 }
 
-TEST_F(SshEndToEnd, SshKeygenSignsFilesThroughTheAgent)
+TEST_F(SshEndToEnd, SshKeygenSignsFilesAndAForwardedAgentLists)
 {
     // Given only the public key, ssh-keygen -Y sign has the agent sign.
     for (const char *key : {"ed", "rsa", "p521"})
-        EXPECT_TRUE(agent_signs_with(agent, (agent.root() / key).string())) << key;
-}
-
-TEST_F(SshEndToEnd, ForwardedAgentListsKeysOnTheFarSide)
-{
-    ProgramRun far = ssh("p256", {"-A"}, "ssh-add -l");
+        EXPECT_TRUE(agent_signs_with(agent, path(key))) << key;
+    ProgramRun far = run_program(agent, sshd.ssh_args({"-A", "-o", "IdentityFile=" + path("p256") + ".pub"}, "ssh-add -l"));
     EXPECT_EQ(far.status, 0) << far.output;
-    EXPECT_NE(far.output.find("p384 (ECDSA)"), std::string::npos) << far.output;
-    EXPECT_NE(far.output.find("rsa (RSA)"), std::string::npos);
+    EXPECT_TRUE(has(far.output, "p384 (ECDSA)")) << far.output;
+    EXPECT_TRUE(has(far.output, "rsa (RSA)"));
 }
 
 TEST_F(SshEndToEnd, PuttyAndParamikoListAndSign)
@@ -88,44 +89,15 @@ TEST_F(SshEndToEnd, PuttyAndParamikoListAndSign)
     if (system("command -v plink > /dev/null && /usr/bin/python3 -c 'import paramiko' 2> /dev/null") != 0)
         GTEST_SKIP() << "plink or paramiko is not installed";
     // plink authenticates with the agent's keys; the host key is given.
-    std::string host_key = (agent.root() / "sshd" / "host_key.pub").string();
-    std::string fingerprint =
-        "SHA256:" + word_after(run_program(agent, {"/usr/bin/ssh-keygen", "-l", "-E", "sha256", "-f", host_key}).output,
-                               "SHA256:");
-    ProgramRun plink = run_program(agent, {"/usr/bin/plink", "-batch", "-ssh", "-agent", "-P", std::to_string(sshd->port()), "-hostkey",
-                        fingerprint, platform_user_name() + "@127.0.0.1", "echo plink-ok"});
+    std::string shown = run_tool("ssh-keygen -l -E sha256 -f " + path("sshd/host_key.pub")).output;
+    ProgramRun plink = run_program(agent, {"/usr/bin/plink", "-batch", "-ssh", "-agent", "-P", std::to_string(sshd.port()),
+                                           "-hostkey", "SHA256:" + word_after(shown, "SHA256:"),
+                                           platform_user_name() + "@127.0.0.1", "echo plink-ok"});
     EXPECT_EQ(plink.status, 0) << plink.output;
-    EXPECT_NE(plink.output.find("plink-ok"), std::string::npos);
+    EXPECT_TRUE(has(plink.output, "plink-ok"));
 
-    // paramiko lists the keys and has each one sign; paramiko checks each
-    // signature against the listed public key.
-    std::string script = (agent.root() / "paramiko_check.py").string();
-    std::ofstream(script) << R"(
-import paramiko, sys
-keys = paramiko.Agent().get_keys()
-print("keys", len(keys))
-data = b"data to be signed"
-for key in keys:
-    name = key.get_name()
-    if name in ("ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521"):
-        public = paramiko.ECDSAKey(data=key.asbytes())
-    elif name == "ssh-rsa":
-        public = paramiko.RSAKey(data=key.asbytes())
-    elif name == "ssh-dss":
-        public = paramiko.DSSKey(data=key.asbytes())
-    elif name == "ssh-ed25519":
-        public = paramiko.Ed25519Key(data=key.asbytes())
-    else:
-        continue
-    signature = paramiko.Message(key.sign_ssh_data(data))
-    print(name, "verified" if public.verify_ssh_sig(data, signature) else "FAILED")
-)";
-    ProgramRun paramiko = run_program(agent, {"/usr/bin/python3", script});
-    EXPECT_EQ(paramiko.status, 0) << paramiko.output;
-    for (const char *name : {"ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521",
-                             "ssh-ed25519"})
-        EXPECT_NE(paramiko.output.find(std::string(name) + " verified"), std::string::npos) << paramiko.output;
-    EXPECT_EQ(paramiko.output.find("FAILED"), std::string::npos);
+    // paramiko lists the keys and has each one sign.
+    every_type_verified({"/usr/bin/python3", script("paramiko_check.py")});
 }
 
 TEST_F(SshEndToEnd, NodeSsh2ListsAndSignsWithEveryKeyType)
@@ -137,33 +109,5 @@ TEST_F(SshEndToEnd, NodeSsh2ListsAndSignsWithEveryKeyType)
     std::string modules = (cache && *cache ? std::string(cache) : std::string(getenv("HOME")) + "/.cache") +
                           "/tarnwell/node-clients";
     ASSERT_EQ(system((std::string(TARNWELL_SOURCE_DIR) + "/scripts/install-node-clients " + modules).c_str()), 0);
-    std::string script = (agent.root() / "ssh2_check.js").string();
-    std::ofstream(script) << R"(
-const dir = process.argv[2] + '/node_modules/ssh2';
-const { OpenSSHAgent } = require(dir);
-const { sigSSHToASN1 } = require(dir + '/lib/protocol/utils.js');
-const agent = new OpenSSHAgent(process.env.SSH_AUTH_SOCK);
-const data = Buffer.from('data to be signed');
-agent.getIdentities((err, keys) => {
-  if (err) { console.log('FAILED to list:', err.message); process.exit(1); }
-  let pending = keys.length;
-  for (const key of keys) {
-    agent.sign(key, data, { hash: 'sha256' }, (err, sig) => {
-      if (err) {
-        console.log(key.type, 'FAILED to sign:', err.message);
-      } else {
-        const ok = key.verify(data, sigSSHToASN1(sig, key.type), key.type === 'ssh-rsa' ? 'sha256' : undefined);
-        console.log(key.type, ok === true ? 'verified' : 'FAILED');
-      }
-      if (--pending === 0) process.exit(0);
-    });
-  }
-});
-)";
-    ProgramRun node = run_program(agent, {"/usr/bin/env", "node", script, modules});
-    EXPECT_EQ(node.status, 0) << node.output;
-    for (const char *name : {"ssh-rsa", "ssh-dss", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521",
-                             "ssh-ed25519"})
-        EXPECT_NE(node.output.find(std::string(name) + " verified"), std::string::npos) << node.output;
-    EXPECT_EQ(node.output.find("FAILED"), std::string::npos) << node.output;
+    every_type_verified({"/usr/bin/env", "node", script("ssh2_check.js"), modules});
 }

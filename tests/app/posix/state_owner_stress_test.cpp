@@ -17,15 +17,12 @@ namespace {
 int client_errors(const std::string &socket, const Bytes &blob, int rounds)
 {
     AgentClient client(socket);
-    if (!client.connected())
-        return rounds;
-    int errors = 0;
-    for (int i = 0; i < rounds; ++i) {
+    int errors = client.connected() ? 0 : rounds;
+    for (int i = 0; i < rounds && client.connected(); ++i) {
         Bytes list = client.request(frame(hex_bytes("0b")));
-        bool list_ok = list.size() >= 9 && list[4] == 12 && (list[8] == 0 || list[8] == 1);
+        errors += !(list.size() >= 9 && list[4] == 12 && (list[8] == 0 || list[8] == 1));
         Bytes signature = client.request(sign_request(blob, "data to sign"));
-        bool sign_ok = signature.size() >= 5 && (signature[4] == 14 || signature == hex_bytes("00000001 aa"));
-        errors += !list_ok + !sign_ok;
+        errors += !(signature.size() >= 5 && (signature[4] == 14 || signature == hex_bytes("00000001 aa")));
     }
     return errors;
 }
@@ -39,17 +36,14 @@ TEST(StateOwner, ClientsAndControlCommandsInterleave)
     std::string key = make_key(agent, "key", "ecdsa");
     ASSERT_EQ(run_tagent(agent, {"add", key}).status, 0);
     Bytes blob = public_line_blob(key + ".pub");
-
-    std::string first = write_text(agent, "first.txt", "\n");
-    std::string second = write_text(agent, "second.txt", "second passphrase\n");
+    std::string old_file = write_text(agent, "first.txt", "\n");
+    std::string new_file = write_text(agent, "second.txt", "second passphrase\n");
 
     std::vector<int> errors(4, 0);
     std::vector<std::thread> clients;
     for (size_t i = 0; i < errors.size(); ++i)
         clients.emplace_back([&, i] { errors[i] = client_errors(agent.socket_path(), blob, 150); });
-
     int control_failures = 0;
-    std::string old_file = first, new_file = second;
     for (int round = 0; round < 6; ++round) {
         control_failures += run_tagent(agent, {"lock"}).status != 0;
         control_failures += run_tagent(agent, {"unlock", "--passphrase-file", old_file}).status != 0;
@@ -60,17 +54,15 @@ TEST(StateOwner, ClientsAndControlCommandsInterleave)
     }
     for (auto &client : clients)
         client.join();
-
     EXPECT_EQ(control_failures, 0);
-    for (int count : errors)
-        EXPECT_EQ(count, 0);
+    EXPECT_EQ(errors, std::vector<int>(4, 0));
+
     // The key store follows the last passphrase: a restart unlocks with it
     // and signs.
     agent.stop();
     agent.set_extra_args({"--passphrase-file", old_file});
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    AgentClient client(agent.socket_path());
-    Bytes signature = client.request(sign_request(blob, "data to sign"));
+    Bytes signature = AgentClient(agent.socket_path()).request(sign_request(blob, "data to sign"));
     ASSERT_GE(signature.size(), 5u);
     EXPECT_EQ(signature[4], 14) << agent.log_text();
 }

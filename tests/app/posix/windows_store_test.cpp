@@ -3,8 +3,6 @@
 // locked, unlocked by the same passphrase, and signed with.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include "support/agent_process.h"
 
 TEST(WindowsStore, LinuxAgentReadsTheStoreTheWindowsAgentWrote)
@@ -14,22 +12,19 @@ TEST(WindowsStore, LinuxAgentReadsTheStoreTheWindowsAgentWrote)
         GTEST_SKIP() << "no store from the Windows build (TARNWELL_WINDOWS_STORE)";
     AgentProcess agent;
     std::filesystem::create_directories(agent.data_dir());
-    chmod(agent.data_dir().c_str(), 0700);
-    for (const char *name : {"tAgent", "tAgentKeys", "tAgentKeys.pub"}) {
-        std::filesystem::path copy = std::filesystem::path(agent.data_dir()) / name;
-        ASSERT_TRUE(std::filesystem::copy_file(std::filesystem::path(exported) / name, copy)) << name;
-        chmod(copy.c_str(), 0600);
-    }
+    std::filesystem::permissions(agent.data_dir(), std::filesystem::perms::owner_all);
     std::string key = (agent.root() / "id_shared").string();
-    std::filesystem::copy_file(std::filesystem::path(exported) / "id_shared.pem", key);
-    chmod(key.c_str(), 0600);
-    ASSERT_EQ(system(("ssh-keygen -y -f " + key + " > " + key + ".pub").c_str()), 0);
+    for (auto [from, to] : {std::pair<std::string, std::string>{"tAgent", agent.data_dir() + "/tAgent"},
+                            {"tAgentKeys", agent.data_dir() + "/tAgentKeys"},
+                            {"tAgentKeys.pub", agent.data_dir() + "/tAgentKeys.pub"}, {"id_shared.pem", key}}) {
+        ASSERT_TRUE(std::filesystem::copy_file(std::filesystem::path(exported) / from, to)) << from;
+        std::filesystem::permissions(to, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    }
+    ASSERT_EQ(run_tool("ssh-keygen -y -f " + key + " > " + key + ".pub").status, 0);
 
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    ProgramRun listed = ssh_add(agent, {"-L"});
-    std::string pub = read_file_text(key + ".pub");
-    EXPECT_NE(listed.output.find(pub.substr(0, pub.find_first_of(" \n", pub.find(' ') + 1))), std::string::npos)
-        << listed.output << pub;
+    std::string listed = ssh_add(agent, {"-L"}).output, pub = read_file_text(key + ".pub");
+    EXPECT_TRUE(has(listed, pub.substr(0, pub.find_first_of(" \n", pub.find(' ') + 1)))) << listed << pub;
     EXPECT_FALSE(agent_signs_with(agent, key)) << "locked";
     EXPECT_EQ(run_tagent(agent, {"unlock", "--passphrase-file", write_text(agent, "pass.txt", "shared words\n")}).status,
               0);
