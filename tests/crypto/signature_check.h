@@ -6,15 +6,15 @@
 
 #include <string>
 
-#include <openssl/dsa.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
-#include <openssl/rsa.h>
 
 #include "keys/buffer.h"
 #include "keys/key.h"
 #include "keys/ossl_ptr.h"
 #include "support/bytes.h"
+
+using EcdsaSigPtr = OsslPtr<ECDSA_SIG, ECDSA_SIG_free>;
 
 inline Bytes text_bytes(const std::string &text) { return Bytes(text.begin(), text.end()); }
 
@@ -24,15 +24,19 @@ inline void put_string(Bytes *out, const Bytes &value)
     out->insert(out->end(), length.begin(), length.end());
 }
 
-// Reads one string at *pos; fails the test when it is cut short.
-inline Bytes take_string(const Bytes &in, size_t *pos)
+// The strings of `in` in order; fails the test when one is cut short or
+// bytes are left over.
+inline std::vector<Bytes> strings_of(const Bytes &in)
 {
-    uint32_t n = *pos + 4 <= in.size() ? get_u32(in.data() + *pos) : 0;
-    EXPECT_LE(*pos + 4 + n, in.size());
-    if (*pos + 4 + n > in.size())
-        return *pos = in.size(), Bytes();
-    *pos += 4 + n;
-    return Bytes(in.begin() + static_cast<long>(*pos - n), in.begin() + static_cast<long>(*pos));
+    std::vector<Bytes> out;
+    for (size_t pos = 0; pos < in.size();) {
+        uint32_t n = pos + 4 <= in.size() ? get_u32(in.data() + pos) : UINT32_MAX;
+        if (n > in.size() - pos - 4)
+            return ADD_FAILURE() << "string cut short at " << pos, out;
+        out.emplace_back(in.begin() + long(pos + 4), in.begin() + long(pos + 4 + n));
+        pos += 4 + n;
+    }
+    return out;
 }
 
 inline Bytes signature_blob(const std::string &name, const Bytes &sig)
@@ -50,12 +54,10 @@ struct ParsedBlob {
 
 inline ParsedBlob parse_blob(const SecureBytes &blob)
 {
-    Bytes in(blob.begin(), blob.end());
-    size_t pos = 0;
-    Bytes name = take_string(in, &pos);
-    ParsedBlob parsed{std::string(name.begin(), name.end()), take_string(in, &pos)};
-    EXPECT_EQ(pos, in.size());
-    return parsed;
+    std::vector<Bytes> parts = strings_of(Bytes(blob.begin(), blob.end()));
+    EXPECT_EQ(parts.size(), 2u);
+    parts.resize(2);
+    return {std::string(parts[0].begin(), parts[0].end()), parts[1]};
 }
 
 // OpenSSL's one-shot verifier over the data (PKCS #1 v1.5 for RSA).
@@ -80,41 +82,20 @@ inline Bytes openssl_sign(EVP_PKEY *pkey, const char *md, const Bytes &data)
     return sig;
 }
 
-// DER of a DSA-Sig-Value / ECDSA-Sig-Value from big-endian r and s.
-inline Bytes der_from_rs(const Bytes &r, const Bytes &s)
+// A signature in SSH form from OpenSSL's own, or the other way round.
+// `form`: "rsa", "ed" and "der" as they are, "raw" (DSA r||s of 40 bytes)
+// or "mpint" (ECDSA: r, s as strings, of `width` bytes each).
+inline Bytes ssh_form(const Bytes &der, const std::string &form, int width)
 {
-    ECDSA_SIG *sig = ECDSA_SIG_new();
-    ECDSA_SIG_set0(sig, BN_bin2bn(r.data(), int(r.size()), nullptr), BN_bin2bn(s.data(), int(s.size()), nullptr));
-    unsigned char *der = nullptr;
-    int len = i2d_ECDSA_SIG(sig, &der);
-    Bytes out(der, der + std::max(len, 0));
-    OPENSSL_free(der);
-    ECDSA_SIG_free(sig);
-    return out;
-}
-
-// Big-endian r and s of a DER signature, each padded to `width` bytes.
-inline void rs_from_der(const Bytes &der, int width, Bytes *r, Bytes *s)
-{
+    if (form != "raw" && form != "mpint")
+        return der;
     const unsigned char *p = der.data();
-    ECDSA_SIG *sig = d2i_ECDSA_SIG(nullptr, &p, long(der.size()));
-    ASSERT_NE(sig, nullptr);
-    r->assign(width, 0);
-    s->assign(width, 0);
-    BN_bn2binpad(ECDSA_SIG_get0_r(sig), r->data(), width);
-    BN_bn2binpad(ECDSA_SIG_get0_s(sig), s->data(), width);
-    ECDSA_SIG_free(sig);
-}
-
-// A signature string in SSH form made from OpenSSL's own signature, or the
-// other way round. `form`: "rsa" and "ed" as they are, "raw" (DSA r||s of
-// 40 bytes) or "mpint" (ECDSA: r, s as strings, of `width` bytes each).
-inline Bytes ssh_form(const Bytes &openssl_signature, const std::string &form, int width)
-{
-    if (form == "rsa" || form == "ed")
-        return openssl_signature;
-    Bytes r, s, out;
-    rs_from_der(openssl_signature, form == "raw" ? 20 : width, &r, &s);
+    EcdsaSigPtr sig(d2i_ECDSA_SIG(nullptr, &p, long(der.size())));
+    if (!sig)
+        return ADD_FAILURE() << "not a DER signature", Bytes();
+    Bytes r(form == "raw" ? 20 : width), s(r.size()), out;
+    BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), r.data(), int(r.size()));
+    BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), s.data(), int(s.size()));
     if (form == "raw")
         return r.insert(r.end(), s.begin(), s.end()), r;
     put_string(&out, r);
@@ -124,15 +105,24 @@ inline Bytes ssh_form(const Bytes &openssl_signature, const std::string &form, i
 
 inline Bytes der_form(const Bytes &ssh_signature, const std::string &form)
 {
-    size_t pos = 0;
-    if (form == "raw" && ssh_signature.size() == 40)
-        return der_from_rs(Bytes(ssh_signature.begin(), ssh_signature.begin() + 20),
-                           Bytes(ssh_signature.begin() + 20, ssh_signature.end()));
-    if (form == "mpint") {
-        Bytes r = take_string(ssh_signature, &pos);
-        return der_from_rs(r, take_string(ssh_signature, &pos));
+    Bytes r, s;
+    if (form == "raw" && ssh_signature.size() == 40) {
+        r.assign(ssh_signature.begin(), ssh_signature.begin() + 20);
+        s.assign(ssh_signature.begin() + 20, ssh_signature.end());
+    } else if (form == "mpint") {
+        std::vector<Bytes> parts = strings_of(ssh_signature);
+        if (parts.size() != 2)
+            return ADD_FAILURE() << "ECDSA signature of " << parts.size() << " numbers", Bytes();
+        r = parts[0], s = parts[1];
+    } else {
+        return ssh_signature;
     }
-    return ssh_signature;
+    EcdsaSigPtr sig(ECDSA_SIG_new());
+    ECDSA_SIG_set0(sig.get(), BN_bin2bn(r.data(), int(r.size()), nullptr), BN_bin2bn(s.data(), int(s.size()), nullptr));
+    Bytes out(static_cast<size_t>(std::max(i2d_ECDSA_SIG(sig.get(), nullptr), 0)));
+    unsigned char *p = out.data();
+    i2d_ECDSA_SIG(sig.get(), &p);
+    return out;
 }
 
 // OpenSSL alone checks a signature blob against the public key.

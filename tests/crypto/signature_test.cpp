@@ -87,126 +87,116 @@ TEST(Signature, EveryAlgorithmAgreesWithOpenSsl)
     expect_verifies(made, identity->pkey.get(), "ecdsa-sha2-nistp384", "SHA384", "mpint", DATA);
 }
 
+// Blob variants, each verified alone: the result and the log line.
+struct Variant {
+    const Key *key;
+    Bytes blob, data;
+    int result;
+    const char *line;
+};
+
+void expect_variants(std::initializer_list<Variant> variants)
+{
+    for (const Variant &v : variants) {
+        LogCapture log;
+        EXPECT_EQ(verify(v.key, v.blob, v.data), v.result) << v.line;
+        EXPECT_TRUE(!*v.line || log.contains(v.line)) << v.line;
+    }
+}
+
+Bytes plus(Bytes bytes, const Bytes &more)
+{
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    return bytes;
+}
+
+Bytes resized(Bytes bytes, size_t size) { return bytes.resize(size), bytes; }
+
 TEST(Signature, RsaLengthsAndBlobChecks)
 {
-    LogCapture log;
     // A signature whose first byte is zero is still as long as the modulus;
     // a shorter one is padded on verification, a longer one refused.
     Key *key = shared_key(KEY_RSA, 1023);
     key->sigalg = signature_algorithm_by_name("rsa-sha2-256");
     ASSERT_EQ(EVP_PKEY_get_size(key->pkey.get()), 128);
-    Bytes data;
-    ParsedBlob blob;
-    for (int i = 0; i < 5000 && (blob.sig.empty() || blob.sig[0] != 0); ++i)
-        blob = parse_blob(sign(key, data = text_bytes("attempt " + std::to_string(i))));
-    ASSERT_EQ(blob.sig[0], 0) << "no signature with a leading zero byte found";
-    EXPECT_EQ(blob.sig.size(), 128u);
-    EXPECT_TRUE(openssl_verifies(key->pkey.get(), "SHA256", blob.sig, data));
-    EXPECT_EQ(verify(key, signature_blob("rsa-sha2-256", Bytes(blob.sig.begin() + 1, blob.sig.end())), data), 1);
-    EXPECT_TRUE(log.contains("ssh_rsa_verify: add padding: modlen 128 > len 127"));
-    Bytes longer = blob.sig;
-    longer.insert(longer.begin(), 0);
-    EXPECT_EQ(verify(key, signature_blob("rsa-sha2-256", longer), data), -1);
-    EXPECT_TRUE(log.contains("ssh_rsa_verify: len 129 > modlen 128"));
+    Bytes data, sig;
+    for (int i = 0; i < 5000 && (sig.empty() || sig[0] != 0); ++i)
+        sig = parse_blob(sign(key, data = text_bytes("attempt " + std::to_string(i)))).sig;
+    ASSERT_EQ(sig.size(), 128u);
+    ASSERT_EQ(sig[0], 0) << "no signature with a leading zero byte found";
+    EXPECT_TRUE(openssl_verifies(key->pkey.get(), "SHA256", sig, data));
+    Bytes good = signature_blob("rsa-sha2-256", sig);
+    expect_variants({
+        {key, signature_blob("rsa-sha2-256", Bytes(sig.begin() + 1, sig.end())), data, 1,
+         "ssh_rsa_verify: add padding: modlen 128 > len 127"},
+        {key, signature_blob("rsa-sha2-256", plus({0}, sig)), data, -1, "ssh_rsa_verify: len 129 > modlen 128"},
+        {key, signature_blob("RSA-SHA2-256", sig), data, 1, ""},
+        {key, signature_blob("ssh-rsa", sig), data, -1, "ssh_rsa_verify: cannot handle type ssh-rsa"},
+        {key, plus(good, {7}), data, -1, "ssh_rsa_verify: remaining bytes in signature 1"},
+        {key, Bytes(), data, -1, ""},
+    });
 
     // Moduli from 768 bits verify; smaller ones sign but never verify.
     for (auto [bits, result] : {std::pair{512u, -1}, {767u, -1}, {768u, 1}}) {
         Key *k = shared_key(KEY_RSA, bits);
         Bytes made = parse_blob(sign(k)).sig;
         EXPECT_TRUE(openssl_verifies(k->pkey.get(), "SHA1", made, DATA));
-        EXPECT_EQ(verify(k, signature_blob("ssh-rsa", made)), result) << bits;
+        expect_variants({{k, signature_blob("ssh-rsa", made), DATA, result,
+                          bits == 767 ? "ssh_rsa_verify: RSA modulus too small: 767 < minimum 768 bits" : ""}});
     }
-    EXPECT_TRUE(log.contains("ssh_rsa_verify: RSA modulus too small: 767 < minimum 768 bits"));
 
-    Bytes sig = parse_blob(sign(key)).sig;
-    EXPECT_EQ(verify(key, signature_blob("RSA-SHA2-256", sig)), 1);
-    EXPECT_EQ(verify(key, signature_blob("ssh-rsa", sig)), -1);
-    EXPECT_TRUE(log.contains("ssh_rsa_verify: cannot handle type ssh-rsa"));
-    Bytes trailing = signature_blob("rsa-sha2-256", sig);
-    trailing.push_back(7);
-    EXPECT_EQ(verify(key, trailing), -1);
-    EXPECT_TRUE(log.contains("ssh_rsa_verify: remaining bytes in signature 1"));
-    EXPECT_EQ(key_verify(key, trailing.data(), 0, DATA.data(), DATA.size()), -1);
+    // Signature type 0 signs RSA with MD5 under the row's name; verification
+    // keeps the row's hash.
+    Key *rsa = shared_key(KEY_RSA, 2048);
+    rsa->sigalg = signature_algorithm_by_name("rsa-sha2-512");
+    SigtypeSetting md5(0);
+    ParsedBlob md5_blob = parse_blob(sign(rsa));
+    EXPECT_EQ(md5_blob.name, "rsa-sha2-512");
+    EXPECT_TRUE(openssl_verifies(rsa->pkey.get(), "MD5", md5_blob.sig, DATA));
+    expect_variants({{rsa, signature_blob("rsa-sha2-512", md5_blob.sig), DATA, 0, "bad decrypted len: 34 != 19 + 64"}});
 }
 
 TEST(Signature, DsaAndEcdsaBlobChecks)
 {
-    LogCapture log;
-    Key *dsa = shared_key(KEY_DSA, 1024);
+    Key *dsa = shared_key(KEY_DSA, 1024), *ec = shared_key(KEY_ECDSA, 256), *rsa = shared_key(KEY_RSA, 1024);
     Bytes sig = parse_blob(sign(dsa)).sig;
-    EXPECT_EQ(verify(dsa, signature_blob("SSH-DSS", sig)), -1);  // exact name only
-    EXPECT_TRUE(log.contains("ssh_dss_verify: cannot handle type SSH-DSS"));
-    for (size_t size : {39u, 41u}) {
-        Bytes resized = sig;
-        resized.resize(size);
-        EXPECT_EQ(verify(dsa, signature_blob("ssh-dss", resized)), -1) << size;
-    }
-    EXPECT_TRUE(log.contains("bad sigbloblen 41 != SIGBLOB_LEN"));
-    Bytes trailing = signature_blob("ssh-dss", sig);
-    trailing.push_back(1);
-    EXPECT_EQ(verify(dsa, trailing), -1);
-    EXPECT_TRUE(log.contains("ssh_dss_verify: remaining bytes in signature 1"));
-
     // An r with its top bit set travels with a zero byte in front.
-    Key *ec = shared_key(KEY_ECDSA, 256);
-    Bytes r, s, signed_data, inner;
-    for (int i = 0; i < 200 && (r.empty() || r[0] != 0); ++i) {
-        signed_data = text_bytes("try " + std::to_string(i));
-        inner = parse_blob(sign(ec, signed_data)).sig;
-        size_t pos = 0;
-        r = take_string(inner, &pos);
-        s = take_string(inner, &pos);
-    }
+    Bytes r, signed_data, inner;
+    for (int i = 0; i < 200 && (r.empty() || r[0] != 0); ++i)
+        r = strings_of(inner = parse_blob(sign(ec, signed_data = text_bytes("try " + std::to_string(i)))).sig).at(0);
     ASSERT_EQ(r.size(), 33u);
     ASSERT_GE(r[1], 0x80);
-    EXPECT_EQ(verify(ec, signature_blob("ECDSA-SHA2-NISTP256", inner), signed_data), 1);
-    Bytes third = inner;
-    put_string(&third, Bytes{1});
-    EXPECT_EQ(verify(ec, signature_blob("ecdsa-sha2-nistp256", third), signed_data), 0);
-    EXPECT_TRUE(log.contains("ssh_ecdsa_parse_sig: data remaining in sigature buffer."));
-    // One byte more after the numbers, or after the signature string.
-    Bytes one_more = inner;
-    one_more.push_back(0);
-    EXPECT_EQ(verify(ec, signature_blob("ecdsa-sha2-nistp256", one_more), signed_data), 0);
-    Bytes after = signature_blob("ecdsa-sha2-nistp256", inner);
-    after.push_back(0);
-    EXPECT_NE(verify(ec, after, signed_data), 1);
-    Bytes cut = signature_blob("ecdsa-sha2-nistp256", inner);
-    cut.pop_back();
+    KeyPtr unknown = key_new(KEY_UNSPEC);
+    Bytes ec_blob = signature_blob("ecdsa-sha2-nistp256", inner);
+    expect_variants({
+        {dsa, signature_blob("SSH-DSS", sig), DATA, -1, "ssh_dss_verify: cannot handle type SSH-DSS"},  // exact name
+        {dsa, signature_blob("ssh-dss", resized(sig, 39)), DATA, -1, "bad sigbloblen 39 != SIGBLOB_LEN"},
+        {dsa, signature_blob("ssh-dss", resized(sig, 41)), DATA, -1, "bad sigbloblen 41 != SIGBLOB_LEN"},
+        {dsa, plus(signature_blob("ssh-dss", sig), {1}), DATA, -1, "ssh_dss_verify: remaining bytes in signature 1"},
+        {ec, signature_blob("ECDSA-SHA2-NISTP256", inner), signed_data, 1, ""},
+        {ec, signature_blob("ecdsa-sha2-nistp256", plus(inner, frame({1}))), signed_data, 0,
+         "ssh_ecdsa_parse_sig: data remaining in sigature buffer."},
+        // One byte more after the numbers, or after the signature string.
+        {ec, signature_blob("ecdsa-sha2-nistp256", plus(inner, {0})), signed_data, 0, ""},
+        {ec, plus(ec_blob, {0}), signed_data, -1, ""},
+        {rsa, ec_blob, DATA, -1, ""},
+        {unknown.get(), inner, DATA, -1, "key_verify: illegal key type 8"},
+    });
+    Bytes cut = resized(ec_blob, ec_blob.size() - 1);
+    LogCapture log;
     EXPECT_EQ(ssh_ecdsa_verify(ec, cut.data(), cut.size(), signed_data.data(), signed_data.size(), 0), SSH_ECDSA_ERROR);
     EXPECT_TRUE(log.contains("ssh_ecdsa_verify: failed to parse signature blob"));
-    SecureBytes one_number(inner.begin(), inner.begin() + 4 + 33);
+    SecureBytes one_number(inner.begin(), inner.begin() + 4 + 33), made;
     EXPECT_EQ(ssh_ecdsa_parse_sig(&one_number), -1);
-
-    SecureBytes made;
-    EXPECT_EQ(ssh_ecdsa_sign(shared_key(KEY_RSA, 1024), &made, DATA.data(), DATA.size(), 0), SSH_ECDSA_BAD_KEY);
-    EXPECT_EQ(verify(shared_key(KEY_RSA, 1024), signature_blob("ecdsa-sha2-nistp256", inner)), -1);
-    KeyPtr unknown = key_new(KEY_UNSPEC);
-    EXPECT_EQ(verify(unknown.get(), inner), -1);
-    EXPECT_TRUE(log.contains("key_verify: illegal key type 8"));
+    EXPECT_EQ(ssh_ecdsa_sign(rsa, &made, DATA.data(), DATA.size(), 0), SSH_ECDSA_BAD_KEY);
     EXPECT_NE(key_sign(nullptr, 0, unknown.get(), &made, DATA.data(), DATA.size(), nullptr, 0), 0);
     // Certificate identities of these types are the certificate layer's.
     KeyPtr cert = key_new(KEY_X509_RSA);
-    cert->pkey.reset(EVP_PKEY_dup(shared_key(KEY_RSA, 1024)->pkey.get()));
+    cert->pkey.reset(EVP_PKEY_dup(rsa->pkey.get()));
     SecureBytes none;
     EXPECT_NE(key_sign(nullptr, 0, cert.get(), &none, DATA.data(), DATA.size(), nullptr, 0), 0);
     EXPECT_TRUE(none.empty());
     EXPECT_TRUE(log.contains("key_sign: certificate signatures are not supported for key type 3"));
-}
-
-// Signature type 0 signs RSA with MD5 under the row's name; verification
-// keeps the row's hash.
-TEST(Signature, SigtypeZeroSignsWithMd5)
-{
-    Key *key = shared_key(KEY_RSA, 2048);
-    key->sigalg = signature_algorithm_by_name("rsa-sha2-512");
-    LogCapture log;
-    SigtypeSetting md5(0);
-    ParsedBlob blob = parse_blob(sign(key));
-    EXPECT_EQ(blob.name, "rsa-sha2-512");
-    EXPECT_TRUE(openssl_verifies(key->pkey.get(), "MD5", blob.sig, DATA));
-    EXPECT_EQ(verify(key, signature_blob("rsa-sha2-512", blob.sig)), 0);
-    EXPECT_TRUE(log.contains("bad decrypted len: 34 != 19 + 64"));
 }
 
 // Under FIPS rules: no MD5 or SHA-1 RSA signatures, RSA keys of the listed
@@ -266,24 +256,19 @@ TEST(Signature, DigestInfoChecks)
         EXPECT_EQ(EVP_PKEY_sign(ctx.get(), sig.data(), &len, block.data(), block.size()), 1);
         return sig;
     };
-    Bytes good = sign_raw(info);
+    Bytes good = sign_raw(info), garbage(128, 0x5a), other_oid = info, flipped(digest, digest + 32);
+    other_oid[16] ^= 1;
+    flipped[31] ^= 1;
+    Bytes wrong_oid = sign_raw(other_oid);
     LogCapture log;
     EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, good.data(), good.size(), pkey), 1);
     EXPECT_EQ(rsa_verify_digest_info(NID_sha384, digest, 32, good.data(), good.size(), pkey), 0);
     EXPECT_TRUE(log.lines().empty());  // no DigestInfo for SHA-384, silently
-    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 31, good.data(), good.size(), pkey), 0);
-    EXPECT_TRUE(log.contains("bad hashlen"));
-    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, good.data(), 0, pkey), 0);
-    EXPECT_TRUE(log.contains("bad siglen"));
-    Bytes other_oid = info;
-    other_oid[16] ^= 1;
-    Bytes wrong_oid = sign_raw(other_oid);
-    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, wrong_oid.data(), wrong_oid.size(), pkey), 0);
-    EXPECT_TRUE(log.contains("oid mismatch"));
-    digest[31] ^= 1;
-    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, good.data(), good.size(), pkey), 0);
-    EXPECT_TRUE(log.contains("hash mismatch"));
-    Bytes garbage(128, 0x5a);
-    EXPECT_EQ(rsa_verify_digest_info(NID_sha256, digest, 32, garbage.data(), garbage.size(), pkey), 0);
-    EXPECT_TRUE(log.contains("EVP_PKEY_decrypt failed: "));
+    struct Case { const uint8_t *digest; size_t len; Bytes sig; const char *line; };
+    for (const Case &c : {Case{digest, 31, good, "bad hashlen"}, Case{digest, 32, Bytes(), "bad siglen"},
+                          Case{digest, 32, wrong_oid, "oid mismatch"}, Case{flipped.data(), 32, good, "hash mismatch"},
+                          Case{digest, 32, garbage, "EVP_PKEY_decrypt failed: "}}) {
+        EXPECT_EQ(rsa_verify_digest_info(NID_sha256, c.digest, c.len, c.sig.data(), c.sig.size(), pkey), 0) << c.line;
+        EXPECT_TRUE(log.contains(c.line));
+    }
 }

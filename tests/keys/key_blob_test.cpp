@@ -31,21 +31,10 @@ Bytes text(const char *t) { return Bytes(t, t + strlen(t)); }
 
 }  // namespace
 
-TEST(KeyBlob, RoundTripsEveryTypeAndKeepsTheName)
+// Every type's blob against ssh-keygen's is in the OpenSSH tests.
+TEST(KeyBlob, RsaLayoutAndTheName)
 {
-    for (auto [type, bits] : {std::pair{KEY_RSA, 1024u}, {KEY_DSA, 1024u}, {KEY_ECDSA, 256u}, {KEY_ECDSA, 384u},
-                              {KEY_ECDSA, 521u}, {KEY_ED25519, 256u}}) {
-        KeyPtr key = key_generate(type, bits);
-        Bytes blob = blob_of(key.get(), key_ssh_name(key.get()));
-        KeyPtr read = read_blob(blob);
-        ASSERT_NE(read, nullptr);
-        EXPECT_EQ(read->type, type);
-        EXPECT_EQ(read->ecdsa_nid, key->ecdsa_nid);
-        EXPECT_NE(key_equal(read.get(), key.get()), 0);
-        EXPECT_EQ(blob_of(read.get(), key_ssh_name(read.get())), blob);
-    }
-    // The RSA layout; a key read under rsa-sha2-512 keeps that name but
-    // its blob name stays ssh-rsa.
+    // A key read under rsa-sha2-512 keeps that name; its blob name stays ssh-rsa.
     KeyPtr key = key_generate(KEY_RSA, 2048);
     Bytes blob = blob_of(key.get(), "ssh-rsa");
     Bytes head = hex_bytes("00000007 7373682d727361 00000003 010001 00000101 00");

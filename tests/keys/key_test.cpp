@@ -26,16 +26,13 @@ TEST(Key, GeneratedKeysAndTheirPublicHalves)
         SCOPED_TRACE(c.description);
         KeyPtr key = key_generate(c.type, c.bits);
         ASSERT_NE(key, nullptr);
-        EXPECT_EQ(key->type, c.type);
-        EXPECT_EQ(key->ecdsa_nid, c.nid);
+        KeyPtr pub = key_from_private(key.get());
+        ASSERT_NE(pub, nullptr);
+        EXPECT_EQ(std::tuple(key->type, key->ecdsa_nid, pub->type, pub->ecdsa_nid),
+                  std::tuple(c.type, c.nid, c.type, c.nid));
         EXPECT_EQ(key_size(key.get()), c.bits);
         EXPECT_EQ(EVP_PKEY_get_bits(key->pkey.get()), static_cast<int>(c.bits));
         EXPECT_EQ(key_description(key.get()), c.description + user);
-
-        KeyPtr pub = key_from_private(key.get());
-        ASSERT_NE(pub, nullptr);
-        EXPECT_EQ(pub->type, c.type);
-        EXPECT_EQ(pub->ecdsa_nid, c.nid);
         EXPECT_NE(key_equal(key.get(), pub.get()), 0);
         BIGNUM *secret = nullptr;
         EXPECT_EQ(EVP_PKEY_get_bn_param(pub->pkey.get(), c.type == KEY_RSA ? OSSL_PKEY_PARAM_RSA_D : OSSL_PKEY_PARAM_PRIV_KEY,
@@ -50,11 +47,9 @@ TEST(Key, GeneratedKeysAndTheirPublicHalves)
     EXPECT_EQ(BN_num_bits(pkey_get_bn(dsa->pkey.get(), OSSL_PKEY_PARAM_FFC_Q).get()), 160);
 
     LogCapture log;
-    EXPECT_EQ(key_generate(KEY_ECDSA, 300), nullptr);
-    EXPECT_EQ(key_generate(KEY_NULL, 256), nullptr);
+    EXPECT_TRUE(!key_generate(KEY_ECDSA, 300) && !key_generate(KEY_NULL, 256));
     EXPECT_TRUE(log.contains("key_generate: unknown type 7"));
-    EXPECT_EQ(key_from_private(nullptr), nullptr);
-    EXPECT_EQ(key_from_private(key_new(KEY_RSA).get()), nullptr);
+    EXPECT_TRUE(!key_from_private(nullptr) && !key_from_private(key_new(KEY_RSA).get()));
     EXPECT_EQ(key_equal(key_generate(KEY_RSA, 1024).get(), nullptr), 0);
     EXPECT_EQ(key_description(key_new(KEY_UNSPEC).get()), "");
     EXPECT_EQ(key_size(key_new(KEY_RSA).get()), 0u);
@@ -90,9 +85,9 @@ TEST(Key, NamesAndTypes)
     EXPECT_STREQ(key_ssh_name(ec.get()), "ssh-unknown");
     ec->ecdsa_nid = KEY_NID_P384;
     x509ec->ecdsa_nid = KEY_NID_P521;
-    EXPECT_STREQ(key_blob_type_name(ec.get()), "ecdsa-sha2-nistp384");
-    EXPECT_STREQ(key_ssh_name(x509ec.get()), "x509v3-ecdsa-sha2-nistp521");
-    EXPECT_STREQ(key_blob_type_name(x509ec.get()), "");
+    EXPECT_EQ(std::tuple(std::string(key_blob_type_name(ec.get())), std::string(key_ssh_name(x509ec.get())),
+                         std::string(key_blob_type_name(x509ec.get()))),
+              std::tuple("ecdsa-sha2-nistp384", "x509v3-ecdsa-sha2-nistp521", ""));
     for (auto [type, text] : {std::pair{KEY_X509_RSA, "X509(rsa)"}, {KEY_X509_DSA, "X509(dsa)"}, {KEY_X509_ECDSA, "X509(ecdsa)"},
                               {KEY_ECDSA, "ECDSA"}, {KEY_ED25519, "ED25519"}, {KEY_UNSPEC, "unknown"}})
         EXPECT_STREQ(key_type(key_new(type).get()), text);
@@ -100,12 +95,10 @@ TEST(Key, NamesAndTypes)
     EXPECT_STREQ(key_type(x509.get()), "RSA+cert");
 
     // Curve names compare exactly; algorithm names in any letter case.
-    EXPECT_EQ(key_curve_name_to_nid("nistp384"), 715);
-    EXPECT_EQ(key_curve_name_to_nid("NISTP384"), -1);
-    EXPECT_EQ(key_ecdsa_name_to_nid("ECDSA-SHA2-NISTP256"), 415);
-    EXPECT_EQ(key_ecdsa_name_to_nid("x509v3-ecdsa-sha2-nistp521"), 716);
-    EXPECT_EQ(key_ecdsa_bits_to_nid(300), -1);
-    EXPECT_EQ(key_ecdsa_nid_to_bits(1), 0);
+    EXPECT_EQ(std::tuple(key_curve_name_to_nid("nistp384"), key_curve_name_to_nid("NISTP384"),
+                         key_ecdsa_name_to_nid("ECDSA-SHA2-NISTP256"), key_ecdsa_name_to_nid("x509v3-ecdsa-sha2-nistp521"),
+                         key_ecdsa_bits_to_nid(300), key_ecdsa_nid_to_bits(1)),
+              std::tuple(715, -1, 415, 716, -1, 0));
 
     // The signature name "ssh-rsa" belongs first to the plain row.
     const SignatureAlgorithm *rows = signature_algorithms();
@@ -135,10 +128,10 @@ TEST(Key, FingerprintRenderings)
     EXPECT_EQ(babble("1234567890"), "xesef-disof-gytuf-katof-movif-baxux");
     EXPECT_EQ(babble("Pineapple"), "xigak-nyryk-humil-bosek-sonax");
     const uint8_t abc[3] = {'a', 'b', 'c'};
-    EXPECT_EQ(fingerprint_base64(abc, 3), "YWJj");
-    EXPECT_EQ(fingerprint_base64(abc, 2), "YWI");  // no padding, as OpenSSH shows it
-    EXPECT_EQ(fingerprint_base64(abc, 1), "YQ");
-    EXPECT_EQ(fingerprint_hex(abc, 3), "61:62:63");
+    // No base64 padding, as OpenSSH shows it.
+    EXPECT_EQ(std::tuple(fingerprint_base64(abc, 3), fingerprint_base64(abc, 2), fingerprint_base64(abc, 1),
+                         fingerprint_hex(abc, 3)),
+              std::tuple("YWJj", "YWI", "YQ", "61:62:63"));
 
     LogCapture log;
     KeyPtr key = key_generate(KEY_ECDSA, 256);

@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
@@ -11,20 +8,14 @@
 #include "support/log_capture.h"
 #include "support/tool_run.h"
 
-namespace fs = std::filesystem;
-
 TEST(PublicKeyFormat, LineTypeParsing)
 {
-    LogCapture log;
-    const char *tab = "ssh-rsa\tAAAA";
-    EXPECT_EQ(key_get_type(&tab, nullptr), KEY_UNSPEC);
-    EXPECT_TRUE(log.contains("key_get_type: missing whitespace"));
-    const char *bare = "ssh-rsa ";
-    EXPECT_EQ(key_get_type(&bare, nullptr), KEY_UNSPEC);
-    EXPECT_TRUE(log.contains("key_get_type: short string"));
-    const char *unknown = "ssh-foo AAAA";
-    EXPECT_EQ(key_get_type(&unknown, nullptr), KEY_UNSPEC);
-    EXPECT_TRUE(log.contains("key_get_type: missing keytype"));
+    for (auto [text, line] : {std::pair{"ssh-rsa\tAAAA", "key_get_type: missing whitespace"},
+                              {"ssh-rsa ", "key_get_type: short string"}, {"ssh-foo AAAA", "key_get_type: missing keytype"}}) {
+        LogCapture log;
+        EXPECT_EQ(key_get_type(&text, nullptr), KEY_UNSPEC);
+        EXPECT_TRUE(log.contains(line)) << line;
+    }
 
     const char *reference = "ssh-rsa#CERT_SYSTEM q80= comment";
     uint32_t source = 0;
@@ -44,33 +35,28 @@ TEST(PublicKeyFormat, LineTypeParsing)
 TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
 {
     TempFolder folder;
-    fs::path dir_path = folder.path();
     for (const char *type : {"rsa", "ecdsa", "dsa"}) {
-        fs::path file = dir_path / type;
-        std::string command = std::string("ssh-keygen -q -N '' -C 'me@there' -t ") + type + " -f " + file.string();
-        ASSERT_EQ(system(command.c_str()), 0);
-        std::string pub = read_file_text(file.string() + ".pub");
+        SCOPED_TRACE(type);
+        std::string file = folder.path(type), ours = folder.path("ours.secsh"), theirs = folder.path("theirs.secsh");
+        ASSERT_EQ(run_tool(std::string("ssh-keygen -q -N '' -C 'me@there' -t ") + type + " -f " + file).status, 0);
+        std::string pub = read_file_text(file + ".pub");
         std::string fields = pub.substr(0, pub.rfind(' '));
-
         const char *cursor = pub.c_str();
         KeyPtr key = key_new(KEY_UNSPEC);
-        ASSERT_EQ(key_read(key.get(), &cursor), 1) << type;
+        ASSERT_EQ(key_read(key.get(), &cursor), 1);
         EXPECT_STREQ(cursor, " me@there\n");
         EXPECT_EQ(key_line(key.get(), false), fields);
         EXPECT_EQ(key_line(key.get(), true), fields + " " + user_at_host() + "\n");
 
         // OpenSSH reads our block, and we read OpenSSH's.
-        std::string block = key_secsh_block(key.get(), nullptr);
-        std::ofstream(dir_path / "ours.secsh") << block;
-        std::string imported_path = (dir_path / "imported.pub").string();
-        ASSERT_EQ(system(("ssh-keygen -i -f " + (dir_path / "ours.secsh").string() + " > " + imported_path).c_str()), 0);
-        EXPECT_EQ(read_file_text(imported_path).substr(0, fields.size()), fields);
-
-        std::string theirs_path = (dir_path / "theirs.secsh").string();
-        ASSERT_EQ(system(("ssh-keygen -e -f " + file.string() + ".pub > " + theirs_path).c_str()), 0);
+        std::ofstream(ours) << key_secsh_block(key.get(), nullptr);
+        ToolResult imported = run_tool("ssh-keygen -i -f " + ours);
+        ASSERT_EQ(imported.status, 0);
+        EXPECT_EQ(imported.output.substr(0, fields.size()), fields);
+        ASSERT_EQ(run_tool("ssh-keygen -e -f " + file + ".pub > " + theirs).status, 0);
         std::string comment;
-        KeyPtr back = key_read_secsh(read_file_text(theirs_path), &comment);
-        ASSERT_TRUE(back) << type;
+        KeyPtr back = key_read_secsh(read_file_text(theirs), &comment);
+        ASSERT_TRUE(back);
         EXPECT_TRUE(key_equal(back.get(), key.get()));
         EXPECT_NE(comment.find("-bit"), std::string::npos) << comment;
     }

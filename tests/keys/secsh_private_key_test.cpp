@@ -1,22 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
-#include <openssl/evp.h>
 #include <openssl/pem.h>
 
+#include "keys/ossl_ptr.h"
 #include "keys/secsh_private_key.h"
 #include "support/bytes.h"
 #include "support/log_capture.h"
 #include "support/tool_run.h"
 
-namespace fs = std::filesystem;
-
 namespace {
-
 
 // The base64 body of a "---- BEGIN SSH2 ENCRYPTED PRIVATE KEY ----" file:
 // header lines (with a colon) and continuation lines are skipped.
@@ -34,20 +28,13 @@ Bytes secsh_body(const std::string &text)
         }
         base64 += line;
     }
-    Bytes out(base64.size());
-    int n = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char *>(base64.data()),
-                            static_cast<int>(base64.size()));
-    out.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    return out;
+    return base64_decode(base64);
 }
 
-EVP_PKEY *read_pem(const fs::path &path)
+PkeyPtr read_pem(const std::string &path)
 {
-    FILE *f = fopen(path.c_str(), "r");
-    EVP_PKEY *key = f ? PEM_read_PrivateKey(f, nullptr, nullptr, const_cast<char *>("")) : nullptr;
-    if (f)
-        fclose(f);
-    return key;
+    BioPtr bio(BIO_new_file(path.c_str(), "r"));
+    return PkeyPtr(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, const_cast<char *>("")) : nullptr);
 }
 
 }  // namespace
@@ -57,9 +44,8 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
     if (system("command -v puttygen > /dev/null") != 0)
         GTEST_SKIP() << "puttygen is not installed";
     TempFolder folder;
-    fs::path dir = folder.path();
     for (const char *type : {"rsa", "dsa"}) {
-        std::string base = (dir / type).string();
+        std::string base = folder.path(type);
         std::string command = std::string("puttygen -q -t ") + type + " -b 1024 --new-passphrase /dev/null -o " +
                               base + ".ppk 2>/dev/null && puttygen " + base + ".ppk -O private-sshcom -o " + base +
                               ".sshcom && puttygen " + base + ".ppk -O private-openssh -o " + base + ".pem";
@@ -69,11 +55,9 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
         SecshPrivateKey key;
         ASSERT_TRUE(secsh_private_key_decode(blob.data(), blob.size(), &key)) << type;
         EXPECT_EQ(key.type, std::string(type) == "rsa" ? 1 : 2);
-        EVP_PKEY *reference = read_pem(base + ".pem");
+        PkeyPtr reference = read_pem(base + ".pem"), decoded(key.pkey);
         ASSERT_NE(reference, nullptr);
-        EXPECT_EQ(EVP_PKEY_eq(key.pkey, reference), 1) << type;
-        EVP_PKEY_free(reference);
-        EVP_PKEY_free(key.pkey);
+        EXPECT_EQ(EVP_PKEY_eq(decoded.get(), reference.get()), 1) << type;
 
         // A damaged copy is refused, never crashes.
         blob[0] ^= 0xff;
@@ -89,25 +73,21 @@ TEST(SecshPrivateKey, DecodesPuttygenRsaAndDsaKeys)
 TEST(SecshPrivateKey, RefusesEncryptedAndUnknownKeys)
 {
     LogCapture log;
-    Buffer b;
-    buffer_put_int(&b, SECSH_PRIVATE_KEY_MAGIC);
-    buffer_put_int(&b, 0);
-    buffer_put_cstring(&b, "if-modn{sign{rsa-pkcs1-sha1},encrypt{rsa-pkcs1v2-oaep}}");
-    buffer_put_cstring(&b, "3des-cbc");
-    buffer_put_int(&b, 0);
     SecshPrivateKey key;
-    EXPECT_FALSE(secsh_private_key_decode(buffer_ptr(&b), buffer_len(&b), &key));
-    EXPECT_TRUE(log.contains("encrypted key (cipher 3des-cbc) not supported"));
-
-    Buffer unknown;
-    buffer_put_int(&unknown, SECSH_PRIVATE_KEY_MAGIC);
-    buffer_put_int(&unknown, 0);
-    buffer_put_cstring(&unknown, "ssh-ed25519");
-    buffer_put_cstring(&unknown, "none");
-    buffer_put_int(&unknown, 4);
-    buffer_put_int(&unknown, 0);
-    EXPECT_FALSE(secsh_private_key_decode(buffer_ptr(&unknown), buffer_len(&unknown), &key));
-    EXPECT_TRUE(log.contains("unsupported key type ssh-ed25519"));
+    for (auto [type, cipher, line] :
+         {std::tuple{"if-modn{sign{rsa-pkcs1-sha1},encrypt{rsa-pkcs1v2-oaep}}", "3des-cbc",
+                     "encrypted key (cipher 3des-cbc) not supported"},
+          {"ssh-ed25519", "none", "unsupported key type ssh-ed25519"}}) {
+        Buffer b;
+        buffer_put_int(&b, SECSH_PRIVATE_KEY_MAGIC);
+        buffer_put_int(&b, 0);
+        buffer_put_cstring(&b, type);
+        buffer_put_cstring(&b, cipher);
+        buffer_put_int(&b, 4);
+        buffer_put_int(&b, 0);
+        EXPECT_FALSE(secsh_private_key_decode(buffer_ptr(&b), buffer_len(&b), &key));
+        EXPECT_TRUE(log.contains(line));
+    }
 
     // The blob holds at least its magic number and length field, and at
     // least as many bytes as that field says.
@@ -115,8 +95,7 @@ TEST(SecshPrivateKey, RefusesEncryptedAndUnknownKeys)
     EXPECT_FALSE(secsh_private_key_decode(head.data(), 7, &key));
     EXPECT_TRUE(log.contains("secsh_private_key_decode: blob of 7 bytes is not a private key"));
     EXPECT_FALSE(secsh_private_key_decode(head.data(), 8, &key));
-    EXPECT_FALSE(log.contains("blob of 8 bytes"));
-    EXPECT_FALSE(log.contains("than its length field (8)"));
+    EXPECT_FALSE(log.contains("blob of 8 bytes") || log.contains("than its length field (8)"));
     head[7] = 9;
     EXPECT_FALSE(secsh_private_key_decode(head.data(), 8, &key));
     EXPECT_TRUE(log.contains("secsh_private_key_decode: blob is shorter (8) than its length field (9)"));

@@ -4,24 +4,33 @@
 #include "support/log_capture.h"
 
 namespace {
-struct EnumRestore {
-    ~EnumRestore() { agent_enum_set(AGENT_ENUM_INITIAL); }
+
+struct AgentEnum : ::testing::Test {
+    void TearDown() override { agent_enum_set(AGENT_ENUM_INITIAL); }
+    // Which of the mode predicates hold: both, certs first, keys first,
+    // certs as certs, certs as keys.
+    static std::string predicates()
+    {
+        std::string held;
+        for (auto [letter, holds] : {std::pair{'b', agent_enum_both()}, {'f', agent_enum_certs_first()},
+                                     {'k', agent_enum_keys_first()}, {'C', agent_enum_certs_as_certs()},
+                                     {'K', agent_enum_certs_as_keys()}})
+            if (holds)
+                held += letter;
+        return held;
+    }
 };
+
 }  // namespace
 
-TEST(AgentEnum, StartsAsBothWithCertificatesFirst)
+TEST_F(AgentEnum, StartsAsBothWithCertificatesFirst)
 {
     EXPECT_EQ(agent_enum_get(), 0x13u);
-    EXPECT_TRUE(agent_enum_both());
-    EXPECT_TRUE(agent_enum_certs_first());
-    EXPECT_FALSE(agent_enum_keys_first());
-    EXPECT_FALSE(agent_enum_certs_as_certs());
-    EXPECT_FALSE(agent_enum_certs_as_keys());
+    EXPECT_EQ(predicates(), "bf");
 }
 
-TEST(AgentEnum, ConfigurationSettingsAndTheirWords)
+TEST_F(AgentEnum, ConfigurationSettingsAndTheirWords)
 {
-    EnumRestore restore;
     LogCapture log;
     const struct {
         int setting;
@@ -49,9 +58,9 @@ TEST(AgentEnum, ConfigurationSettingsAndTheirWords)
 
     // The words cross on purpose: "keys" offers certificates as keys.
     agent_enum_from_setting(agent_enum_setting_from_word("KEYS"));
-    EXPECT_TRUE(agent_enum_certs_as_keys());
+    EXPECT_EQ(predicates(), "K");
     agent_enum_from_setting(agent_enum_setting_from_word("certs"));
-    EXPECT_TRUE(agent_enum_certs_as_certs());
+    EXPECT_EQ(predicates(), "C");
     EXPECT_EQ(agent_enum_setting_from_word("SunSSH"), 1024);
     EXPECT_EQ(agent_enum_setting_from_word("pkix"), 768);
     EXPECT_EQ(agent_enum_setting_from_word("both"), -1);
@@ -59,34 +68,28 @@ TEST(AgentEnum, ConfigurationSettingsAndTheirWords)
     EXPECT_EQ(agent_enum_unsupported_message(12), "line 12: Unsupported argument for AgentEnumCertsAs.");
 }
 
-TEST(AgentEnum, AuthenticationOrdersOnlyTheBothMode)
+TEST_F(AgentEnum, AuthenticationOrdersOnlyTheBothMode)
 {
-    EnumRestore restore;
     LogCapture log;
     EXPECT_EQ(agent_enum_from_setting(256), 0x103u);
-    EXPECT_TRUE(agent_enum_both());
-    EXPECT_FALSE(agent_enum_certs_first());
-    EXPECT_FALSE(agent_enum_keys_first());
-
+    EXPECT_EQ(predicates(), "b");
     EXPECT_EQ(agent_enum_order_by_auth_key(5), 0x123u);
-    EXPECT_TRUE(agent_enum_keys_first());
+    EXPECT_EQ(predicates(), "bk");
     EXPECT_TRUE(log.contains("Because a key (5) was used for authentication, the key agent, if used, will present "
                              "keys before certificates."));
     // The bits accumulate: both orderings set, neither predicate holds.
     EXPECT_EQ(agent_enum_order_by_auth_key(6), 0x133u);
-    EXPECT_FALSE(agent_enum_keys_first());
-    EXPECT_FALSE(agent_enum_certs_first());
+    EXPECT_EQ(predicates(), "b");
     EXPECT_EQ(agent_enum_get_low(), 0x33u);
 
     agent_enum_from_setting(0);
     EXPECT_EQ(agent_enum_order_by_auth_key(8), 0x13u);
     EXPECT_TRUE(log.contains("As a default, the key agent, if used, will present certificates before keys."));
-
     agent_enum_from_setting(2);
     EXPECT_EQ(agent_enum_order_by_auth_key(1), 1u);
 
     log.clear();
     agent_enum_set(0x23);
-    EXPECT_TRUE(agent_enum_keys_first());
+    EXPECT_EQ(predicates(), "bk");
     EXPECT_TRUE(log.contains("debug3: Key agent enum set to 0x0023."));
 }

@@ -17,14 +17,15 @@
 #include "pki/key_signer.h"
 #include "pki/x509_key_blob.h"
 #include "support/agent_state.h"
-#include "support/dispatch_helper.h"
 #include "support/fips_environment.h"
 #include "support/log_capture.h"
 #include "support/test_pki.h"
+#include "pki/cert_identity_helpers.h"
 
 namespace {
 
 TestPki *pki = nullptr;
+const Bytes DATA = text_bytes("session identifier and user auth request");
 
 struct CertStoreTest : AgentStateTest {
     static void SetUpTestSuite()
@@ -49,9 +50,12 @@ struct CertStoreTest : AgentStateTest {
                                            p12.size(), password, agent_passphrase_text(), &sha1, &why);
         return ok ? sha1 : "error: " + why;
     }
+    static int sign(Key *key, const char *algorithm, SecureBytes *blob)
+    {
+        key->sigalg = signature_algorithm_by_name(algorithm);
+        return key_sign(nullptr, 0, key, blob, DATA.data(), DATA.size(), nullptr, 0);
+    }
 };
-
-const Bytes DATA = text_bytes("session identifier and user auth request");
 
 struct SignCase {
     const char *leaf;
@@ -98,9 +102,8 @@ TEST_F(CertStoreTest, SignsUnderEveryAlgorithmName)
         ASSERT_NE(key, nullptr);
         if (c.as_plain_key)
             key->type = plain_type(key->type);
-        key->sigalg = signature_algorithm_by_name(c.algorithm);
         SecureBytes blob;
-        ASSERT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
+        ASSERT_EQ(sign(key.get(), c.algorithm, &blob), 0);
         expect_verifies(blob, X509_get0_pubkey(key->cert.get()), c.signature_name, c.md, c.form, DATA);
         // The agent's own verifier agrees (it has no MD5 override for plain
         // keys: those signatures are left to OpenSSL), and refuses other data.
@@ -120,17 +123,13 @@ TEST_F(CertStoreTest, FipsRulesApplyToCertificates)
     LogCapture log;
     EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_TARNWELL, "bob"), nullptr);
     EXPECT_TRUE(log.contains("In FIPS mode, DSA keys are not supported."));
-    SecureBytes blob;
-    rsa->sigalg = signature_algorithm_by_name("x509v3-sign-rsa");
-    EXPECT_EQ(key_sign(nullptr, 0, rsa.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), -1);
+    SecureBytes blob, none;
+    EXPECT_EQ(sign(rsa.get(), "x509v3-sign-rsa", &blob), -1);
     EXPECT_TRUE(log.contains("FIPS: MD5 and SHA1 signatures not allowed."));
-    rsa->sigalg = signature_algorithm_by_name("x509v3-rsa2048-sha256");
-    EXPECT_EQ(key_sign(nullptr, 0, rsa.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
+    EXPECT_EQ(sign(rsa.get(), "x509v3-rsa2048-sha256", &blob), 0);
     expect_verifies(blob, X509_get0_pubkey(rsa->cert.get()), "rsa2048-sha256", "SHA256", "rsa", DATA);
-    blob.clear();
-    dsa->sigalg = signature_algorithm_by_name("x509v3-sign-dss");
-    EXPECT_EQ(key_sign(nullptr, 0, dsa.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
-    EXPECT_TRUE(blob.empty());
+    EXPECT_EQ(sign(dsa.get(), "x509v3-sign-dss", &none), 0);
+    EXPECT_TRUE(none.empty());
     EXPECT_TRUE(log.contains("ssh_DSA_do_sign: FIPS does not allow DSA keys"));
 }
 
@@ -155,7 +154,7 @@ TEST_F(CertStoreTest, LookupAndBadInput)
     }
 }
 
-TEST_F(CertStoreTest, ListRemoveAndChainInRfc6187Blob)
+TEST_F(CertStoreTest, ListChainPassphraseChangeAndRemove)
 {
     std::string sha1 = import("p256");
     auto entries = cert_store_list(cert_store_folder());
@@ -171,35 +170,24 @@ TEST_F(CertStoreTest, ListRemoveAndChainInRfc6187Blob)
     ASSERT_GT(ssh_pki_x509key_to_rfc6187_pubkey_blob(key.get(), nullptr, &blob, nullptr, "x509v3-ecdsa-sha2-nistp256",
                                                       nullptr), 0);
     Bytes in(blob.begin(), blob.end());
-    size_t pos = 0;
-    take_string(in, &pos);
-    ASSERT_EQ(in[pos + 3], 3);  // leaf, intermediate, root
-    pos += 4;
+    ASSERT_EQ(get_u32(in.data() + 30), 3u);  // leaf, intermediate, root
     std::vector<std::string> names;
-    for (int i = 0; i < 3; ++i) {
-        Bytes der = take_string(in, &pos);
+    for (const Bytes &der : strings_of(Bytes(in.begin() + 34, in.end() - 4))) {
         const uint8_t *p = der.data();
-        X509Ptr cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
-        names.push_back(cert_simple_name(cert.get()));
+        names.push_back(cert_simple_name(X509Ptr(d2i_X509(nullptr, &p, static_cast<long>(der.size()))).get()));
     }
     EXPECT_EQ(names, (std::vector<std::string>{"p256", "Test Intermediate", "Test Root"}));
+
+    // A new agent passphrase encrypts the stored key again.
+    ASSERT_EQ(change_agent_passphrase("agent pass", "new pass", 0), 1);
+    EXPECT_NE(read_file_text(cert_store_folder() + "/" + sha1 + ".key").find("ENCRYPTED"), std::string::npos);
+    key = cert_identity_lookup(CERT_SOURCE_TARNWELL, "p256");
+    ASSERT_NE(key, nullptr);
+    EXPECT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp256", &blob), 0);
 
     EXPECT_EQ(cert_store_remove(cert_store_folder(), "p256"), 1);
     EXPECT_EQ(cert_store_list(cert_store_folder()).size(), 2u);
     EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_TARNWELL, sha1), nullptr);
-}
-
-TEST_F(CertStoreTest, PassphraseChangeReencryptsKeys)
-{
-    import("p384");
-    ASSERT_EQ(change_agent_passphrase("agent pass", "new pass", 0), 1);
-    std::string key_text = read_file_text(cert_store_folder() + "/" + pki->sha1(pki->path("p384.crt")) + ".key");
-    EXPECT_NE(key_text.find("ENCRYPTED"), std::string::npos);
-    KeyPtr key = cert_identity_lookup(CERT_SOURCE_TARNWELL, "p384");
-    ASSERT_NE(key, nullptr);
-    key->sigalg = signature_algorithm_by_name("x509v3-ecdsa-sha2-nistp384");
-    SecureBytes blob;
-    EXPECT_EQ(key_sign(nullptr, 0, key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0), 0);
 }
 
 // The certificate add (location byte and identifier), the key store's
@@ -207,33 +195,21 @@ TEST_F(CertStoreTest, PassphraseChangeReencryptsKeys)
 TEST_F(CertStoreTest, AddSurvivesRestartAndAbsence)
 {
     std::string sha1 = import("alice");
-    Buffer add;
-    buffer_put_char(&add, 17);  // SSH2_AGENTC_ADD_IDENTITY
-    buffer_put_cstring(&add, "x509v3-sign-rsa");
-    buffer_put_char(&add, CERT_SOURCE_TARNWELL);
-    buffer_put_cstring(&add, sha1.c_str());
-    buffer_put_cstring(&add, "alice's certificate");
-    EXPECT_EQ(dispatch_bytes(frame(buffer_bytes(add))).reply, hex_bytes("0000000106"));
+    EXPECT_EQ(dispatch_bytes(certificate_add(CERT_SOURCE_TARNWELL, sha1, "alice's certificate")).reply,
+              hex_bytes("0000000106"));
     ASSERT_EQ(identity_table_for_version(2)->nentries, 1);
     std::string private_text = file_text(KEY_STORE_PRIVATE_FILE);
     EXPECT_NE(private_text.find("#CERT_TARNWELL\nsha1=" + sha1 + ";cert="), std::string::npos);
     EXPECT_NE(file_text(KEY_STORE_PUBLIC_FILE).find("x509v3-sign-rsa#CERT_TARNWELL "), std::string::npos);
 
-    auto restart = [&] {
-        identity_tables_init();
-        forget_agent_passphrase();
-        load_public_key_store();
-        verify_agent_passphrase("agent pass");  // loads the private file
-    };
     auto signs = [&] {
-        Identity *identity = identity_table_for_version(2)->identities.front().get();
-        identity->key->sigalg = signature_algorithm_by_name("x509v3-sign-rsa");
+        Key *key = identity_table_for_version(2)->identities.front()->key.get();
         SecureBytes blob;
-        int ret = key_sign(nullptr, 0, identity->key.get(), &blob, DATA.data(), DATA.size(), nullptr, 0);
-        identity->key->sigalg = nullptr;
+        int ret = sign(key, "x509v3-sign-rsa", &blob);
+        key->sigalg = nullptr;
         return ret == 0;
     };
-    restart();
+    restart_agent();
     ASSERT_EQ(identity_table_for_version(2)->nentries, 1);
     EXPECT_EQ(*identity_table_for_version(2)->identities.front()->comment, "alice's certificate");
     EXPECT_TRUE(signs());
@@ -241,7 +217,7 @@ TEST_F(CertStoreTest, AddSurvivesRestartAndAbsence)
     // Gone: kept, one log line, no signature; back: signs again.
     cert_store_remove(cert_store_folder(), sha1);
     LogCapture log;
-    restart();
+    restart_agent();
     ASSERT_EQ(identity_table_for_version(2)->nentries, 1);
     EXPECT_TRUE(log.contains("Certificate " + sha1 + " is not available in location 3 now"));
     EXPECT_FALSE(signs());

@@ -13,10 +13,10 @@
 #include "pki/key_signer.h"
 #include "pki/pkcs11_token.h"
 #include "support/agent_state.h"
-#include "support/dispatch_helper.h"
 #include "support/log_capture.h"
 #include "support/softhsm_token.h"
 #include "support/test_pki.h"
+#include "pki/cert_identity_helpers.h"
 
 namespace {
 
@@ -28,11 +28,10 @@ std::vector<std::string> pin_answers;
 int pin_asked = 0;
 bool scripted_pin(const char *, SecretString *answer)
 {
-    std::string pin = pin_answers.empty() ? TOKEN_PIN : pin_answers.front();
+    ++pin_asked;
+    answer->assign(pin_answers.empty() ? TOKEN_PIN : pin_answers.front().c_str());
     if (!pin_answers.empty())
         pin_answers.erase(pin_answers.begin());
-    ++pin_asked;
-    answer->assign(pin.c_str());
     return true;
 }
 
@@ -75,17 +74,15 @@ struct Pkcs11Test : AgentStateTest {
     }
 };
 
-struct TokenCase {
-    const char *identifier, *algorithm;
-    bool as_plain_key;
-    const char *signature_name, *md;
-};
-
 }  // namespace
 
 TEST_F(Pkcs11Test, SignsWithEveryAlgorithmAndAsksThePinOnce)
 {
-    const TokenCase cases[] = {
+    struct TokenCase {
+        const char *identifier, *algorithm;
+        bool as_plain_key;
+        const char *signature_name, *md;
+    } const cases[] = {
         {"tok-rsa", "x509v3-sign-rsa", false, "x509v3-sign-rsa", "SHA1"},
         {"tok-rsa", "x509v3-ssh-rsa", false, "ssh-rsa", "SHA1"},
         {"tok-rsa", "x509v3-rsa2048-sha256", false, "rsa2048-sha256", "SHA256"},
@@ -111,7 +108,10 @@ TEST_F(Pkcs11Test, SignsWithEveryAlgorithmAndAsksThePinOnce)
     EXPECT_EQ(pin_asked, 1);
 }
 
-TEST_F(Pkcs11Test, WrongPinFailsCleanlyAndIsAskedAgain)
+// A wrong PIN fails cleanly and is asked again. The token's sessions end
+// under the agent (as when it is pulled out and put back): the next
+// signature opens a new one and logs in again.
+TEST_F(Pkcs11Test, WrongPinAndLostSessionAskAgain)
 {
     KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, "tok-ec");
     ASSERT_NE(key, nullptr);
@@ -124,15 +124,7 @@ TEST_F(Pkcs11Test, WrongPinFailsCleanlyAndIsAskedAgain)
     EXPECT_EQ(pin_asked, 2);
     EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_PKCS11, "nobody"), nullptr);
     EXPECT_TRUE(log.contains("pkcs11: no certificate with a key id matches \"nobody\""));
-}
 
-// The token's sessions end under the agent (as when it is pulled out and
-// put back): the next signature opens a new one and logs in again.
-TEST_F(Pkcs11Test, SessionLostIsOpenedAgain)
-{
-    KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, "tok-ec");
-    SecureBytes blob;
-    ASSERT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), 0);
     void *module = dlopen(SOFTHSM_MODULE, RTLD_NOW | RTLD_NOLOAD);
     ASSERT_NE(module, nullptr);
     CK_FUNCTION_LIST *f = nullptr;
@@ -144,28 +136,20 @@ TEST_F(Pkcs11Test, SessionLostIsOpenedAgain)
         f->C_CloseAllSessions(slots[i]);
     dlclose(module);
     EXPECT_EQ(sign(key.get(), "x509v3-ecdsa-sha2-nistp384", &blob), 0);
-    EXPECT_EQ(pin_asked, 2);
+    EXPECT_EQ(pin_asked, 3);
 }
 
 TEST_F(Pkcs11Test, RestartWithTheTokenAbsentAndBack)
 {
-    Buffer add;
-    buffer_put_char(&add, 17);
-    buffer_put_cstring(&add, "x509v3-sign-rsa");
-    buffer_put_char(&add, CERT_SOURCE_PKCS11);
-    buffer_put_cstring(&add, "tok-rsa");
-    buffer_put_cstring(&add, "token certificate");
-    EXPECT_EQ(dispatch_bytes(frame(buffer_bytes(add))).reply, hex_bytes("0000000106"));
+    EXPECT_EQ(dispatch_bytes(certificate_add(CERT_SOURCE_PKCS11, "tok-rsa", "token certificate")).reply,
+              hex_bytes("0000000106"));
     EXPECT_NE(file_text(KEY_STORE_PRIVATE_FILE).find("#CERT_PKCS11\nsha1="), std::string::npos);
     EXPECT_NE(file_text(KEY_STORE_PRIVATE_FILE).find(std::string(";module=") + SOFTHSM_MODULE + ";token=agent test"),
               std::string::npos);
 
     auto restart = [] {
         pkcs11_modules_reset();
-        identity_tables_init();
-        forget_agent_passphrase();
-        load_public_key_store();
-        verify_agent_passphrase("agent pass");
+        restart_agent();
     };
     auto signs = [] {
         IdentityTable *table = identity_table_for_version(2);

@@ -83,19 +83,15 @@ TEST(PkiStartup, DodPolicyFirstQueryAnswersFalse)
 
     DodPkiPolicy other;
     set_environment("TARNWELL_DODPKI", "1");
-    other.query();
-    EXPECT_FALSE(other.query());
+    EXPECT_FALSE(other.query() || other.query());
     unset_environment("TARNWELL_DODPKI");
 }
 
 TEST(PkiStartup, ModuleChainIsTheCertificateAlone)
 {
-    const CryptoApi *api = crypto_module_get();
-    ASSERT_NE(api, nullptr);
     X509Ptr cert(X509_new());
-    X509StackPtr chain(api->pki_ca_chain(nullptr, cert.get()));
-    ASSERT_NE(chain, nullptr);
-    ASSERT_EQ(sk_X509_num(chain.get()), 1);
+    X509StackPtr chain(crypto_module_get()->pki_ca_chain(nullptr, cert.get()));
+    ASSERT_TRUE(chain && sk_X509_num(chain.get()) == 1);
     EXPECT_EQ(sk_X509_value(chain.get(), 0), cert.get());
-    EXPECT_EQ(api->pki_ca_chain(nullptr, nullptr), nullptr);
+    EXPECT_EQ(crypto_module_get()->pki_ca_chain(nullptr, nullptr), nullptr);
 }
