@@ -6,6 +6,9 @@
 #include <csignal>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -101,8 +104,17 @@ public:
     static pid_t spawn(const std::vector<std::string> &args, const std::string &out, const std::string &err,
                        const std::vector<std::string> &env = {})
     {
+        pid_t parent = getpid();
         pid_t pid = fork();
         if (pid == 0) {
+#if defined(__linux__)
+            // A test process that dies (a crash, a kill from the runner's
+            // time-out) takes what it started with it.
+            if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent)
+                _exit(127);
+#else
+            (void)parent;
+#endif
             (void)!freopen(out.c_str(), "a", stdout);
             (void)!freopen(err.c_str(), "a", stderr);
             for (const auto &assignment : env)
