@@ -159,7 +159,8 @@ TEST(Signature, RsaLengthsAndBlobChecks)
 TEST(Signature, DsaAndEcdsaBlobChecks)
 {
     Key *dsa = shared_key(KEY_DSA, 1024), *ec = shared_key(KEY_ECDSA, 256), *rsa = shared_key(KEY_RSA, 1024);
-    Bytes sig = parse_blob(sign(dsa)).sig;
+    Key *ed = shared_key(KEY_ED25519, 0);
+    Bytes sig = parse_blob(sign(dsa)).sig, ed_sig = parse_blob(sign(ed)).sig;
     // An r with its top bit set travels with a zero byte in front.
     Bytes r, signed_data, inner;
     for (int i = 0; i < 200 && (r.empty() || r[0] != 0); ++i)
@@ -180,6 +181,8 @@ TEST(Signature, DsaAndEcdsaBlobChecks)
         {ec, signature_blob("ecdsa-sha2-nistp256", plus(inner, {0})), signed_data, 0, ""},
         {ec, plus(ec_blob, {0}), signed_data, -1, ""},
         {rsa, ec_blob, DATA, -1, ""},
+        {ed, signature_blob("ssh-ed25519", resized(ed_sig, 63)), DATA, -1, "ssh_ed25519_verify: malformed signature blob"},
+        {ed, signature_blob("ssh-ed25519", resized(ed_sig, 65)), DATA, -1, "ssh_ed25519_verify: malformed signature blob"},
         {unknown.get(), inner, DATA, -1, "key_verify: illegal key type 8"},
     });
     Bytes cut = resized(ec_blob, ec_blob.size() - 1);
