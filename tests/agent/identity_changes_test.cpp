@@ -82,7 +82,7 @@ TEST_F(IdentityChanges, DamagedKeyMaterialIsRefused)
         {"compressed point", with(ec_fields, 39, {0x02})},
         {"scalar of another point", with(ec_fields, ec_fields.size() - 1, {uint8_t(ec_fields.back() ^ 1)})},
         {"Ed25519 public key, first byte", with(ed_fields, 19, {uint8_t(ed_fields[19] ^ 1)})},
-        {"Ed25519 public key, last byte", with(ed_fields, 50, {uint8_t(ed_fields[50] ^ 1)})}};
+        {"Ed25519 secret's copy of the public key", with(ed_fields, ed_fields.size() - 1, {uint8_t(ed_fields.back() ^ 1)})}};
     // RSA fields: name, n, e, d, iqmp, p, q; a zero q.
     Bytes rsa_fields = key_fields(rsa.get());
     Buffer parsed;
