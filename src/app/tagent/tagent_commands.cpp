@@ -239,8 +239,8 @@ int cmd_passphrase(const TagentContext &c, const std::vector<std::string> &args)
     std::optional<SecretString> new_passphrase = SecretString();
     if (!empty)
         new_passphrase = passphrase_from(args, "--new-file", TEXT_FIRST_PASSPHRASE_DESCRIPTION);
-    // A passphrase the settings file would read back shifted is refused
-    // here, with the reason, and asked for again when it was typed.
+    // A passphrase that could not be stored (see agent_passphrase_storable)
+    // is refused here, with the reason, and asked for again when it was typed.
     const char *why = nullptr;
     while (new_passphrase && !agent_passphrase_storable(new_passphrase->c_str(), &why)) {
         fprintf(stderr, "tagent: %s\n", why);
