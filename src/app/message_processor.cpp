@@ -20,12 +20,15 @@ enum Event : size_t { STOP_EVENT, REQUEST_EVENT, DONE_EVENT, EXITED_EVENT, EVENT
 
 struct HandOver {
     std::thread thread;
-    // A submitter watches for its reply for about one signature; the thread
-    // watches for the next request for about one client's round trip, so
-    // that requests that follow each other closely pass without sleeping.
+    // A thread put to sleep takes tens of microseconds to wake on a loaded
+    // or virtual machine, so both sides watch before they sleep. A submitter
+    // watches for its reply for as long as an RSA-2048 signature takes, a
+    // few times over. The thread watches for the next request for about one
+    // client's round trip: longer, and with many clients it takes a core
+    // that they need to send those requests.
     AutoResetEvents events{EVENT_COUNT,
-                           {std::chrono::microseconds(0), std::chrono::microseconds(20),
-                            std::chrono::microseconds(100), std::chrono::microseconds(0)}};
+                           {std::chrono::microseconds(0), std::chrono::microseconds(35),
+                            std::chrono::microseconds(2000), std::chrono::microseconds(0)}};
     std::mutex request_mutex;  // admits one submitter at a time
     std::atomic<int> busy{0};
     std::atomic<std::thread::id> thread_id{};
