@@ -8,7 +8,7 @@
 
 using Dispatch = UnlockedAgentTest;
 
-TEST_F(Dispatch, FramingLimitsOnBothSides)
+TEST_F(Dispatch, RequestAndReplyLimitsOnBothSides)
 {
     LogCapture log;
     Bytes largest(4 + 0x40000, 0);  // a list request padded to the 256 KiB limit
@@ -35,11 +35,8 @@ TEST_F(Dispatch, FramingLimitsOnBothSides)
         EXPECT_EQ(result.type, c.type);
         EXPECT_TRUE(log.contains(c.line));
     }
-}
 
-// Replies up to 128 KiB go out; a larger one becomes a failure.
-TEST_F(Dispatch, ReplyLimitOnBothSides)
-{
+    // Replies up to 128 KiB go out; a larger one becomes a failure.
     Identity *identity = add_test_identity(key_generate(KEY_ED25519, 0), "x", "ed");
     size_t base = dispatch_bytes(request_hex("0b")).reply.size();
     identity->comment = std::string(1 + 131072 - base, 'c');
@@ -47,7 +44,6 @@ TEST_F(Dispatch, ReplyLimitOnBothSides)
     EXPECT_EQ(reply.size(), 131072u);
     EXPECT_EQ(reply[4], 12);
     identity->comment = std::string(2 + 131072 - base, 'c');
-    LogCapture log;
     EXPECT_EQ(dispatch_bytes(request_hex("0b")).reply, hex_bytes("00000001 05"));
     EXPECT_TRUE(log.contains("Reply of 131073 bytes exceeds the 131072-byte limit; answering failure"));
 }
@@ -71,7 +67,6 @@ TEST_F(Dispatch, UnknownMessagesAnswerTheirFamilysFailure)
         EXPECT_TRUE(log.contains(std::string("Processing client request ") + name)) << hex;
     }
     EXPECT_STREQ(request_name(1), "SSH_AGENT_REQUEST_VERSION/SSH_AGENTC_REQUEST_RSA_IDENTITIES");
-    EXPECT_STREQ(request_name(160), "SSH2_AGENTC_ZEM_SIGN_REQUEST");
 }
 
 TEST_F(Dispatch, LockedAgentServesOnlyItsTable)
@@ -92,7 +87,7 @@ TEST_F(Dispatch, LockedAgentServesOnlyItsTable)
                             {"9a", "00000005 02 00000000", "keyagent: Received a request for RSA identities"},
                             {"97", "00000001 aa", "keyagent: Received a request for islocked"},
                             {"0d", "00000001 aa", "SSH2_AGENTC_SIGN_REQUEST (13)"},
-                            {"a0", "00000001 aa", "keyagent: Processing client request"},
+                            {"a0", "00000001 aa", "Processing client request SSH2_AGENTC_ZEM_SIGN_REQUEST (160)"},
                             {"cc", "00000005 68 00000000", "keyagent: Processing client request SSH_AGENT_LIST_KEYS"}}) {
         log.clear();
         EXPECT_EQ(dispatch_bytes(request_hex(s.hex)).reply, hex_bytes(s.reply_hex)) << s.hex;
@@ -136,7 +131,6 @@ TEST_F(LockAndNotices, LockTextNeverUnlocksOnlyTheAgentPassphraseDoes)
     struct Step { Bytes request; const char *reply_hex; const char *line; };
     const Step steps[] = {
         {string_request(22, "lock text"), "00000001 06", "keyagent: LOCKED"},
-        {request_hex("97"), "00000001 aa", "Received a request for islocked"},
         {string_request(23, "lock text"), "00000001 05", "keyagent: Unlock failed: wrong passphrase"},
         {string_request(209, "agent pw"), "00000001 65", "keyagent: UNLOCKED"},
         {request_hex("97"), "00000001 ab", "SSH_AGENT_ZEM_ISLOCKED"},
@@ -208,8 +202,6 @@ TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
 
     EXPECT_EQ(dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1, 2, 1), 42, 1).forwarding_chain, 2);
     EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: gate (10.0.0.7) port 22"));
-    EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: inner (10.0.0.7) port 22"));
-    EXPECT_TRUE(log.contains("keyagent: Forwarding chain length: 2"));
     auto notice = forwarding_notice_for_connection(42);
     ASSERT_TRUE(notice);  // list mode 9: SunSSH servers
     EXPECT_EQ(std::tuple(notice->client_window, notice->enum_setting, notice->list_mode), std::tuple(0xabcu, 0x403u, 9u));

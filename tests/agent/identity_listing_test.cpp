@@ -47,7 +47,7 @@ using IdentityListing = UnlockedAgentTest;
 
 }  // namespace
 
-TEST_F(IdentityListing, RsaEntriesFollowTheServerKind)
+TEST_F(IdentityListing, EntriesFollowTheServerKindSha1OnlyAndFips)
 {
     LogCapture log;
     add_test_identity(key_generate(KEY_RSA, 2048), "laptop key", "id_RSA_2048");
@@ -62,11 +62,9 @@ TEST_F(IdentityListing, RsaEntriesFollowTheServerKind)
     // Version 2 numbering answers 104; protocol 1 lists are empty.
     EXPECT_EQ(list("cc", 1, 104).size(), 3u);
     EXPECT_TRUE(list("01", 1, 2).empty());
-}
 
-TEST_F(IdentityListing, Sha1OnlyAndFipsFiltering)
-{
-    LogCapture log;
+    // UseOnlySha1 and FIPS mode filter what a server is offered.
+    identity_tables_init();
     add_test_identity(key_generate(KEY_RSA, 1024), "rsa", "r");
     add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
     add_test_identity(key_generate(KEY_ED25519, 0), "ed", "d");
@@ -167,7 +165,7 @@ TEST_F(SigningRequests, FlagsChooseTheRsaAlgorithm)
     EXPECT_TRUE(log.contains("keyagent: Key sign request failed"));
 }
 
-TEST_F(SigningRequests, VersionTwoOperations)
+TEST_F(SigningRequests, VersionTwoAndVendorSignRequests)
 {
     Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
     auto request = [&](const char *operation) {
@@ -185,6 +183,19 @@ TEST_F(SigningRequests, VersionTwoOperations)
     Bytes wrapped = signature_blob("ecdsa-sha2-nistp256", Bytes(bare.begin(), bare.end()));
     expect_verifies(SecureBytes(wrapped.begin(), wrapped.end()), ec->key->pkey.get(), "ecdsa-sha2-nistp256", "SHA256",
                     "mpint", text_bytes(data_to_sign));
+
+    // The vendor sign request carries the signature types, the enumeration
+    // mode and the owner window, which stay in force afterwards.
+    Bytes vendor = request_of(160, [&](Buffer *b) {
+        put_bytes(b, public_blob(ec->key.get()));
+        put_bytes(b, text_bytes(data_to_sign));
+        for (uint32_t field : {0, 2, 1, 0x23})  // flags, RSA and DSA signature types, enumeration mode
+            buffer_put_int(b, field);
+        buffer_put_int64(b, 0x1234);
+    });
+    expect_signs(vendor, ec, "ecdsa-sha2-nistp256", "SHA256", "mpint");
+    EXPECT_EQ(std::tuple(get_x509rsa_sigtype(), get_x509dsa_sigtype(), agent_enum_get(), agent_dialog_owner()),
+              std::tuple(2, 1, 0x23u, uint64_t{0x1234}));
 }
 
 TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
@@ -201,44 +212,4 @@ TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
     }
     agent_enum_set(0x01);
     EXPECT_EQ(dispatch_bytes(request).reply, hex_bytes("00000001 05"));
-}
-
-// With ConfirmKeyOp on, a forwarded request signs only when the user says
-// yes; local requests are never asked about.
-TEST_F(SigningRequests, ConfirmKeyOpAsksForRemoteRequestsOnly)
-{
-    LogCapture log;
-    static bool answer = false;
-    static int asked = 0;
-    ShellServices shell;
-    shell.confirm_key_operation = [](const char *) { return ++asked, answer; };
-    shell_services_set(shell);
-    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
-    Bytes request = sign_request(public_blob(ec->key.get()), data_to_sign);
-    for (auto [confirm, chain, yes, signs, asks] :
-         {std::tuple{0u, 1, false, true, 0}, {1u, 0, false, true, 0}, {1u, 1, false, false, 1}, {1u, 2, true, true, 1}}) {
-        set_confirm_key_op(confirm);
-        answer = yes;
-        asked = 0;
-        EXPECT_EQ(!signature_of(dispatch_bytes(request, 1, chain).reply).empty(), signs) << confirm << chain;
-        EXPECT_EQ(asked, asks) << confirm << chain;
-    }
-    EXPECT_TRUE(log.contains("keyagent: User rejected a request from a remote server to issue a signature"));
-}
-
-// The vendor sign request carries the signature types, the enumeration
-// mode and the owner window, which stay in force afterwards.
-TEST_F(SigningRequests, VendorSignRequestSetsItsFields)
-{
-    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
-    Bytes request = request_of(160, [&](Buffer *b) {
-        put_bytes(b, public_blob(ec->key.get()));
-        put_bytes(b, text_bytes(data_to_sign));
-        for (uint32_t field : {0, 2, 1, 0x23})  // flags, RSA and DSA signature types, enumeration mode
-            buffer_put_int(b, field);
-        buffer_put_int64(b, 0x1234);
-    });
-    expect_signs(request, ec, "ecdsa-sha2-nistp256", "SHA256", "mpint");
-    EXPECT_EQ(std::tuple(get_x509rsa_sigtype(), get_x509dsa_sigtype(), agent_enum_get(), agent_dialog_owner()),
-              std::tuple(2, 1, 0x23u, uint64_t{0x1234}));
 }

@@ -10,7 +10,7 @@
 
 namespace fs = std::filesystem;
 
-TEST(Log, LevelsThresholdLengthAndFormatting)
+TEST(Log, LevelsLengthFormattingAndFatal)
 {
     LogCapture log(SYSLOG_LEVEL_DEBUG1);
     error("e %d", 1);
@@ -30,11 +30,8 @@ TEST(Log, LevelsThresholdLengthAndFormatting)
     EXPECT_EQ(lines, (std::vector<std::string>{"error: e 1", "info", "verbose", "", exact, exact,
                                                "keyagent: Client version string : v0 and (null) and  and %"}));
     EXPECT_EQ(format_with_zero_arguments("%5d|%-3x|%.2f|%c|%"), "    0|0  |0.00||%");
-}
 
-TEST(Log, FatalRunsCleanupsNewestFirstThenThrows)
-{
-    LogCapture log;
+    // A fatal error runs the registered cleanups, then throws.
     static int calls = 0;
     auto count_call = [](void *argument) { calls += *static_cast<int *>(argument); };
     int one = 1, ten = 10;
