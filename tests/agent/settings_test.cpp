@@ -135,7 +135,7 @@ TEST_F(Settings, SettersRewriteOnlyOnChange)
 
 using Passphrase = AgentStateTest;
 
-TEST_F(Passphrase, SetThenVerifyAgainstTheHeldPassphrase)
+TEST_F(Passphrase, HeldPassphraseEmptyPassphraseAndChanges)
 {
     LogCapture log;
     EXPECT_EQ(set_agent_passphrase("Secret", 0), 1);
@@ -155,13 +155,10 @@ TEST_F(Passphrase, SetThenVerifyAgainstTheHeldPassphrase)
     EXPECT_FALSE(agent_passphrase_held());
     EXPECT_EQ(verify_agent_passphrase("Secret"), 1);
     EXPECT_TRUE(agent_passphrase_held());
-}
 
-// The empty passphrase is a valid one; a change needs the old passphrase.
-TEST_F(Passphrase, EmptyPassphraseAndItsChange)
-{
-    LogCapture log;
-    set_agent_passphrase(nullptr, 1);
+    // The empty passphrase is a valid one; a change needs the old passphrase.
+    ASSERT_EQ(change_agent_passphrase("Secret", nullptr, 1), 1);
+    log.clear();
     forget_agent_passphrase();
     read_agent_settings();
     EXPECT_TRUE(agent_passphrase_is_set());

@@ -63,8 +63,6 @@ TEST(Platform, FilesProcessFactsPolicyAndLibraries)
     EXPECT_EQ(platform_policy_value("TARNWELL_TEST_POLICY"), "1");
     unset_environment("TARNWELL_TEST_POLICY");
 
-    EXPECT_FALSE(platform_user_name().empty());
-    EXPECT_FALSE(platform_host_name().empty());
     LocalTime now = platform_local_time();
     EXPECT_TRUE(now.year >= 2024 && now.month >= 1 && now.month <= 12 && now.day >= 1 && now.day <= 31);
     EXPECT_LT(now.millisecond, 1000u);
