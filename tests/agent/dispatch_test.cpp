@@ -41,7 +41,7 @@ TEST_F(Dispatch, RequestAndReplyLimitsOnBothSides)
     size_t base = dispatch_bytes(request_hex("0b")).reply.size();
     identity->comment = std::string(1 + 131072 - base, 'c');
     Bytes reply = dispatch_bytes(request_hex("0b")).reply;
-    EXPECT_EQ(reply.size(), 131072u);
+    ASSERT_EQ(reply.size(), 131072u);
     EXPECT_EQ(reply[4], 12);
     identity->comment = std::string(2 + 131072 - base, 'c');
     EXPECT_EQ(dispatch_bytes(request_hex("0b")).reply, hex_bytes("00000001 05"));
@@ -123,7 +123,7 @@ using LockAndNotices = AgentStateTest;
 
 }  // namespace
 
-TEST_F(LockAndNotices, LockTextNeverUnlocksOnlyTheAgentPassphraseDoes)
+TEST_F(LockAndNotices, OnlyTheAgentPassphraseUnlocksAndAttemptEmptyIsFollowed)
 {
     LogCapture log;
     set_agent_passphrase("agent pw", 0);
@@ -149,15 +149,11 @@ TEST_F(LockAndNotices, LockTextNeverUnlocksOnlyTheAgentPassphraseDoes)
     EXPECT_TRUE(agent_local_unlock("agent pw"));
     // Only real changes notify; every lock request redraws the status.
     EXPECT_EQ(std::pair(calls.manager_notices, calls.redraws), std::pair(4, 8));
-}
 
-TEST_F(LockAndNotices, AttemptEmptyFollowsTheSetting)
-{
-    set_agent_passphrase("", 0);
+    // The empty unlock is tried only with AttemptEmpty on.
     for (auto [attempt_empty, passphrase, reply_hex, locked] :
          {std::tuple{0u, "", "00000001 66", true}, {1u, "", "00000001 06", false}, {1u, "pw", "00000001 05", true}}) {
-        if (*passphrase)
-            set_agent_passphrase(passphrase, 1);
+        set_agent_passphrase(passphrase, 1);
         agent_settings().AttemptEmpty = attempt_empty;
         agent_set_locked(true);
         EXPECT_EQ(dispatch_bytes(string_request(159, "")).reply, hex_bytes(reply_hex)) << attempt_empty << passphrase;
@@ -165,7 +161,7 @@ TEST_F(LockAndNotices, AttemptEmptyFollowsTheSetting)
     }
 }
 
-TEST_F(LockAndNotices, RefreshRegistrationsAndTheChangeNotice)
+TEST_F(LockAndNotices, RefreshRegistrationsChangeNoticesAndForwardingNotices)
 {
     record_shell_calls();
     EXPECT_EQ(dispatch_bytes(request_hex("9c 1122334455667788 00000007")).reply, hex_bytes("00000008 1122334455667788"));
@@ -189,10 +185,8 @@ TEST_F(LockAndNotices, RefreshRegistrationsAndTheChangeNotice)
     EXPECT_TRUE(calls.posted.empty());
     ASSERT_EQ(refresh_registrations().size(), 1u);
     EXPECT_EQ(refresh_registrations()[0].window, 2u);
-}
 
-TEST_F(LockAndNotices, ForwardingNoticesCountTheChainAndKeepTheFirstRecord)
-{
+    // Vendor forwarding notices count the chain and keep the first record.
     LogCapture log;
     agent_set_locked(false);
     DispatchResult first = dispatch_bytes(vendor_notice("gate", 0x403, 0xabc, 1, 2, 1), 42);

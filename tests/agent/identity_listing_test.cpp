@@ -143,7 +143,7 @@ using SigningRequests = UnlockedAgentTest;
 
 // The flags choose the RSA algorithm; other keys ignore them (every key
 // type's own signature is checked end to end with OpenSSH's tools).
-TEST_F(SigningRequests, FlagsChooseTheRsaAlgorithm)
+TEST_F(SigningRequests, FlagsCertificateKeysVersionTwoAndVendorRequests)
 {
     LogCapture log;
     Identity *rsa = add_test_identity(key_generate(KEY_RSA, 2048), "rsa", "id_RSA_2048");
@@ -163,15 +163,28 @@ TEST_F(SigningRequests, FlagsChooseTheRsaAlgorithm)
     KeyPtr stranger = key_generate(KEY_ECDSA, 256);
     EXPECT_EQ(dispatch_bytes(sign_request(public_blob(stranger.get()), data_to_sign)).reply, hex_bytes("00000001 05"));
     EXPECT_TRUE(log.contains("keyagent: Key sign request failed"));
-}
 
-TEST_F(SigningRequests, VersionTwoAndVendorSignRequests)
-{
-    Identity *ec = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
+    // A certificate key signs as its plain key only when certificates count
+    // as keys.
+    Identity *cert = add_test_identity(make_test_certificate_key(), "cert", "c");
+    KeyPtr plain = key_from_private(cert->key.get());
+    plain->type = KEY_RSA;
+    plain->cert.reset();
+    Bytes as_plain = sign_request(public_blob(plain.get(), "ssh-rsa"), data_to_sign, 2);
+    for (uint32_t mode : {0x02u, 0x13u}) {
+        agent_enum_set(mode);
+        expect_signs(as_plain, cert, "rsa-sha2-256", "SHA256", "rsa");
+        EXPECT_EQ(cert->key->type, KEY_X509_RSA);
+    }
+    agent_enum_set(0x01);
+    EXPECT_EQ(dispatch_bytes(as_plain).reply, hex_bytes("00000001 05"));
+
+    // Version 2 operations: only hash-and-sign is served.
+    Identity *ec256 = add_test_identity(key_generate(KEY_ECDSA, 256), "ec", "e");
     auto request = [&](const char *operation) {
         return request_of(205, [&](Buffer *b) {
             buffer_put_cstring(b, operation);
-            put_bytes(b, public_blob(ec->key.get()));
+            put_bytes(b, public_blob(ec256->key.get()));
             put_bytes(b, text_bytes(data_to_sign));
         });
     };
@@ -181,35 +194,20 @@ TEST_F(SigningRequests, VersionTwoAndVendorSignRequests)
     // The bare signature: the mpints r and s, nothing in front.
     SecureBytes bare = buffer_get_string(&reply.b);
     Bytes wrapped = signature_blob("ecdsa-sha2-nistp256", Bytes(bare.begin(), bare.end()));
-    expect_verifies(SecureBytes(wrapped.begin(), wrapped.end()), ec->key->pkey.get(), "ecdsa-sha2-nistp256", "SHA256",
-                    "mpint", text_bytes(data_to_sign));
+    expect_verifies(SecureBytes(wrapped.begin(), wrapped.end()), ec256->key->pkey.get(), "ecdsa-sha2-nistp256",
+                    "SHA256", "mpint", text_bytes(data_to_sign));
 
     // The vendor sign request carries the signature types, the enumeration
     // mode and the owner window, which stay in force afterwards.
     Bytes vendor = request_of(160, [&](Buffer *b) {
-        put_bytes(b, public_blob(ec->key.get()));
+        put_bytes(b, public_blob(ec256->key.get()));
         put_bytes(b, text_bytes(data_to_sign));
         for (uint32_t field : {0, 2, 1, 0x23})  // flags, RSA and DSA signature types, enumeration mode
             buffer_put_int(b, field);
         buffer_put_int64(b, 0x1234);
     });
-    expect_signs(vendor, ec, "ecdsa-sha2-nistp256", "SHA256", "mpint");
+    expect_signs(vendor, ec256, "ecdsa-sha2-nistp256", "SHA256", "mpint");
     EXPECT_EQ(std::tuple(get_x509rsa_sigtype(), get_x509dsa_sigtype(), agent_enum_get(), agent_dialog_owner()),
               std::tuple(2, 1, 0x23u, uint64_t{0x1234}));
 }
 
-TEST_F(SigningRequests, CertificateKeysSignAsPlainKeysOnlyWhenCertsCountAsKeys)
-{
-    Identity *cert = add_test_identity(make_test_certificate_key(), "cert", "c");
-    KeyPtr plain = key_from_private(cert->key.get());
-    plain->type = KEY_RSA;
-    plain->cert.reset();
-    Bytes request = sign_request(public_blob(plain.get(), "ssh-rsa"), data_to_sign, 2);
-    for (uint32_t mode : {0x02u, 0x13u}) {
-        agent_enum_set(mode);
-        expect_signs(request, cert, "rsa-sha2-256", "SHA256", "rsa");
-        EXPECT_EQ(cert->key->type, KEY_X509_RSA);
-    }
-    agent_enum_set(0x01);
-    EXPECT_EQ(dispatch_bytes(request).reply, hex_bytes("00000001 05"));
-}
