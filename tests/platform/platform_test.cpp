@@ -50,9 +50,7 @@ TEST(Platform, FilesProcessFactsPolicyAndLibraries)
     EXPECT_TRUE(platform_remove_file(store));
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1);  // the old link
 
-    ASSERT_TRUE(platform_append_locked(path("log.txt"), "one\n"));
-    ASSERT_TRUE(platform_append_locked(path("log.txt"), "two\n"));
-    EXPECT_EQ(read_file_text(path("log.txt")), "one\ntwo\n");
+    // Appending is what the log file tests do; a missing folder fails.
     EXPECT_FALSE(platform_append_locked(path("no-such-folder/log.txt"), "x"));
     remove_folder(folder);
 
