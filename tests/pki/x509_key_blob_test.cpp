@@ -68,21 +68,17 @@ KeyPtr read(const Bytes &blob) { return ssh_pki_x509key_from_blob(blob.data(), s
 
 TEST_F(X509KeyBlob, LayoutsForEveryKeyType)
 {
-    struct Case { const char *name; int type; const char *rfc_name; int nid; };
-    const Case cases[] = {
-        {"rsa1024", KEY_X509_RSA, "x509v3-ssh-rsa", -1},
-        {"rsa2048", KEY_X509_RSA, "x509v3-rsa2048-sha256", -1},
-        {"dsa", KEY_X509_DSA, nullptr, -1},
-        {"p256", KEY_X509_ECDSA, "x509v3-ecdsa-sha2-nistp256", 415},
-        {"p384", KEY_X509_ECDSA, "x509v3-ecdsa-sha2-nistp384", 715},
-        {"p521", KEY_X509_ECDSA, "x509v3-ecdsa-sha2-nistp521", 716},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        X509Ptr cert = load(std::string(c.name) + ".crt");
+    for (auto [name, type, rfc_name, nid] : {std::tuple{"rsa1024", KEY_X509_RSA, "x509v3-ssh-rsa", -1},
+                                               {"rsa2048", KEY_X509_RSA, "x509v3-rsa2048-sha256", -1},
+                                               {"dsa", KEY_X509_DSA, nullptr, -1},
+                                               {"p256", KEY_X509_ECDSA, "x509v3-ecdsa-sha2-nistp256", 415},
+                                               {"p384", KEY_X509_ECDSA, "x509v3-ecdsa-sha2-nistp384", 715},
+                                               {"p521", KEY_X509_ECDSA, "x509v3-ecdsa-sha2-nistp521", 716}}) {
+        SCOPED_TRACE(name);
+        X509Ptr cert = load(std::string(name) + ".crt");
         KeyPtr key = x509key_from_certificate(x509_ref(cert.get()), nullptr);
         ASSERT_TRUE(cert && key);
-        EXPECT_EQ(std::pair(key->type, key->ecdsa_nid), std::pair(c.type, c.nid));
+        EXPECT_EQ(std::pair(key->type, key->ecdsa_nid), std::pair(int(type), nid));
         EXPECT_STREQ(key->sigalg->name, key_ssh_name(key.get()));
 
         // Plain layout: the DER alone, read back under a name given aside.
@@ -92,16 +88,16 @@ TEST_F(X509KeyBlob, LayoutsForEveryKeyType)
         KeyPtr from_plain = key_from_blob(buffer_ptr(&plain), buffer_len(&plain), "x509v3-sign-rsa", CERT_SOURCE_SYSTEM);
         ASSERT_TRUE(from_plain && from_plain->cert_source == CERT_SOURCE_SYSTEM);
         EXPECT_NE(key_equal(from_plain.get(), key.get()), 0);
-        if (!c.rfc_name)
+        if (!rfc_name)
             continue;
 
         // RFC 6187 layout: without a PKI chain, the certificate alone.
         SecureBytes blob;
-        uint32_t len = key_to_blob(key.get(), &blob, nullptr, c.rfc_name);
-        EXPECT_EQ(Bytes(blob.begin(), blob.end()), expected_rfc6187(c.rfc_name, {cert.get()}));
+        uint32_t len = key_to_blob(key.get(), &blob, nullptr, rfc_name);
+        EXPECT_EQ(Bytes(blob.begin(), blob.end()), expected_rfc6187(rfc_name, {cert.get()}));
         KeyPtr back = key_from_blob(blob.data(), len);
-        ASSERT_TRUE(back && back->type == c.type);
-        EXPECT_STREQ(back->sigalg->name, c.rfc_name);
+        ASSERT_TRUE(back && back->type == type);
+        EXPECT_STREQ(back->sigalg->name, rfc_name);
         EXPECT_NE(key_equal(back.get(), key.get()), 0);
     }
 }
