@@ -14,14 +14,6 @@
 
 namespace {
 
-// A table that differs from the library's in what a test needs, put in
-// place for one scope.
-struct ReplacedApi {
-    CryptoApi api = *crypto_module_get();
-    void install() { crypto_module_replace_api(&api); }
-    ~ReplacedApi() { crypto_module_replace_api(nullptr); }
-};
-
 std::vector<std::string> property_calls;
 
 // The texts appear in the log in this order.
@@ -41,7 +33,7 @@ bool in_order(LogCapture &log, std::initializer_list<const char *> texts)
 
 }  // namespace
 
-TEST(CryptoModule, InitialisationWithoutFips)
+TEST(CryptoModule, InitialisationWithAndWithoutFips)
 {
     LogCapture log;
     unset_environment("TARNWELL_FIPS");
@@ -56,12 +48,9 @@ TEST(CryptoModule, InitialisationWithoutFips)
     log.clear();
     EXPECT_EQ(crypto_module_cleanup(), 0);
     EXPECT_TRUE(log.contains("Crypto module cleanup called."));
-}
 
-TEST(CryptoModule, InitialisationUnderFipsRequirement)
-{
     FipsEnvironment fips;
-    LogCapture log;
+    log.clear();
     EXPECT_TRUE(crypto_fips_enabled());  // honoured before initialisation too
     EXPECT_EQ(crypto_module_init(0), 0);
     // No FIPS provider is installed here: the library refuses the global
@@ -80,35 +69,31 @@ TEST(CryptoModule, InitialisationUnderFipsRequirement)
     EXPECT_EQ(key_fingerprint(key.get(), SSH_FP_MD5, SSH_FP_HEX).size(), 47u);
 }
 
-TEST(CryptoModule, UnseededRandomGeneratorIsLoggedNotFatal)
+// A library table that differs: an unseeded generator is logged, not fatal;
+// the property guard acts only when FIPS is enforced.
+TEST(CryptoModule, UnseededGeneratorAndPropertyGuard)
 {
-    ReplacedApi replaced;
-    replaced.api.prng_status = [] { return 0; };
-    replaced.install();
+    CryptoApi api = *crypto_module_get();
+    api.prng_status = [] { return 0; };
+    api.set_default_properties = [](const char *query) { return property_calls.push_back(query), 1; };
+    api.fips_enforcement_level = [] { return 2; };
+    crypto_module_replace_api(&api);
     LogCapture log;
     EXPECT_EQ(crypto_check_prng(), CRYPTO_PRNG_NOT_SEEDED);
     log.clear();
     EXPECT_EQ(crypto_module_init(0), CRYPTO_PRNG_NOT_SEEDED);
     EXPECT_TRUE(in_order(log, {"PRNG is not sufficiently seeded.", "Crypto module initialization failed"}));
-}
-
-TEST(CryptoModule, PropertyGuardActsOnlyWhenFipsIsEnforced)
-{
-    ReplacedApi replaced;
-    replaced.api.set_default_properties = [](const char *query) { return property_calls.push_back(query), 1; };
-    replaced.api.fips_enforcement_level = [] { return 2; };
-    replaced.install();
     property_calls.clear();
     {
         FipsPropertyGuard guard;
         EXPECT_EQ(property_calls, std::vector<std::string>{"?fips=yes"});
     }
     EXPECT_EQ(property_calls, (std::vector<std::string>{"?fips=yes", "fips=yes"}));
-
-    replaced.api.fips_enforcement_level = [] { return 1; };
+    api.fips_enforcement_level = [] { return 1; };
     property_calls.clear();
     { FipsPropertyGuard guard; }
     EXPECT_TRUE(property_calls.empty());
+    crypto_module_replace_api(nullptr);
 }
 
 TEST(SignatureTypes, SettingsAndTheirLogLines)

@@ -12,17 +12,11 @@
 #include "keys/buffer.h"
 #include "keys/key.h"
 #include "keys/ossl_ptr.h"
-#include "support/bytes.h"
+#include "support/requests.h"
 
 using EcdsaSigPtr = OsslPtr<ECDSA_SIG, ECDSA_SIG_free>;
 
 inline Bytes text_bytes(const std::string &text) { return Bytes(text.begin(), text.end()); }
-
-inline void put_string(Bytes *out, const Bytes &value)
-{
-    Bytes length = frame(value);
-    out->insert(out->end(), length.begin(), length.end());
-}
 
 // The strings of `in` in order; fails the test when one is cut short or
 // bytes are left over.
@@ -41,10 +35,10 @@ inline std::vector<Bytes> strings_of(const Bytes &in)
 
 inline Bytes signature_blob(const std::string &name, const Bytes &sig)
 {
-    Bytes blob;
-    put_string(&blob, text_bytes(name));
-    put_string(&blob, sig);
-    return blob;
+    Buffer b;
+    buffer_put_cstring(&b, name.c_str());
+    put_bytes(&b, sig);
+    return buffer_bytes(b);
 }
 
 struct ParsedBlob {
@@ -87,38 +81,32 @@ inline Bytes openssl_sign(EVP_PKEY *pkey, const char *md, const Bytes &data)
 // or "mpint" (ECDSA: r, s as strings, of `width` bytes each).
 inline Bytes ssh_form(const Bytes &der, const std::string &form, int width)
 {
-    if (form != "raw" && form != "mpint")
-        return der;
     const unsigned char *p = der.data();
-    EcdsaSigPtr sig(d2i_ECDSA_SIG(nullptr, &p, long(der.size())));
+    EcdsaSigPtr sig(form == "raw" || form == "mpint" ? d2i_ECDSA_SIG(nullptr, &p, long(der.size())) : nullptr);
     if (!sig)
-        return ADD_FAILURE() << "not a DER signature", Bytes();
-    Bytes r(form == "raw" ? 20 : width), s(r.size()), out;
+        return der;
+    Bytes r(form == "raw" ? 20 : width), s(r.size());
     BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), r.data(), int(r.size()));
     BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), s.data(), int(s.size()));
     if (form == "raw")
         return r.insert(r.end(), s.begin(), s.end()), r;
-    put_string(&out, r);
-    put_string(&out, s);
-    return out;
+    Buffer b;
+    put_bytes(&b, r);
+    put_bytes(&b, s);
+    return buffer_bytes(b);
 }
 
 inline Bytes der_form(const Bytes &ssh_signature, const std::string &form)
 {
-    Bytes r, s;
-    if (form == "raw" && ssh_signature.size() == 40) {
-        r.assign(ssh_signature.begin(), ssh_signature.begin() + 20);
-        s.assign(ssh_signature.begin() + 20, ssh_signature.end());
-    } else if (form == "mpint") {
-        std::vector<Bytes> parts = strings_of(ssh_signature);
-        if (parts.size() != 2)
-            return ADD_FAILURE() << "ECDSA signature of " << parts.size() << " numbers", Bytes();
-        r = parts[0], s = parts[1];
-    } else {
+    std::vector<Bytes> rs = form == "mpint" ? strings_of(ssh_signature) : std::vector<Bytes>();
+    if (form == "raw" && ssh_signature.size() == 40)
+        rs = {Bytes(ssh_signature.begin(), ssh_signature.begin() + 20),
+              Bytes(ssh_signature.begin() + 20, ssh_signature.end())};
+    if (rs.size() != 2)
         return ssh_signature;
-    }
     EcdsaSigPtr sig(ECDSA_SIG_new());
-    ECDSA_SIG_set0(sig.get(), BN_bin2bn(r.data(), int(r.size()), nullptr), BN_bin2bn(s.data(), int(s.size()), nullptr));
+    ECDSA_SIG_set0(sig.get(), BN_bin2bn(rs[0].data(), int(rs[0].size()), nullptr),
+                   BN_bin2bn(rs[1].data(), int(rs[1].size()), nullptr));
     Bytes out(static_cast<size_t>(std::max(i2d_ECDSA_SIG(sig.get(), nullptr), 0)));
     unsigned char *p = out.data();
     i2d_ECDSA_SIG(sig.get(), &p);

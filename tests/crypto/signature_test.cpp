@@ -41,41 +41,33 @@ int verify(const Key *key, const Bytes &blob, const Bytes &data = DATA)
     return key_verify(key, blob.data(), blob.size(), data.data(), data.size());
 }
 
-struct SigtypeSetting {
-    explicit SigtypeSetting(int value) { set_x509rsa_sigtype(value); }
-    ~SigtypeSetting() { set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT); }
-};
-
 }  // namespace
 
 // Every algorithm: OpenSSL verifies what the agent signs, the agent
 // verifies what OpenSSL signs, and nothing verifies over other data.
 TEST(Signature, EveryAlgorithmAgreesWithOpenSsl)
 {
-    struct Row { int type; unsigned bits; const char *algorithm, *md, *form; };
-    const Row rows[] = {
-        {KEY_RSA, 2048, "ssh-rsa", "SHA1", "rsa"},
-        {KEY_RSA, 2048, "rsa-sha2-256", "SHA256", "rsa"},
-        {KEY_RSA, 2048, "rsa-sha2-512", "SHA512", "rsa"},
-        {KEY_RSA, 2048, SSH_RSA_SHA256_VENDOR_ALIAS, "SHA256", "rsa"},
-        {KEY_RSA, 3072, nullptr, "SHA1", "rsa"},
-        {KEY_DSA, 1024, "ssh-dss", "SHA1", "raw"},
-        {KEY_ECDSA, 256, "ecdsa-sha2-nistp256", "SHA256", "mpint"},
-        {KEY_ECDSA, 384, "ecdsa-sha2-nistp384", "SHA384", "mpint"},
-        {KEY_ECDSA, 521, "ecdsa-sha2-nistp521", "SHA512", "mpint"},
-        {KEY_ED25519, 256, "ssh-ed25519", nullptr, "ed"},
-    };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.algorithm ? r.algorithm : "no row");
-        Key *key = shared_key(r.type, r.bits);
-        key->sigalg = r.algorithm ? signature_algorithm_by_name(r.algorithm) : nullptr;
+    for (auto [type, bits, algorithm, md, form] :
+         {std::tuple{KEY_RSA, 2048u, "ssh-rsa", "SHA1", "rsa"},
+          {KEY_RSA, 2048, "rsa-sha2-256", "SHA256", "rsa"},
+          {KEY_RSA, 2048, "rsa-sha2-512", "SHA512", "rsa"},
+          {KEY_RSA, 2048, SSH_RSA_SHA256_VENDOR_ALIAS, "SHA256", "rsa"},
+          {KEY_RSA, 3072, nullptr, "SHA1", "rsa"},
+          {KEY_DSA, 1024, "ssh-dss", "SHA1", "raw"},
+          {KEY_ECDSA, 256, "ecdsa-sha2-nistp256", "SHA256", "mpint"},
+          {KEY_ECDSA, 384, "ecdsa-sha2-nistp384", "SHA384", "mpint"},
+          {KEY_ECDSA, 521, "ecdsa-sha2-nistp521", "SHA512", "mpint"},
+          {KEY_ED25519, 256, "ssh-ed25519", nullptr, "ed"}}) {
+        SCOPED_TRACE(algorithm ? algorithm : "no row");
+        Key *key = shared_key(type, bits);
+        key->sigalg = algorithm ? signature_algorithm_by_name(algorithm) : nullptr;
         SecureBytes blob = sign(key);
         // Without a selected row the key signs under its own name.
-        const char *name = r.algorithm ? r.algorithm : "ssh-rsa";
-        expect_verifies(blob, key->pkey.get(), name, r.md, r.form, DATA);
+        const char *name = algorithm ? algorithm : "ssh-rsa";
+        expect_verifies(blob, key->pkey.get(), name, md, form, DATA);
         EXPECT_EQ(verify(key, Bytes(blob.begin(), blob.end())), 1);
         EXPECT_EQ(verify(key, Bytes(blob.begin(), blob.end()), text_bytes("other")), 0);
-        Bytes theirs = ssh_form(openssl_sign(key->pkey.get(), r.md, DATA), r.form, (static_cast<int>(r.bits) + 7) / 8);
+        Bytes theirs = ssh_form(openssl_sign(key->pkey.get(), md, DATA), form, (static_cast<int>(bits) + 7) / 8);
         EXPECT_EQ(verify(key, signature_blob(name, theirs)), 1);
     }
     // A certificate identity's ECDSA key signs under the plain name.
@@ -149,8 +141,9 @@ TEST(Signature, RsaLengthsAndBlobChecks)
     // keeps the row's hash.
     Key *rsa = shared_key(KEY_RSA, 2048);
     rsa->sigalg = signature_algorithm_by_name("rsa-sha2-512");
-    SigtypeSetting md5(0);
+    set_x509rsa_sigtype(0);
     ParsedBlob md5_blob = parse_blob(sign(rsa));
+    set_x509rsa_sigtype(X509RSA_SIGTYPE_DEFAULT);
     EXPECT_EQ(md5_blob.name, "rsa-sha2-512");
     EXPECT_TRUE(openssl_verifies(rsa->pkey.get(), "MD5", md5_blob.sig, DATA));
     expect_variants({{rsa, signature_blob("rsa-sha2-512", md5_blob.sig), DATA, 0, "bad decrypted len: 34 != 19 + 64"}});

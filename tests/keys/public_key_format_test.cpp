@@ -8,30 +8,6 @@
 #include "support/log_capture.h"
 #include "support/tool_run.h"
 
-TEST(PublicKeyFormat, LineTypeParsing)
-{
-    for (auto [text, line] : {std::pair{"ssh-rsa\tAAAA", "key_get_type: missing whitespace"},
-                              {"ssh-rsa ", "key_get_type: short string"}, {"ssh-foo AAAA", "key_get_type: missing keytype"}}) {
-        LogCapture log;
-        EXPECT_EQ(key_get_type(&text, nullptr), KEY_UNSPEC);
-        EXPECT_TRUE(log.contains(line)) << line;
-    }
-
-    const char *reference = "ssh-rsa#CERT_SYSTEM q80= comment";
-    uint32_t source = 0;
-    EXPECT_EQ(key_get_type(&reference, &source), KEY_RSA);
-    EXPECT_EQ(source, CERT_SOURCE_SYSTEM);
-    EXPECT_STREQ(reference, "q80= comment");
-
-    // A reference whose certificate is not at hand reads as nothing.
-    KeyPtr key = key_new(KEY_UNSPEC);
-    const char *line = "x509v3-sign-rsa#CERT_PKCS11 q80=";
-    EXPECT_EQ(key_read(key.get(), &line), -1);
-    KeyPtr dsa = key_new(KEY_DSA);
-    const char *rsa_line = "ssh-rsa AAAA";
-    EXPECT_EQ(key_read(dsa.get(), &rsa_line), -2);
-}
-
 TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
 {
     TempFolder folder;
@@ -60,6 +36,28 @@ TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
         EXPECT_TRUE(key_equal(back.get(), key.get()));
         EXPECT_NE(comment.find("-bit"), std::string::npos) << comment;
     }
+
+    // Type names, certificate references and a key of another type.
+    for (auto [text, line] : {std::pair{"ssh-rsa\tAAAA", "key_get_type: missing whitespace"},
+                              {"ssh-rsa ", "key_get_type: short string"}, {"ssh-foo AAAA", "key_get_type: missing keytype"}}) {
+        LogCapture log;
+        EXPECT_EQ(key_get_type(&text, nullptr), KEY_UNSPEC);
+        EXPECT_TRUE(log.contains(line)) << line;
+    }
+
+    const char *reference = "ssh-rsa#CERT_SYSTEM q80= comment";
+    uint32_t source = 0;
+    EXPECT_EQ(key_get_type(&reference, &source), KEY_RSA);
+    EXPECT_EQ(source, CERT_SOURCE_SYSTEM);
+    EXPECT_STREQ(reference, "q80= comment");
+
+    // A reference whose certificate is not at hand reads as nothing.
+    KeyPtr key = key_new(KEY_UNSPEC);
+    const char *line = "x509v3-sign-rsa#CERT_PKCS11 q80=";
+    EXPECT_EQ(key_read(key.get(), &line), -1);
+    KeyPtr dsa = key_new(KEY_DSA);
+    const char *rsa_line = "ssh-rsa AAAA";
+    EXPECT_EQ(key_read(dsa.get(), &rsa_line), -2);
 }
 
 TEST(PublicKeyFormat, BlockLinesOfSeventy)

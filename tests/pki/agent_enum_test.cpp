@@ -23,37 +23,30 @@ struct AgentEnum : ::testing::Test {
 
 }  // namespace
 
-TEST_F(AgentEnum, StartsAsBothWithCertificatesFirst)
+// From the initial mode (both, certificates first) through every
+// configuration setting and its log line, the words, and the ordering that
+// an authentication key sets.
+TEST_F(AgentEnum, SettingsWordsAndAuthenticationOrder)
 {
     EXPECT_EQ(agent_enum_get(), 0x13u);
     EXPECT_EQ(predicates(), "bf");
-}
-
-TEST_F(AgentEnum, ConfigurationSettingsAndTheirWords)
-{
     LogCapture log;
-    const struct {
-        int setting;
-        uint32_t mode;
-        const char *line;
-    } rows[] = {
-        {0, 3, "Agent set to enumerate certs as certs and as keys (Default for certs first)."},
-        {1, 2, "Agent set to enumerate certs as keys."},
-        {2, 1, "Agent set to enumerate certs as certs."},
-        {256, 0x103, "Agent set to enumerate certs for QMAR servers."},
-        {512, 0x203, "Agent set to enumerate certs for OpenSSH servers."},
-        {768, 0x303, "Agent set to enumerate certs for OpenSSH PKIX servers."},
-        {1024, 0x403, "Agent set to enumerate certs for SunSSH servers."},
-        {1280, 0x503, "Agent set to enumerate certs for OpenVMS servers."},
-        {7, 3, "Invalid enum setting (7). Agent set to enumerate certs as certs and as keys (Default for certs "
-               "first)."},
-    };
-    for (const auto &row : rows) {
+    for (auto [setting, mode, line] :
+         {std::tuple{0, 3u, "Agent set to enumerate certs as certs and as keys (Default for certs first)."},
+          {1, 2u, "Agent set to enumerate certs as keys."},
+          {2, 1u, "Agent set to enumerate certs as certs."},
+          {256, 0x103u, "Agent set to enumerate certs for QMAR servers."},
+          {512, 0x203u, "Agent set to enumerate certs for OpenSSH servers."},
+          {768, 0x303u, "Agent set to enumerate certs for OpenSSH PKIX servers."},
+          {1024, 0x403u, "Agent set to enumerate certs for SunSSH servers."},
+          {1280, 0x503u, "Agent set to enumerate certs for OpenVMS servers."},
+          {7, 3u, "Invalid enum setting (7). Agent set to enumerate certs as certs and as keys (Default for certs "
+                  "first)."}}) {
         log.clear();
         agent_enum_set(0x20);
-        EXPECT_EQ(agent_enum_from_setting(row.setting), row.mode) << row.setting;
-        EXPECT_EQ(agent_enum_get(), row.mode);
-        EXPECT_TRUE(log.contains(std::string("debug3: ") + row.line)) << row.setting;
+        EXPECT_EQ(agent_enum_from_setting(setting), mode) << setting;
+        EXPECT_EQ(agent_enum_get(), mode);
+        EXPECT_TRUE(log.contains(std::string("debug3: ") + line)) << setting;
     }
 
     // The words cross on purpose: "keys" offers certificates as keys.
@@ -66,11 +59,8 @@ TEST_F(AgentEnum, ConfigurationSettingsAndTheirWords)
     EXPECT_EQ(agent_enum_setting_from_word("both"), -1);
     EXPECT_EQ(agent_enum_unsupported_message(0), "Unsupported argument for AgentEnumCertsAs.");
     EXPECT_EQ(agent_enum_unsupported_message(12), "line 12: Unsupported argument for AgentEnumCertsAs.");
-}
 
-TEST_F(AgentEnum, AuthenticationOrdersOnlyTheBothMode)
-{
-    LogCapture log;
+    // Authentication orders only the "both" mode.
     EXPECT_EQ(agent_enum_from_setting(256), 0x103u);
     EXPECT_EQ(predicates(), "b");
     EXPECT_EQ(agent_enum_order_by_auth_key(5), 0x123u);
@@ -81,14 +71,11 @@ TEST_F(AgentEnum, AuthenticationOrdersOnlyTheBothMode)
     EXPECT_EQ(agent_enum_order_by_auth_key(6), 0x133u);
     EXPECT_EQ(predicates(), "b");
     EXPECT_EQ(agent_enum_get_low(), 0x33u);
-
     agent_enum_from_setting(0);
     EXPECT_EQ(agent_enum_order_by_auth_key(8), 0x13u);
     EXPECT_TRUE(log.contains("As a default, the key agent, if used, will present certificates before keys."));
     agent_enum_from_setting(2);
     EXPECT_EQ(agent_enum_order_by_auth_key(1), 1u);
-
-    log.clear();
     agent_enum_set(0x23);
     EXPECT_EQ(predicates(), "bk");
     EXPECT_TRUE(log.contains("debug3: Key agent enum set to 0x0023."));

@@ -14,6 +14,7 @@ namespace {
 
 // The key code writes and reads certificate identities through the
 // certificate layer; plain keys and plain certificate blobs need no layer.
+// (The blob layouts themselves are compared in the X.509 blob tests.)
 struct CertKeyLayer : ::testing::Test {
     void TearDown() override { cert_key_layer_install(); }
 };
@@ -23,18 +24,12 @@ TEST_F(CertKeyLayer, CertificateBlobsGoThroughTheLayer)
     KeyPtr key = x509key_from_certificate(self_signed_p256("layer"), nullptr);
     ASSERT_TRUE(key);
     const char *name = "x509v3-ecdsa-sha2-nistp256";
-    SecureBytes direct, blob;
-    uint32_t direct_len = 0;
-    ASSERT_GT(ssh_pki_x509key_to_rfc6187_pubkey_blob(key.get(), nullptr, &direct, &direct_len, name, nullptr), 0);
+    SecureBytes blob;
     uint32_t len = key_to_blob(key.get(), &blob, nullptr, name);
-    ASSERT_EQ(len, direct_len);
-    EXPECT_EQ(blob, direct);
     KeyPtr again = key_from_blob(blob.data(), len);
     ASSERT_TRUE(again);
     EXPECT_EQ(again->type, KEY_X509_ECDSA);
     EXPECT_TRUE(key_equal(key.get(), again.get()));
-    uint8_t hash[20] = {};
-    EXPECT_EQ(cert_key_hooks().by_public_key_hash(99, hash, sizeof hash), nullptr);
 
     // Without the layer, only what needs it fails.
     cert_key_hooks_set(nullptr);
@@ -53,16 +48,14 @@ TEST_F(CertKeyLayer, CertificateBlobsGoThroughTheLayer)
 
 // A provider installed for a location (the Windows store goes in as 1)
 // answers its lookups; unknown locations have none.
-KeyPtr provided_identity(const std::string &identifier)
-{
-    KeyPtr key = key_generate(KEY_ED25519, 0);
-    key->name = identifier;
-    return key;
-}
-
 TEST_F(CertKeyLayer, InstalledProvidersAnswerTheirLocations)
 {
-    static const CertProvider provider = {provided_identity, nullptr, nullptr};
+    static const CertProvider provider = {[](const std::string &identifier) {
+                                              KeyPtr key = key_generate(KEY_ED25519, 0);
+                                              key->name = identifier;
+                                              return key;
+                                          },
+                                          nullptr, nullptr};
     for (uint32_t location : {1u, 2u, 3u}) {
         cert_provider_set(location, &provider);
         KeyPtr found = cert_identity_lookup(location, "from the provider");

@@ -57,70 +57,73 @@ struct CertStoreTest : AgentStateTest {
     }
 };
 
-struct SignCase {
-    const char *leaf;
-    const char *algorithm;  // the row the request selects
-    bool as_plain_key;      // certificate offered as a plain key
-    int rsa_sigtype, dsa_sigtype;
-    const char *signature_name, *md, *form;
-};
-
-const SignCase SIGN_CASES[] = {
-    {"alice", "x509v3-sign-rsa", false, 3, 0, "x509v3-sign-rsa", "SHA1", "rsa"},
-    {"alice", "x509v3-sign-rsa", false, 2, 0, "x509v3-sign-rsa", "SHA1", "rsa"},
-    {"alice", "x509v3-sign-rsa", false, 1, 0, "x509v3-sign-rsa", "SHA1", "rsa"},
-    {"alice", "x509v3-sign-rsa", false, 0, 0, "x509v3-sign-rsa", "MD5", "rsa"},
-    {"alice", "x509v3-ssh-rsa", false, 3, 0, "ssh-rsa", "SHA1", "rsa"},
-    {"alice", "x509v3-ssh-rsa", false, 0, 0, "ssh-rsa", "MD5", "rsa"},
-    {"alice", "x509v3-rsa2048-sha256", false, 3, 0, "rsa2048-sha256", "SHA256", "rsa"},
-    {"alice", "x509v3-rsa2048-sha256", false, 0, 0, "rsa2048-sha256", "SHA256", "rsa"},
-    {"alice", "ssh-rsa", true, 3, 0, "ssh-rsa", "SHA1", "rsa"},
-    {"alice", "rsa-sha2-256", true, 3, 0, "rsa-sha2-256", "SHA256", "rsa"},
-    {"alice", "rsa-sha2-512", true, 0, 0, "rsa-sha2-512", "MD5", "rsa"},
-    {"bob", "x509v3-sign-dss", false, 3, 0, "x509v3-sign-dss", "SHA1", "raw"},
-    {"bob", "x509v3-sign-dss", false, 3, 1, "x509v3-sign-dss", "SHA1", "der"},
-    {"bob", "ssh-dss", true, 3, 1, "ssh-dss", "SHA1", "raw"},
-    {"p256", "x509v3-ecdsa-sha2-nistp256", false, 3, 0, "ecdsa-sha2-nistp256", "SHA256", "mpint"},
-    {"p384", "x509v3-ecdsa-sha2-nistp384", false, 3, 0, "ecdsa-sha2-nistp384", "SHA384", "mpint"},
-    {"p521", "x509v3-ecdsa-sha2-nistp521", false, 3, 0, "ecdsa-sha2-nistp521", "SHA512", "mpint"},
-    {"p384", "ecdsa-sha2-nistp384", true, 3, 0, "ecdsa-sha2-nistp384", "SHA384", "mpint"},
-};
-
-int plain_type(int type) { return type == KEY_X509_RSA ? KEY_RSA : type == KEY_X509_DSA ? KEY_DSA : KEY_ECDSA; }
-
 }  // namespace
 
-TEST_F(CertStoreTest, SignsUnderEveryAlgorithmName)
+// Every algorithm name signs, checked by OpenSSL; lookup by name or hash in
+// any letter case; bad imports; under FIPS rules, no DSA and no SHA-1.
+TEST_F(CertStoreTest, SignsUnderEveryAlgorithmNameAndFollowsFipsRules)
 {
     for (const char *leaf : {"alice", "bob", "p256", "p384", "p521"})
         ASSERT_EQ(import(leaf), pki->sha1(pki->path(std::string(leaf) + ".crt")));
-    for (const SignCase &c : SIGN_CASES) {
-        SCOPED_TRACE(std::string(c.leaf) + " " + c.algorithm + " rsa sigtype " + std::to_string(c.rsa_sigtype));
-        set_x509rsa_sigtype(c.rsa_sigtype);
-        set_x509dsa_sigtype(c.dsa_sigtype);
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_TARNWELL, c.leaf);  // by simple name
+    // The row a request selects, whether the certificate is offered as a plain
+    // key, the signature type settings, and the signature OpenSSL checks.
+    for (auto [leaf, algorithm, as_plain_key, rsa_sigtype, dsa_sigtype, signature_name, md, form] :
+         {std::tuple{"alice", "x509v3-sign-rsa", false, 3, 0, "x509v3-sign-rsa", "SHA1", "rsa"},
+          {"alice", "x509v3-sign-rsa", false, 2, 0, "x509v3-sign-rsa", "SHA1", "rsa"},
+          {"alice", "x509v3-sign-rsa", false, 1, 0, "x509v3-sign-rsa", "SHA1", "rsa"},
+          {"alice", "x509v3-sign-rsa", false, 0, 0, "x509v3-sign-rsa", "MD5", "rsa"},
+          {"alice", "x509v3-ssh-rsa", false, 3, 0, "ssh-rsa", "SHA1", "rsa"},
+          {"alice", "x509v3-ssh-rsa", false, 0, 0, "ssh-rsa", "MD5", "rsa"},
+          {"alice", "x509v3-rsa2048-sha256", false, 3, 0, "rsa2048-sha256", "SHA256", "rsa"},
+          {"alice", "x509v3-rsa2048-sha256", false, 0, 0, "rsa2048-sha256", "SHA256", "rsa"},
+          {"alice", "ssh-rsa", true, 3, 0, "ssh-rsa", "SHA1", "rsa"},
+          {"alice", "rsa-sha2-256", true, 3, 0, "rsa-sha2-256", "SHA256", "rsa"},
+          {"alice", "rsa-sha2-512", true, 0, 0, "rsa-sha2-512", "MD5", "rsa"},
+          {"bob", "x509v3-sign-dss", false, 3, 0, "x509v3-sign-dss", "SHA1", "raw"},
+          {"bob", "x509v3-sign-dss", false, 3, 1, "x509v3-sign-dss", "SHA1", "der"},
+          {"bob", "ssh-dss", true, 3, 1, "ssh-dss", "SHA1", "raw"},
+          {"p256", "x509v3-ecdsa-sha2-nistp256", false, 3, 0, "ecdsa-sha2-nistp256", "SHA256", "mpint"},
+          {"p384", "x509v3-ecdsa-sha2-nistp384", false, 3, 0, "ecdsa-sha2-nistp384", "SHA384", "mpint"},
+          {"p521", "x509v3-ecdsa-sha2-nistp521", false, 3, 0, "ecdsa-sha2-nistp521", "SHA512", "mpint"},
+          {"p384", "ecdsa-sha2-nistp384", true, 3, 0, "ecdsa-sha2-nistp384", "SHA384", "mpint"}}) {
+        SCOPED_TRACE(std::string(leaf) + " " + algorithm + " rsa sigtype " + std::to_string(rsa_sigtype));
+        set_x509rsa_sigtype(rsa_sigtype);
+        set_x509dsa_sigtype(dsa_sigtype);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_TARNWELL, leaf);  // by simple name
         ASSERT_NE(key, nullptr);
-        if (c.as_plain_key)
-            key->type = plain_type(key->type);
+        if (as_plain_key)
+            key->type = key->type == KEY_X509_RSA ? KEY_RSA : key->type == KEY_X509_DSA ? KEY_DSA : KEY_ECDSA;
         SecureBytes blob;
-        ASSERT_EQ(sign(key.get(), c.algorithm, &blob), 0);
-        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), c.signature_name, c.md, c.form, DATA);
+        ASSERT_EQ(sign(key.get(), algorithm, &blob), 0);
+        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), signature_name, md, form, DATA);
         // The agent's own verifier agrees (it has no MD5 override for plain
         // keys: those signatures are left to OpenSSL), and refuses other data.
-        if (!(c.as_plain_key && c.rsa_sigtype == 0)) {
+        if (!(as_plain_key && rsa_sigtype == 0)) {
             EXPECT_EQ(key_verify(key.get(), blob.data(), blob.size(), DATA.data(), DATA.size()), 1);
         }
         EXPECT_EQ(key_verify(key.get(), blob.data(), blob.size(), DATA.data(), DATA.size() - 1), 0);
     }
-}
+    set_x509rsa_sigtype(3);
+    set_x509dsa_sigtype(0);
 
-TEST_F(CertStoreTest, FipsRulesApplyToCertificates)
-{
-    import("alice");
-    import("bob");
+    LogCapture log;
+    std::string upper = pki->sha1(pki->path("alice.crt"));
+    for (char &ch : upper)
+        ch = static_cast<char>(toupper(ch));
+    EXPECT_NE(cert_identity_lookup(CERT_SOURCE_TARNWELL, upper), nullptr);
+    EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_TARNWELL, "nobody"), nullptr);
+    EXPECT_TRUE(log.contains("no certificate in the agent's store matches \"nobody\""));
+    EXPECT_EQ(cert_identity_lookup(9, "alice"), nullptr);
+    EXPECT_EQ(import("alice", "wrong"), "error: wrong PKCS#12 password, or a damaged file");
+    std::string p12 = read_file_text(pki->path("alice.p12")), sha1_out, why;
+    for (size_t cut : {size_t(0), size_t(10), p12.size() / 2}) {
+        EXPECT_FALSE(cert_store_import_pkcs12(cert_store_folder(), reinterpret_cast<const uint8_t *>(p12.data()), cut,
+                                              "p12pass", "agent pass", &sha1_out, &why));
+        EXPECT_FALSE(why.empty());
+    }
+
     KeyPtr rsa = cert_identity_lookup(CERT_SOURCE_TARNWELL, "alice"), dsa = cert_identity_lookup(CERT_SOURCE_TARNWELL, "bob");
     FipsEnvironment fips;
-    LogCapture log;
     EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_TARNWELL, "bob"), nullptr);
     EXPECT_TRUE(log.contains("In FIPS mode, DSA keys are not supported."));
     SecureBytes blob, none;
@@ -131,27 +134,6 @@ TEST_F(CertStoreTest, FipsRulesApplyToCertificates)
     EXPECT_EQ(sign(dsa.get(), "x509v3-sign-dss", &none), 0);
     EXPECT_TRUE(none.empty());
     EXPECT_TRUE(log.contains("ssh_DSA_do_sign: FIPS does not allow DSA keys"));
-}
-
-TEST_F(CertStoreTest, LookupAndBadInput)
-{
-    std::string sha1 = import("alice");
-    LogCapture log;
-    std::string upper = sha1;
-    for (char &ch : upper)
-        ch = static_cast<char>(toupper(ch));
-    EXPECT_NE(cert_identity_lookup(CERT_SOURCE_TARNWELL, upper), nullptr);
-    EXPECT_EQ(cert_identity_lookup(CERT_SOURCE_TARNWELL, "nobody"), nullptr);
-    EXPECT_TRUE(log.contains("no certificate in the agent's store matches \"nobody\""));
-    EXPECT_EQ(cert_identity_lookup(9, "alice"), nullptr);
-
-    EXPECT_EQ(import("alice", "wrong"), "error: wrong PKCS#12 password, or a damaged file");
-    std::string p12 = read_file_text(pki->path("alice.p12")), sha1_out, why;
-    for (size_t cut : {size_t(0), size_t(10), p12.size() / 2}) {
-        EXPECT_FALSE(cert_store_import_pkcs12(cert_store_folder(), reinterpret_cast<const uint8_t *>(p12.data()), cut,
-                                              "p12pass", "agent pass", &sha1_out, &why));
-        EXPECT_FALSE(why.empty());
-    }
 }
 
 TEST_F(CertStoreTest, ListChainPassphraseChangeAndRemove)
@@ -191,7 +173,8 @@ TEST_F(CertStoreTest, ListChainPassphraseChangeAndRemove)
 }
 
 // The certificate add (location byte and identifier), the key store's
-// reference records, and a restart with the certificate gone and back.
+// reference records, a restart with the certificate gone and back, and
+// damaged reference records.
 TEST_F(CertStoreTest, AddSurvivesRestartAndAbsence)
 {
     std::string sha1 = import("alice");
@@ -225,13 +208,11 @@ TEST_F(CertStoreTest, AddSurvivesRestartAndAbsence)
     EXPECT_NE(file_text(KEY_STORE_PRIVATE_FILE).find("#CERT_TARNWELL\nsha1=" + sha1), std::string::npos);
     import("alice");
     EXPECT_TRUE(signs());
-}
 
-TEST_F(CertStoreTest, GarbageReferenceLinesFailAlone)
-{
-    LogCapture log;
+    // Damaged reference records fail alone.
     std::string store = "one#CERT_TARNWELL\nnot a reference\n\ntwo#CERT_PKCS11\nsha1=12;cert=AAAA\n\n"
                         "three#CERT_SYSTEM\nsha1=" + std::string(40, 'a') + ";cert=!!!!\n\n";
+    identity_tables_init();
     read_private_key_store(store.data(), store.size(), "agent pass", agent_passphrase_generation());
     EXPECT_EQ(identity_table_for_version(2)->nentries, 0);
     EXPECT_TRUE(log.contains("bad certificate reference in location 3: field without '='"));

@@ -76,43 +76,35 @@ struct Pkcs11Test : AgentStateTest {
 
 }  // namespace
 
-TEST_F(Pkcs11Test, SignsWithEveryAlgorithmAndAsksThePinOnce)
+TEST_F(Pkcs11Test, SignsWithEveryAlgorithmAndAsksThePinOnceAndAgainWhenWrongOrLost)
 {
-    struct TokenCase {
-        const char *identifier, *algorithm;
-        bool as_plain_key;
-        const char *signature_name, *md;
-    } const cases[] = {
-        {"tok-rsa", "x509v3-sign-rsa", false, "x509v3-sign-rsa", "SHA1"},
-        {"tok-rsa", "x509v3-ssh-rsa", false, "ssh-rsa", "SHA1"},
-        {"tok-rsa", "x509v3-rsa2048-sha256", false, "rsa2048-sha256", "SHA256"},
-        {"tok-rsa", "rsa-sha2-512", true, "rsa-sha2-512", "SHA512"},
-        {"tok-ec", "x509v3-ecdsa-sha2-nistp384", false, "ecdsa-sha2-nistp384", "SHA384"},
-        {"tok-ec", "ecdsa-sha2-nistp384", true, "ecdsa-sha2-nistp384", "SHA384"},
-    };
-    for (const TokenCase &c : cases) {
-        SCOPED_TRACE(std::string(c.identifier) + " " + c.algorithm);
+    for (auto [identifier, algorithm, as_plain_key, signature_name, md, form] :
+         {std::tuple{"tok-rsa", "x509v3-sign-rsa", false, "x509v3-sign-rsa", "SHA1", "rsa"},
+          {"tok-rsa", "x509v3-ssh-rsa", false, "ssh-rsa", "SHA1", "rsa"},
+          {"tok-rsa", "x509v3-rsa2048-sha256", false, "rsa2048-sha256", "SHA256", "rsa"},
+          {"tok-rsa", "rsa-sha2-512", true, "rsa-sha2-512", "SHA512", "rsa"},
+          {"tok-ec", "x509v3-ecdsa-sha2-nistp384", false, "ecdsa-sha2-nistp384", "SHA384", "mpint"},
+          {"tok-ec", "ecdsa-sha2-nistp384", true, "ecdsa-sha2-nistp384", "SHA384", "mpint"}}) {
+        SCOPED_TRACE(std::string(identifier) + " " + algorithm);
         // By simple name, and by hash with the module named in the identifier.
-        KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, c.identifier);
+        KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, identifier);
         KeyPtr by_hash = cert_identity_lookup(
-            CERT_SOURCE_PKCS11, std::string(SOFTHSM_MODULE) + ":" + pki->sha1(pki->path(std::string(c.identifier) + ".crt")));
+            CERT_SOURCE_PKCS11, std::string(SOFTHSM_MODULE) + ":" + pki->sha1(pki->path(std::string(identifier) + ".crt")));
         ASSERT_TRUE(key && by_hash);
         EXPECT_TRUE(key_equal(key.get(), by_hash.get()));
-        if (c.as_plain_key)
+        if (as_plain_key)
             key->type = key->type == KEY_X509_RSA ? KEY_RSA : KEY_ECDSA;
         SecureBytes blob;
-        ASSERT_EQ(sign(key.get(), c.algorithm, &blob), 0);
-        bool ec = key->type == KEY_X509_ECDSA || key->type == KEY_ECDSA;
-        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), c.signature_name, c.md, ec ? "mpint" : "rsa", DATA);
+        ASSERT_EQ(sign(key.get(), algorithm, &blob), 0);
+        expect_verifies(blob, X509_get0_pubkey(key->cert.get()), signature_name, md, form, DATA);
     }
     EXPECT_EQ(pin_asked, 1);
-}
 
-// A wrong PIN fails cleanly and is asked again. The token's sessions end
-// under the agent (as when it is pulled out and put back): the next
-// signature opens a new one and logs in again.
-TEST_F(Pkcs11Test, WrongPinAndLostSessionAskAgain)
-{
+    // In a new process, a wrong PIN fails cleanly and is asked again. The
+    // token's sessions end under the agent (as when it is pulled out and put
+    // back): the next signature opens a new one and logs in again.
+    pkcs11_modules_reset();
+    pin_asked = 0;
     KeyPtr key = cert_identity_lookup(CERT_SOURCE_PKCS11, "tok-ec");
     ASSERT_NE(key, nullptr);
     pin_answers = {"0000"};
