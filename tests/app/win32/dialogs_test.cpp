@@ -1,14 +1,12 @@
-// The dialogs from tagent.dll driven from another thread as a user would;
-// their help, which opens the page beside the programs through the .html
-// association (a stand-in browser copies the file it is asked to open);
-// and the agent's first start.
+// The resources in tagent.dll; the help, which opens the page beside the
+// programs through the .html association (a stand-in browser copies the
+// file it is asked to open); and the agent's first start, its dialog
+// driven as a user would.
 
-#include <cstring>
-#include <thread>
 
-#include "agent/settings.h"
 #include "app/win32/dialogs.h"
 #include "app/win32/help.h"
+#include "win32/agent_channels.h"
 #include "win32/dialog_driver.h"
 
 namespace {
@@ -78,8 +76,12 @@ protected:
 
 // The string table holds the program texts and the icons are there; the
 // tray's topic opens the page, which explains every setting that the
-// manager shows.
-TEST_F(Dialogs, ResourcesAndTheHelpPageBesideThePrograms)
+// manager shows. The agent's first start asks for its passphrase in dialog
+// 133 (whose Help and context help open the page and leave it open) and is
+// ready once the user has answered; the next start asks nothing. No
+// passphrase ticked stores the empty one with AttemptEmpty, and unlock
+// then asks nothing; cancel ends the agent before it starts.
+TEST_F(Dialogs, ResourcesHelpAndTheAgentsFirstStart)
 {
     for (int id : {TEXT_APPLICATION_TITLE, TEXT_CONFIRM_KEY_OPERATION, TEXT_FATAL_ERROR, TEXT_PASSPHRASES_DIFFER}) {
         const wchar_t *loaded = nullptr;
@@ -93,95 +95,30 @@ TEST_F(Dialogs, ResourcesAndTheHelpPageBesideThePrograms)
     for (const char *name :
          {"ConfirmKeyOp", "AllowAdd", "AllowDelete", "UseOnlySha1", "CreateLog", "AutoLock", "AutoLockMinutes"})
         EXPECT_NE(page_.find(std::string("<code>") + name + "</code>"), std::string::npos) << name;
-}
 
-// What the user does in each dialog, and what the asking code gets back.
-// Cancel answers nothing; Help and the title bar's context help open the
-// help page and leave the dialog open.
-TEST_F(Dialogs, ReturnWhatTheUserTypedTickedOrCancelled)
-{
-    using Ask = std::function<bool(SecretString *, bool *)>;
-    Ask first = [](SecretString *s, bool *none) { return ask_first_passphrase(GetDesktopWindow(), s, none); };
-    Ask unlock = [](SecretString *s, bool *) { return ask_unlock_passphrase(s); };
-    Ask key = [](SecretString *s, bool *) { return ask_key_passphrase("Enter the passphrase for 'id_rsa':", s); };
-    auto help_then_cancel = [](bool context_help) {
-        return [context_help](HWND d) {
-            if (context_help)
-                SendMessageW(d, WM_SYSCOMMAND, SC_CONTEXTHELP, 0);
-            else
-                press(d, CONTROL_HELP);
-            EXPECT_TRUE(IsWindow(d));
-            type_into(d, 126, L"never used");
-            press(d, IDCANCEL);
-        };
-    };
-    const struct {
-        int dialog;
-        Ask ask;
-        std::function<void(HWND)> user;
-        bool ok;
-        const char *answer;
-        bool no_passphrase, help;
-    } cases[] = {
-        {133, first, [](HWND d) {
-             EXPECT_NE(GetPropW(d, L"ReadPassphraseParam"), nullptr);
-             EXPECT_EQ(control_text(d, 145), text(222));
-             type_into(d, 126, L"correct horse");
-             press(d, IDOK);
-         }, true, "correct horse", false, false},
-        {133, first, [](HWND d) {  // no passphrase ticked, unticked and ticked again
-             type_into(d, 126, L"typed before the tick");
-             press(d, 221);
-             EXPECT_FALSE(IsWindowEnabled(GetDlgItem(d, 126)));
-             press(d, 221);
-             EXPECT_TRUE(IsWindowEnabled(GetDlgItem(d, 126)));
-             press(d, 221);
-             press(d, IDOK);
-         }, true, "", true, false},
-        {219, key, [](HWND d) {
-             EXPECT_EQ(control_text(d, 145), L"Enter the passphrase for 'id_rsa':");
-             type_into(d, 126, L"p\u00e4ss");
-             press(d, IDOK);
-         }, true, "p\xc3\xa4ss", false, false},
-        {133, first, help_then_cancel(false), false, "", false, true},
-        {124, unlock, help_then_cancel(false), false, "", false, true},
-        {219, key, help_then_cancel(false), false, "", false, true},
-        {133, first, help_then_cancel(true), false, "", false, true},
-        {124, unlock, help_then_cancel(true), false, "", false, true},
-        {219, key, help_then_cancel(true), false, "", false, true},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "dialog " << c.dialog << " case " << (&c - cases));
-        SecretString answer;
-        bool none = false;
-        std::thread user([&] {
-            HWND dialog = wait_for_dialog(text(c.dialog));
-            ASSERT_NE(dialog, nullptr);
-            c.user(dialog);
-        });
-        EXPECT_EQ(c.ask(&answer, &none), c.ok);
-        user.join();
-        EXPECT_STREQ(answer.c_str(), c.answer);
-        EXPECT_EQ(none, c.no_passphrase);
-        EXPECT_TRUE(!c.help || page_opened()) << "the help page was not opened";
-    }
-}
-
-// The agent's first start asks for its passphrase in dialog 133 and is
-// ready once the user has answered; the next start asks nothing. No
-// passphrase ticked stores the empty one with AttemptEmpty; cancel ends
-// the agent before it starts.
-TEST_F(Dialogs, AgentAsksForItsPassphraseOnItsFirstStartOnly)
-{
     for (int answer : {IDOK, 221, IDCANCEL}) {
         SCOPED_TRACE(answer);
         WindowsAgent agent;
         PROCESS_INFORMATION first = agent.launch();
         HWND dialog = wait_for_dialog(text(133));
         ASSERT_NE(dialog, nullptr) << agent.log();
-        type_into(dialog, 126, L"first secret");
-        if (answer == 221)
+        EXPECT_NE(GetPropW(dialog, L"ReadPassphraseParam"), nullptr);
+        EXPECT_EQ(control_text(dialog, 145), text(222));
+        type_into(dialog, 126, L"first s\u00e9cret");
+        if (answer == IDOK) {
+            press(dialog, CONTROL_HELP);
+            EXPECT_TRUE(page_opened()) << "the help page was not opened";
+            SendMessageW(dialog, WM_SYSCOMMAND, SC_CONTEXTHELP, 0);
+            EXPECT_TRUE(page_opened()) << "the context help did not open the page";
+            EXPECT_TRUE(IsWindow(dialog));
+        }
+        if (answer == 221) {  // ticked, unticked and ticked again
             press(dialog, 221);
+            EXPECT_FALSE(IsWindowEnabled(GetDlgItem(dialog, 126)));
+            press(dialog, 221);
+            EXPECT_TRUE(IsWindowEnabled(GetDlgItem(dialog, 126)));
+            press(dialog, 221);
+        }
         press(dialog, answer == 221 ? IDOK : answer);
         if (answer == IDCANCEL) {
             EXPECT_EQ(wait_exit(&first), 0);
@@ -189,16 +126,21 @@ TEST_F(Dialogs, AgentAsksForItsPassphraseOnItsFirstStartOnly)
             EXPECT_FALSE(agent.logged("Key Agent started"));
             continue;
         }
-        ASSERT_NE(WindowsAgent::wait_ready_of(first), nullptr) << agent.log();
-        PostMessageW(find_agent_window(), WM_CLOSE, 0, 0);
+        HWND window = WindowsAgent::wait_ready_of(first);
+        ASSERT_NE(window, nullptr) << agent.log();
+        if (answer == 221) {
+            DWORD_PTR result = 0;
+            ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_LOCK, 0, SMTO_NORMAL, 20000, &result));
+            EXPECT_TRUE(agent_locked(window));
+            ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_UNLOCK, 0, SMTO_NORMAL, 20000, &result))
+                << "the unlock waited for a dialog";
+            EXPECT_FALSE(agent_locked(window));
+        }
+        PostMessageW(window, WM_CLOSE, 0, 0);
         EXPECT_EQ(wait_exit(&first), 0);
         EXPECT_TRUE(agent.logged("keyagent: Agent has a passphrase now"));
-        std::string file = read_file_text(agent.path(AGENT_SETTINGS_FILE));
-        AgentSettings settings = parse_agent_settings(reinterpret_cast<const uint8_t *>(file.data()), file.size());
-        uint8_t digest[20];
-        agent_passphrase_digest(answer == 221 ? "" : "first secret", digest);
-        EXPECT_EQ(memcmp(digest, settings.passphrase_digest, sizeof digest), 0);
-        EXPECT_EQ(settings.AttemptEmpty, answer == 221 ? 1u : 0u);
+        EXPECT_TRUE(agent.passphrase_is(answer == 221 ? "" : "first s\xc3\xa9" "cret"));
+        EXPECT_EQ(agent.settings().AttemptEmpty, answer == 221 ? 1u : 0u);
         if (answer == 221)
             continue;
         ASSERT_NE(agent.start(), nullptr);
