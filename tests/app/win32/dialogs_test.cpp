@@ -11,25 +11,23 @@
 
 namespace {
 
-std::wstring text(int id) { return resource_text(id); }
-
 bool set_default_value(const wchar_t *key, const std::wstring &value)
 {
     return RegSetKeyValueW(HKEY_CLASSES_ROOT, key, nullptr, REG_SZ, value.c_str(),
                            static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
 }
 
-// Registers "open" for .html files as a copy to `copy` (Wine reads
-// associations from the machine's classes only), and puts the association
-// back when it goes.
+// Registers "open" for .html files as a copy into a folder of its own (Wine
+// reads associations from the machine's classes only), and puts the
+// association back when it goes.
 class StandInBrowser {
 public:
-    explicit StandInBrowser(const std::filesystem::path &copy)
+    StandInBrowser()
     {
         DWORD size = sizeof old_html_;
         had_html_ = !RegGetValueW(HKEY_CLASSES_ROOT, L".html", nullptr, RRF_RT_REG_SZ, nullptr, old_html_, &size);
         ok_ = set_default_value(L"TarnwellHelpProbe\\shell\\open\\command",
-                                L"cmd.exe /c copy /y \"%1\" \"" + copy.wstring() + L"\"") &&
+                                L"cmd.exe /c copy /y \"%1\" \"" + copy_.wstring() + L"\"") &&
               set_default_value(L".html", L"TarnwellHelpProbe");
     }
     ~StandInBrowser()
@@ -37,41 +35,25 @@ public:
         if (!had_html_ || !set_default_value(L".html", old_html_))
             RegDeleteTreeW(HKEY_CLASSES_ROOT, L".html");
         RegDeleteTreeW(HKEY_CLASSES_ROOT, L"TarnwellHelpProbe");
+        EXPECT_TRUE(remove_folder(folder_));
     }
     StandInBrowser(const StandInBrowser &) = delete;
     StandInBrowser &operator=(const StandInBrowser &) = delete;
     bool ok() const { return ok_; }
 
-private:
-    bool had_html_ = false, ok_ = false;
-    wchar_t old_html_[512] = L"";
-};
-
-class Dialogs : public ::testing::Test {
-protected:
-    void SetUp() override
+    // True once the stand-in, which the shell starts on its own, has copied
+    // `page`; the copy is then removed.
+    bool opened(const std::string &page)
     {
-        ASSERT_TRUE(desktop_ready());
-        ASSERT_NE(resource_library_load(), nullptr) << "tagent.dll beside the tests";
-        page_ = read_file_text(platform_executable_dir() + HELP_PAGE_FILE);
-        ASSERT_FALSE(page_.empty()) << "the help page beside the programs";
-        ASSERT_TRUE(browser_.ok());
-    }
-    void TearDown() override { EXPECT_TRUE(remove_folder(folder_)); }
-
-    // True once the stand-in browser, which the shell starts on its own,
-    // has copied the help page; the copy is then removed.
-    bool page_opened()
-    {
-        bool opened = eventually([&] { return read_file_text(copy_) == page_; }, 30000);
+        bool opened = eventually([&] { return read_file_text(copy_) == page; }, 30000);
         std::filesystem::remove(copy_);
         return opened;
     }
 
-    std::filesystem::path folder_ = fresh_temp_folder("help");
-    std::filesystem::path copy_ = folder_ / "opened.html";
-    StandInBrowser browser_{copy_};
-    std::string page_;
+private:
+    std::filesystem::path folder_ = fresh_temp_folder("help"), copy_ = folder_ / "opened.html";
+    bool had_html_ = false, ok_ = false;
+    wchar_t old_html_[512] = L"";
 };
 
 // The string table holds the program texts and the icons are there; the
@@ -81,8 +63,13 @@ protected:
 // ready once the user has answered; the next start asks nothing. No
 // passphrase ticked stores the empty one with AttemptEmpty, and unlock
 // then asks nothing; cancel ends the agent before it starts.
-TEST_F(Dialogs, ResourcesHelpAndTheAgentsFirstStart)
+TEST(Dialogs, ResourcesHelpAndTheAgentsFirstStart)
 {
+    ASSERT_NE(resource_library_load(), nullptr) << "tagent.dll beside the tests";
+    const std::string page = read_file_text(platform_executable_dir() + HELP_PAGE_FILE);
+    ASSERT_FALSE(page.empty()) << "the help page beside the programs";
+    StandInBrowser browser;
+    ASSERT_TRUE(browser.ok());
     for (int id : {TEXT_APPLICATION_TITLE, TEXT_CONFIRM_KEY_OPERATION, TEXT_FATAL_ERROR, TEXT_PASSPHRASES_DIFFER}) {
         const wchar_t *loaded = nullptr;
         int length = LoadStringW(resource_library(), static_cast<UINT>(id), reinterpret_cast<LPWSTR>(&loaded), 0);
@@ -91,25 +78,25 @@ TEST_F(Dialogs, ResourcesHelpAndTheAgentsFirstStart)
     for (int icon : {101, 234, 235})
         EXPECT_NE(FindResourceW(resource_library(), MAKEINTRESOURCEW(icon), MAKEINTRESOURCEW(14)), nullptr) << icon;
     EXPECT_TRUE(open_help_topic(HELP_TOPIC_MANAGER));
-    EXPECT_TRUE(page_opened());
+    EXPECT_TRUE(browser.opened(page));
     for (const char *name :
          {"ConfirmKeyOp", "AllowAdd", "AllowDelete", "UseOnlySha1", "CreateLog", "AutoLock", "AutoLockMinutes"})
-        EXPECT_NE(page_.find(std::string("<code>") + name + "</code>"), std::string::npos) << name;
+        EXPECT_NE(page.find(std::string("<code>") + name + "</code>"), std::string::npos) << name;
 
     for (int answer : {IDOK, 221, IDCANCEL}) {
         SCOPED_TRACE(answer);
         WindowsAgent agent;
         PROCESS_INFORMATION first = agent.launch();
-        HWND dialog = wait_for_dialog(text(133));
+        HWND dialog = wait_for_dialog(resource_text(133));
         ASSERT_NE(dialog, nullptr) << agent.log();
         EXPECT_NE(GetPropW(dialog, L"ReadPassphraseParam"), nullptr);
-        EXPECT_EQ(control_text(dialog, 145), text(222));
+        EXPECT_EQ(control_text(dialog, 145), resource_text(222));
         type_into(dialog, 126, L"first s\u00e9cret");
         if (answer == IDOK) {
             press(dialog, CONTROL_HELP);
-            EXPECT_TRUE(page_opened()) << "the help page was not opened";
+            EXPECT_TRUE(browser.opened(page)) << "the help page was not opened";
             SendMessageW(dialog, WM_SYSCOMMAND, SC_CONTEXTHELP, 0);
-            EXPECT_TRUE(page_opened()) << "the context help did not open the page";
+            EXPECT_TRUE(browser.opened(page)) << "the context help did not open the page";
             EXPECT_TRUE(IsWindow(dialog));
         }
         if (answer == 221) {  // ticked, unticked and ticked again

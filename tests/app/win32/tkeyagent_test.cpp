@@ -152,7 +152,7 @@ TEST(Tkeyagent, ServesEveryWayInStartsOnceAndStopsInOrder)
         EXPECT_NE(output.find("signed and verified: 5\ndone\nexit 0\n"), std::string::npos) << output;
     }
 
-
+    // The agent's own pipes.
     uint32_t first_id = 0, second_id = 0;
     EXPECT_NE(SendMessageW(window, 1034, 0, 0), 0) << "a pipe that nobody opens";
     WinHandle first = agent_pipe_open(window, {}, &first_id), second = agent_pipe_open(window, {}, &second_id);
