@@ -163,7 +163,7 @@ uint8_t add_certificate(HANDLE pipe, const std::string &identifier, const std::s
     return reply.empty() ? 0 : reply[0];
 }
 
-// The signature of `key_blob` in its x509v3-sign-rsa form; empty on failure.
+// The signature of `key_blob` in the form it was listed in; empty on failure.
 SecureBytes sign(HANDLE pipe, const Bytes &key_blob)
 {
     return signature_of(call(pipe, sign_request(key_blob, DATA, 0)));
@@ -256,6 +256,8 @@ TEST(SystemStore, FindsSignsAndKeepsCertificateIdentitiesAcrossRestarts)
         const Bytes alice_blob = all["x509v3-sign-rsa - alice by hash"];
         expect_verifies(sign(pipe.get(), alice_blob), X509_get0_pubkey(alice_cert.get()), "x509v3-sign-rsa", "SHA1",
                         "rsa", text_bytes(DATA));
+        expect_verifies(sign(pipe.get(), all["x509v3-rsa2048-sha256 - alice by hash"]),
+                        X509_get0_pubkey(alice_cert.get()), "rsa2048-sha256", "SHA256", "rsa", text_bytes(DATA));
         if (run < 2) {
             std::set<std::string> names;
             for (const auto &[comment, blob] : all)
