@@ -10,6 +10,7 @@
 #include <cstring>
 #include <map>
 
+#include "agent/protocol.h"
 #include "app/win32/agent_client_access.h"
 #include "app/win32/openssh_pipe.h"
 #include "app/win32/pageant_window.h"
@@ -124,6 +125,14 @@ inline LRESULT pageant_call(const Bytes &request, Bytes *reply, PSID owner = nul
         reply->assign(view + 4, view + 4 + std::min<uint32_t>(get_u32(view), mapping_size - 4));
     UnmapViewOfFile(view);
     return result;
+}
+
+inline bool agent_locked(HWND agent)
+{
+    WinHandle pipe = agent_pipe_open(agent);
+    Buffer body, reply;
+    buffer_put_char(&body, SSH_AGENT_ZEM_ISLOCKED);
+    return agent_pipe_request(pipe.get(), body, SSH_AGENT_ZEM_LOCKED, &reply);
 }
 
 // A pipe's access list is generic-all for the user alone. Wine keeps the

@@ -1,10 +1,10 @@
 // tkeyagent.exe under Wine: its command line, start, single instance, its
-// window messages, its per-client pipes, and the orderly stop.
+// window messages, its three ways in (its per-client pipes, the OpenSSH
+// agent pipe and the Pageant window), and the orderly stop.
 
 #include <cstring>
 #include <thread>
 
-#include "agent/settings.h"
 #include "app/win32/command_line.h"
 #include "app/win32/pipe_name.h"
 #include "win32/agent_channels.h"
@@ -66,17 +66,93 @@ LRESULT send_change_passphrase(HWND window, const char *old_passphrase, const ch
     return SendMessageW(window, WM_COPYDATA, 0, reinterpret_cast<LPARAM>(&data));
 }
 
-// Two clients get two names and independent connections with the user-only
-// access list; reads are joined up to a request and cut at 131072 bytes;
-// garbage, a vanishing client and a pipe nobody opens disturb no other. A
-// second start, the setting messages (1 and a write when changed, 0 and no
-// write when not), the change of passphrase, the menu's exit and reset.
-TEST(Tkeyagent, ServesPipesAndMessagesStartsOnceAndStopsInOrder)
+// ssh2 on the OpenSSH pipe and Pageant (each line comes from a callback: a
+// Pageant helper that cannot start prints none), clients that misbehave,
+// and clients on all three ways in at once. Two clients of the agent's own
+// pipe get two names and independent connections with the user-only access
+// list; reads are joined up to a request and cut at 131072 bytes; garbage,
+// a vanishing client and a pipe nobody opens disturb no other. A second
+// start, the setting messages (1 and a write when changed, 0 and no write
+// when not), the change of passphrase, the menu's exit; a start by a client
+// while another program holds the OpenSSH pipe's name; a start with the
+// OpenSSH pipe and Pageant switched off, and the reset.
+TEST(Tkeyagent, ServesEveryWayInStartsOnceAndStopsInOrder)
 {
     WindowsAgent agent;
-    agent.seed_passphrase("old passphrase");
+    agent.seed_passphrase("");
     HWND window = agent.start();
     ASSERT_NE(window, nullptr) << agent.log();
+    for (const char *channel : {"openssh", "pageant"}) {
+        std::string output = NodeClient(agent.folder(), std::string(channel) + " check").finish();
+        for (const char *line : {"add rsa: ok", "add ecdsa: ok", "rsa-sha2-256 and rsa-sha2-512: verified",
+                                 "ecdsa-sha2-nistp256: verified", "removed key: not listed",
+                                 "locked: sign refused (reply 170)", "unlock: ok", "done\nexit 0\n"})
+            EXPECT_NE(output.find(line), std::string::npos) << channel << ": " << line << " missing from:\n" << output;
+    }
+
+    WinHandle steady = openssh_pipe_open();
+    ASSERT_TRUE(steady && lists(steady.get()));
+    expect_user_only(steady.get());
+    // A sign request whose key blob claims four gigabytes ends its
+    // connection at once; the others end when the client goes.
+    const Bytes garbage = {0, 0, 0, 9, SIGN_REQUEST, 0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0};
+    const Bytes pipe_cases[] = {garbage, {0xff, 0xff, 0xff, 0xff, SIGN_REQUEST, 1, 2, 3}, {0, 0, 0, 9, SIGN_REQUEST, 0, 0}};
+    for (size_t n = 0; n < 3; ++n) {
+        SCOPED_TRACE(n);
+        {
+            WinHandle bad = openssh_pipe_open();
+            ASSERT_TRUE(bad && write_bytes(bad.get(), pipe_cases[n]));
+            uint8_t byte;
+            DWORD got = 0;
+            if (n == 0) {
+                EXPECT_FALSE(ReadFile(bad.get(), &byte, 1, &got, nullptr) && got > 0);
+            }
+        }
+        EXPECT_TRUE(agent.log_shows("Connection shutdown", n + 1));
+        EXPECT_TRUE(lists(steady.get()));
+    }
+    EXPECT_TRUE(agent.logged("Client request too large. Ignored"));
+
+    // Pageant: only the user's mappings, and only whole requests that fit.
+    PSID system = nullptr;
+    ASSERT_TRUE(ConvertStringSidToSidW(L"S-1-5-18", &system));
+    const struct {
+        Bytes request;
+        PSID owner;
+        DWORD mapping_size;
+        const char *log_line;
+    } pageant_cases[] = {
+        {LIST_REQUEST, system, 8192, "does not belong to the user"},
+        {garbage, nullptr, 8192, "Connection shutdown"},
+        {{0, 0, 0x1f, 0xfd, SIGN_REQUEST}, nullptr, 8192, "Pageant request refused: 8189 bytes do not fit 8188"},
+        {{0, 0, 0x13, 0x88, SIGN_REQUEST}, nullptr, 4096, "Pageant request refused: 5000 bytes do not fit 4092"},
+        {{0, 0, 0, 0}, nullptr, 8192, "Incomplete client request ignored"},
+    };
+    for (const auto &c : pageant_cases) {
+        SCOPED_TRACE(c.log_line);
+        std::string log = agent.log();
+        Bytes reply;
+        EXPECT_EQ(pageant_call(c.request, &reply, c.owner, c.mapping_size), 0);
+        EXPECT_TRUE(agent.log_shows(c.log_line, count_of(log, c.log_line) + 1));
+        EXPECT_NE(pageant_call(LIST_REQUEST, &reply), 0);
+        EXPECT_EQ(reply_type(reply), IDENTITIES_ANSWER);
+    }
+    LocalFree(system);
+    EXPECT_TRUE(lists(steady.get()));
+
+    // Four ssh2 clients sign at once while this test lists on the agent's own pipe.
+    std::vector<std::unique_ptr<NodeClient>> nodes;
+    for (const char *channel : {"openssh", "pageant", "openssh", "pageant"})
+        nodes.push_back(std::make_unique<NodeClient>(agent.folder(), std::string(channel) + " sign 5"));
+    WinHandle own = agent_pipe_open(window);
+    for (int n = 0; n < 50; ++n)
+        ASSERT_TRUE(lists(own.get()));
+    for (auto &node : nodes) {
+        std::string output = node->finish();
+        EXPECT_NE(output.find("signed and verified: 5\ndone\nexit 0\n"), std::string::npos) << output;
+    }
+
+    // The agent's own pipes.
     uint32_t first_id = 0, second_id = 0;
     EXPECT_NE(SendMessageW(window, 1034, 0, 0), 0) << "a pipe that nobody opens";
     WinHandle first = agent_pipe_open(window, {}, &first_id), second = agent_pipe_open(window, {}, &second_id);
@@ -97,18 +173,19 @@ TEST(Tkeyagent, ServesPipesAndMessagesStartsOnceAndStopsInOrder)
     Bytes request = frame(Bytes(200000 - 4, 0));
     request[4] = REQUEST_IDENTITIES;
     std::copy(LIST_REQUEST.begin(), LIST_REQUEST.end(), request.begin() + 131072);
+    size_t incomplete = count_of(agent.log(), "keyagent: Incomplete client request ignored");
     std::thread writer([&] { EXPECT_TRUE(write_bytes(first.get(), request)); });
     EXPECT_EQ(reply_type(read_reply(first.get())), IDENTITIES_ANSWER);
     writer.join();
     EXPECT_TRUE(lists(first.get()));
-    EXPECT_TRUE(agent.logged("keyagent: Incomplete client request ignored"));
+    EXPECT_TRUE(agent.log_shows("keyagent: Incomplete client request ignored", incomplete + 1));
 
     for (const Bytes &bad : {Bytes{0xff, 0xff, 0xff, 0xff, SIGN_REQUEST, 1, 2, 3}, Bytes{0, 0, 0}}) {
         EXPECT_TRUE(write_bytes(agent_pipe_open(window).get(), bad));
         EXPECT_TRUE(lists(second.get()));
     }
     EXPECT_TRUE(lists(agent_pipe_open(window).get()) && lists(first.get()));
-    first = WinHandle(), second = WinHandle();
+    first = WinHandle(), second = WinHandle(), own = WinHandle(), steady = WinHandle();
 
     EXPECT_TRUE(agent.logged("keyagent: Key Agent started ==========="));
     PROCESS_INFORMATION second_start = agent.launch();
@@ -118,15 +195,15 @@ TEST(Tkeyagent, ServesPipesAndMessagesStartsOnceAndStopsInOrder)
 
     const struct {
         UINT message;
-        uint32_t changed;
-        const char *name;
-    } settings[] = {{1029, 1, "ConfirmKeyOp"}, {1030, 0, "AllowAdd"}, {1031, 0, "AllowDelete"}, {1033, 1, "UseOnlySha1"}};
+        uint32_t changed, AgentSettings::*field;
+    } settings[] = {{1029, 1, &AgentSettings::ConfirmKeyOp}, {1030, 0, &AgentSettings::AllowAdd},
+                    {1031, 0, &AgentSettings::AllowDelete}, {1033, 1, &AgentSettings::UseOnlySha1}};
     std::string settings_file = agent.path("tAgent");
     for (const auto &setting : settings) {
-        SCOPED_TRACE(setting.name);
+        SCOPED_TRACE(setting.message);
         EXPECT_EQ(SendMessageW(window, setting.message, 0, setting.changed), 1);
+        EXPECT_EQ(agent.settings().*setting.field, setting.changed);
         std::string written = read_file_text(settings_file);
-        EXPECT_NE(written.find(setting.name), std::string::npos);
         std::filesystem::remove(settings_file);
         EXPECT_EQ(SendMessageW(window, setting.message, 0, setting.changed), 0);
         EXPECT_FALSE(std::filesystem::exists(settings_file)) << "an unchanged setting was written";
@@ -135,41 +212,58 @@ TEST(Tkeyagent, ServesPipesAndMessagesStartsOnceAndStopsInOrder)
 
     EXPECT_EQ(send_change_passphrase(window, "wrong", "new passphrase"), 0);
     EXPECT_TRUE(agent.logged("keyagent: Change passphrase failed: wrong passphrase"));
-    EXPECT_EQ(send_change_passphrase(window, "old passphrase", "new passphrase"), 1);
+    EXPECT_EQ(send_change_passphrase(window, "", "new passphrase"), 1);
 
     PostMessageW(window, WM_COMMAND, 40005, 0);
     EXPECT_EQ(agent.close(), 0);
-    expect_stopped_in_order(agent.log());
+    std::string log = agent.log();
+    expect_stopped_in_order(log);
+    EXPECT_LT(log.find("keyagent: Stopped listening on the OpenSSH agent pipe."),
+              log.find("keyagent: Process message thread stopped."));
     EXPECT_EQ(find_agent_window(), nullptr);
-    agent_data_folder_set(agent.folder().string());
-    read_agent_settings();
-    uint8_t digest[20];
-    agent_passphrase_digest("new passphrase", digest);
-    EXPECT_EQ(memcmp(digest, agent_settings().passphrase_digest, sizeof digest), 0);
+    EXPECT_TRUE(agent.passphrase_is("new passphrase"));
 
+    // A client that finds no agent starts it and waits until it is ready. A
+    // program that holds the OpenSSH pipe's name first keeps it; the agent
+    // says so and still serves its own pipe and Pageant.
+    WinHandle owner(CreateNamedPipeW(OPENSSH_AGENT_PIPE, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_WAIT,
+                                     PIPE_UNLIMITED_INSTANCES, 4096, 4096, 0, nullptr));
+    ASSERT_NE(owner.get(), INVALID_HANDLE_VALUE);
+    agent.use_folder();
+    window = agent_window_when_ready(platform_executable_dir(), nullptr);
+    ASSERT_NE(window, nullptr) << agent.log();
+    EXPECT_TRUE(agent.logged("keyagent: The OpenSSH agent pipe is in use by another program (another agent?); "
+                             "running without it."));
+    EXPECT_TRUE(lists(agent_pipe_open(window).get()));
+    Bytes reply;
+    EXPECT_NE(pageant_call(LIST_REQUEST, &reply), 0);
+    EXPECT_EQ(reply_type(reply), IDENTITIES_ANSWER);
+    // The name still leads to the program that owns it.
+    WinHandle client = openssh_pipe_open();
+    ASSERT_TRUE(client);
+    EXPECT_TRUE(ConnectNamedPipe(owner.get(), nullptr) || GetLastError() == ERROR_PIPE_CONNECTED);
+    client = WinHandle(), owner = WinHandle();
+    PostMessageW(window, WM_CLOSE, 0, 0);
+    EXPECT_TRUE(agent.log_shows("keyagent: Process message thread stopped.", 2));
+    EXPECT_TRUE(eventually([] { return find_agent_window() == nullptr; }));
+
+    // Switched off in the settings, the OpenSSH pipe and Pageant are not
+    // there; the reset destroys the data and stops the agent in order.
+    std::ofstream(agent.path("tAgent"), std::ios::binary | std::ios::app) << "OpenSshPipe no\nPageant no\n";
     window = agent.start();
     ASSERT_NE(window, nullptr) << agent.log();
+    EXPECT_TRUE(lists(agent_pipe_open(window).get()));
+    EXPECT_FALSE(openssh_pipe_open());
+    EXPECT_EQ(FindWindowW(PAGEANT_WINDOW_CLASS, PAGEANT_WINDOW_TITLE), nullptr);
+    EXPECT_TRUE(agent.logged("keyagent: The OpenSSH agent pipe is switched off (OpenSshPipe no)."));
+    EXPECT_TRUE(agent.logged("keyagent: The Pageant protocol is switched off (Pageant no)."));
     SendMessageW(window, 1026, 0, 0);
     EXPECT_EQ(agent.close(), 0);
+    log = agent.log();
+    expect_stopped_in_order(log.substr(log.find("Pageant protocol is switched off")));
     for (const char *name : {"tAgent", "tAgentKeys", "tAgentKeys.pub"})
         EXPECT_FALSE(std::filesystem::exists(agent.path(name))) << name;
     EXPECT_TRUE(agent.logged("keyagent: Resetting key agent data.  All keys destroyed and passphrase reset."));
-}
-
-// A client that finds no agent starts tkeyagent.exe and waits until it is
-// ready; WM_CLOSE stops it in order.
-TEST(AgentClientAccess, StartsTheAgentWhenNoneRuns)
-{
-    WindowsAgent agent;
-    agent.seed_passphrase("");
-    agent.use_folder();
-    ASSERT_EQ(find_agent_window(), nullptr);
-    HWND window = agent_window_when_ready(platform_executable_dir(), nullptr);
-    ASSERT_NE(window, nullptr);
-    EXPECT_TRUE(lists(agent_pipe_open(window).get()));
-    PostMessageW(window, WM_CLOSE, 0, 0);
-    EXPECT_TRUE(agent.log_shows("keyagent: Process message thread stopped."));
-    expect_stopped_in_order(agent.log());
 }
 
 }  // namespace

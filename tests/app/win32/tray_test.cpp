@@ -1,4 +1,4 @@
-// The tray icon and its menu under Wine. A stand-in notification area (a
+// The tray icon, its menu and the manager window under Wine. A stand-in notification area (a
 // "Shell_TrayWnd" window) records the agent's shell calls; the expected
 // records are made by the same shell call here, so that the comparison
 // does not depend on how Wine packs them.
@@ -8,9 +8,10 @@
 #include <mutex>
 #include <thread>
 
-#include "agent/protocol.h"
-#include "app/win32/agent_client_access.h"
+#include "app/win32/manager_window.h"
+#include "app/win32/resources/manager_dialog.h"
 #include "app/win32/tray_menu.h"
+#include "win32/agent_channels.h"
 #include "win32/dialog_driver.h"
 
 namespace {
@@ -103,23 +104,15 @@ NOTIFYICONDATAW icon_record(UINT flags, int icon)
 {
     NOTIFYICONDATAW record = {};
     record.cbSize = sizeof record;
-    record.uID = TRAY_ICON_ID;
+    record.uID = 15000;
     record.uFlags = flags;
-    record.uCallbackMessage = WM_TRAY_NOTIFICATION;
+    record.uCallbackMessage = 1025;
     if (flags & NIF_TIP)
         lstrcpynW(record.szTip, resource_text(TEXT_APPLICATION_TITLE).c_str(), ARRAYSIZE(record.szTip));
     if (icon)
         record.hIcon =
             static_cast<HICON>(LoadImageW(resource_library(), MAKEINTRESOURCEW(icon), IMAGE_ICON, 16, 16, 0));
     return record;
-}
-
-bool agent_locked(HWND agent)
-{
-    WinHandle pipe = agent_pipe_open(agent);
-    Buffer body, reply;
-    buffer_put_char(&body, SSH_AGENT_ZEM_ISLOCKED);
-    return agent_pipe_request(pipe.get(), body, SSH_AGENT_ZEM_LOCKED, &reply);
 }
 
 // The manager window's process, once its window is up.
@@ -160,8 +153,11 @@ TEST(TrayMenu, ItemsFollowTheLockState)
 }
 
 // The icon added, locked and unlocked (dialog 124, a wrong passphrase
-// first), the clicks on it, and exit, which closes the manager and the icon.
-TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
+// first) from the menu, and the clicks on it. Then the manager, driven as a
+// user would: every action must reach the agent, its settings file and
+// tagent.exe list; its reset stops the agent, which closes the manager and
+// removes the icon.
+TEST(TrayIcon, FollowsTheLockStateAndOpensTheManagerWhoseActionsReachTheAgent)
 {
     resource_library_load();
     StandInTray tray;
@@ -171,7 +167,7 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
     const std::string removed = tray.expected(NIM_DELETE, icon_record(0, 0));
     ASSERT_NE(locked_picture, unlocked_picture);
     WindowsAgent agent;
-    agent.seed_passphrase("secret");
+    agent.seed_passphrase("old");
     HWND window = agent.start();
     ASSERT_NE(window, nullptr) << agent.log();
 
@@ -179,10 +175,10 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
         << "identifier 15000, message 1025, the title as tip and the locked picture";
 
     // A wrong passphrase is reported by message 123; the agent stays locked.
-    for (const wchar_t *passphrase : {L"wrong", L"secret"}) {
+    for (const wchar_t *passphrase : {L"wrong", L"old"}) {
         PostMessageW(window, WM_COMMAND, MENU_UNLOCK, 0);
         answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, passphrase}});
-        bool right = passphrase[0] == L's';
+        bool right = passphrase[0] == L'o';
         if (!right) {
             HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
             ASSERT_NE(box, nullptr);
@@ -197,53 +193,120 @@ TEST(TrayIcon, FollowsTheLockStateAndOpensAndClosesTheManager)
     EXPECT_TRUE(tray.sees(window, NIM_MODIFY, locked_picture));
     EXPECT_TRUE(agent_locked(window));
 
-    // A double click opens the manager, and its first click's timer does
-    // not close it.
-    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDOWN);
-    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDBLCLK);
-    WinHandle manager = manager_process();
-    ASSERT_TRUE(manager);
-    EXPECT_FALSE(ends_within(manager, 3 * GetDoubleClickTime())) << "the double click closed the manager";
-    // A single click closes it once the double-click time is over.
-    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDOWN);
-    EXPECT_TRUE(ends_within(manager, 20000));
-
-    // Exit closes the manager and stops the agent, which removes its icon.
-    ASSERT_NE(open_manager(window), nullptr);
-    manager = manager_process();
-    ASSERT_TRUE(manager);
-    PostMessageW(window, WM_COMMAND, MENU_EXIT, 0);
-    EXPECT_TRUE(ends_within(manager, 20000));
-    EXPECT_EQ(agent.close(), 0);
-    EXPECT_TRUE(tray.sees(window, NIM_DELETE, removed)) << "the icon was not removed";
-    if (!ends_within(manager, 0))
-        TerminateProcess(manager.get(), 1);
-}
-
-// With AttemptEmpty on and the empty passphrase valid, unlock asks nothing:
-// the command returns while no dialog is open. Another process cannot read
-// a menu's items (which are grayed is checked on the menu the same builder
-// makes, above), but it can choose them with the keyboard.
-TEST(TrayIcon, MenuLocksAndUnlocksWithTheEmptyPassphraseFirst)
-{
-    WindowsAgent agent;
-    agent.seed_passphrase("");
-    HWND window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
-    DWORD_PTR result = 0;
-    ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_LOCK, 0, SMTO_NORMAL, 20000, &result));
-    EXPECT_TRUE(agent_locked(window));
-    ASSERT_TRUE(SendMessageTimeoutW(window, WM_COMMAND, MENU_UNLOCK, 0, SMTO_NORMAL, 20000, &result))
-        << "the unlock waited for a dialog";
-    EXPECT_FALSE(agent_locked(window));
-
-    for (int position : {1, 2}) {  // lock, then unlock
+    // Another process cannot read a menu's items (which are grayed is
+    // checked on the menu the same builder makes, above), but it can choose
+    // them with the keyboard: unlock, then lock.
+    for (int position : {2, 1}) {
         HWND popup = open_tray_menu(window);
         ASSERT_NE(popup, nullptr) << "no menu opened";
         for (int i = 0; i <= position; ++i)
             PostMessageW(popup, WM_KEYDOWN, VK_DOWN, 0);
         PostMessageW(popup, WM_KEYDOWN, VK_RETURN, 0);
         EXPECT_TRUE(eventually([&] { return !IsWindowVisible(popup); })) << "the menu stayed open";
+        if (position == 2)
+            answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, L"old"}});
         EXPECT_TRUE(eventually([&] { return agent_locked(window) == (position == 1); }));
     }
+
+    // A double click opens the manager, and its first click's timer does
+    // not close it.
+    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDOWN);
+    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDBLCLK);
+    WinHandle process = manager_process();
+    ASSERT_TRUE(process);
+    EXPECT_FALSE(ends_within(process, 3 * GetDoubleClickTime())) << "the double click closed the manager";
+    // A single click closes it once the double-click time is over.
+    PostMessageW(window, WM_TRAY_NOTIFICATION, TRAY_ICON_ID, WM_LBUTTONDOWN);
+    EXPECT_TRUE(ends_within(process, 20000));
+
+    HWND manager = open_manager(window);
+    ASSERT_NE(manager, nullptr);
+    process = manager_process();
+    ASSERT_TRUE(process);
+    // A click that opens a dialog is posted: it would return only when the
+    // dialog is closed. Any other click returns once it is done.
+    auto click_later = [&](int control) {
+        PostMessageW(manager, WM_COMMAND, MAKEWPARAM(control, BN_CLICKED),
+                     reinterpret_cast<LPARAM>(GetDlgItem(manager, control)));
+    };
+    auto click = [&](int control) {
+        DWORD_PTR ignored = 0;
+        EXPECT_TRUE(SendMessageTimeoutW(GetDlgItem(manager, control), BM_CLICK, 0, 0, SMTO_NORMAL, 30000, &ignored))
+            << "the click on " << control << " did not return";
+    };
+    auto shows = [&](const wchar_t *state) { return eventually([&] { return control_text(manager, MANAGER_STATE) == state; }); };
+    auto identities = [&] { return SendDlgItemMessageW(manager, MANAGER_IDENTITIES, LB_GETCOUNT, 0, 0); };
+    EXPECT_TRUE(shows(L"The agent is locked."));
+
+    // Each setting switched and back, so that the rest runs as it started.
+    // The auto-lock values, which only the manager writes, survive the
+    // agent's rewrites of the file.
+    click(MANAGER_AUTO_LOCK);
+    type_into(manager, MANAGER_AUTO_LOCK_MINUTES, L"15");
+    const std::pair<int, uint32_t AgentSettings::*> switches[] = {
+        {MANAGER_CONFIRM_KEY_OP, &AgentSettings::ConfirmKeyOp}, {MANAGER_ALLOW_ADD, &AgentSettings::AllowAdd},
+        {MANAGER_ALLOW_DELETE, &AgentSettings::AllowDelete}, {MANAGER_USE_ONLY_SHA1, &AgentSettings::UseOnlySha1},
+        {MANAGER_CREATE_LOG, &AgentSettings::CreateLog}};
+    for (const auto &[control, field] : switches) {
+        SCOPED_TRACE(control);
+        uint32_t before = agent.settings().*field;
+        EXPECT_EQ(IsDlgButtonChecked(manager, control) == BST_CHECKED, before != 0) << "the window shows the file";
+        for (uint32_t expected : {before ? 0u : 1u, before}) {
+            click(control);
+            AgentSettings after = agent.settings();
+            EXPECT_EQ(after.*field, expected);
+            EXPECT_EQ(after.AutoLock, 1u);
+            EXPECT_EQ(after.AutoLockMinutes, 15);
+        }
+    }
+
+    click_later(MANAGER_UNLOCK);
+    answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, L"old"}});
+    EXPECT_TRUE(shows(L"The agent is unlocked."));
+
+    // A failure is shown with tagent's own line.
+    type_into(manager, MANAGER_KEY_FILE, utf8_to_wide(agent.path("missing.pem")));
+    click_later(MANAGER_ADD);
+    HWND failure = wait_for_dialog(MANAGER_BOX_CAPTION);
+    ASSERT_NE(failure, nullptr);
+    EXPECT_NE(static_texts(failure).find(L"cannot read a private key from "), std::wstring::npos);
+    press(failure, IDOK);
+
+    // A key added in the window, its password asked in dialog 219.
+    std::string key_file = agent.path("id_ecdsa.pem");
+    EVP_PKEY_free(write_pem_key(key_file, "EC", "key password"));
+    type_into(manager, MANAGER_KEY_FILE, utf8_to_wide(key_file));
+    click_later(MANAGER_ADD);
+    answer_dialog(resource_text(TEXT_KEY_PASSPHRASE_DIALOG), {{126, L"key password"}});
+    EXPECT_TRUE(eventually([&] { return identities() == 1; }));
+    EXPECT_NE(agent.tagent("list").out.find("ECDSA 256  SHA256:"), std::string::npos);
+
+    // The change of passphrase writes the store again under the new one.
+    std::string store = read_file_text(agent.path("tAgentKeys"));
+    click_later(MANAGER_CHANGE_PASSPHRASE);
+    answer_dialog(L"Change Agent Passphrase", {{CHANGE_OLD, L"old"}, {CHANGE_NEW, L"new"}, {CHANGE_REPEAT, L"new"}});
+    answer_dialog(MANAGER_BOX_CAPTION, {});
+    EXPECT_NE(read_file_text(agent.path("tAgentKeys")), store);
+    click(MANAGER_LOCK);
+    EXPECT_TRUE(shows(L"The agent is locked."));
+    click_later(MANAGER_UNLOCK);
+    answer_dialog(resource_text(TEXT_UNLOCK_DIALOG), {{126, L"new"}});
+    EXPECT_TRUE(shows(L"The agent is unlocked."));
+
+    SendDlgItemMessageW(manager, MANAGER_IDENTITIES, LB_SETCURSEL, 0, 0);
+    click(MANAGER_REMOVE);
+    EXPECT_TRUE(eventually([&] { return identities() == 0; }));
+    EXPECT_NE(agent.tagent("list").out.find("The agent has no identities."), std::string::npos);
+
+    // Reset, confirmed: the agent destroys its data and stops, and closes
+    // the manager and removes its icon on its way out.
+    click_later(MANAGER_RESET);
+    answer_dialog(MANAGER_BOX_CAPTION, {}, IDYES);
+    EXPECT_TRUE(ends_within(process, 20000)) << "the manager is still open";
+    EXPECT_EQ(agent.close(), 0);
+    EXPECT_TRUE(tray.sees(window, NIM_DELETE, removed)) << "the icon was not removed";
+    EXPECT_FALSE(std::filesystem::exists(agent.path("tAgentKeys")));
+    EXPECT_FALSE(std::filesystem::exists(agent.path(AGENT_SETTINGS_FILE)));
+    if (!ends_within(process, 0))
+        TerminateProcess(process.get(), 1);
 }

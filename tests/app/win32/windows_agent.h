@@ -10,6 +10,7 @@
 #include <openssl/pem.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -17,6 +18,7 @@
 
 #include "agent/data_folder.h"
 #include "agent/passphrase.h"
+#include "agent/settings.h"
 #include "app/win32/agent_window.h"
 #include "platform/platform.h"
 #include "platform/win32/text_conversion.h"
@@ -121,12 +123,11 @@ inline EVP_PKEY *write_pem_key(const std::string &path, const char *type, const 
 
 class WindowsAgent {
 public:
-    // `with_log`: a kvllog.ini that forces the agent log on.
-    explicit WindowsAgent(bool with_log = true) : folder_(fresh_temp_folder("win32"))
+    // With a kvllog.ini that forces the agent log on.
+    WindowsAgent() : folder_(fresh_temp_folder("win32"))
     {
         EXPECT_TRUE(desktop_ready());
-        if (with_log)
-            std::ofstream(folder_ / "kvllog.ini", std::ios::binary) << "agent=\n";
+        std::ofstream(folder_ / "kvllog.ini", std::ios::binary) << "agent=\n";
     }
     ~WindowsAgent()
     {
@@ -200,6 +201,17 @@ public:
         return eventually([&] { return count_of(log(), line) >= count; }, 10000);
     }
     std::string path(const char *name) const { return (folder_ / name).string(); }
+    AgentSettings settings() const
+    {
+        std::string text = read_file_text(folder_ / AGENT_SETTINGS_FILE);
+        return parse_agent_settings(reinterpret_cast<const uint8_t *>(text.data()), text.size());
+    }
+    bool passphrase_is(const char *passphrase) const
+    {
+        uint8_t digest[20];
+        agent_passphrase_digest(passphrase, digest);
+        return memcmp(digest, settings().passphrase_digest, sizeof digest) == 0;
+    }
     const std::filesystem::path &folder() const { return folder_; }
 
 private:
