@@ -48,7 +48,7 @@ TEST(PinentryTty, FirstPassphraseTypedAtTheTerminal)
     ASSERT_TRUE(tmux.wait_for("SSH_AUTH_SOCK=")) << tmux.screen() << agent.log_text();
 
     AgentClient client(agent.socket_path());
-    EXPECT_EQ(client.request(frame(hex_bytes("97"))), hex_bytes("00000001 ab"));
+    EXPECT_EQ(client.request(IS_LOCKED), UNLOCKED);
     EXPECT_EQ(client.request(frame(hex_bytes("16 00000000"))), hex_bytes("00000001 06"));
     EXPECT_EQ(client.request(string_request(23, "tmux words")), hex_bytes("00000001 06"));
     EXPECT_TRUE(has(agent.log_text(), "keyagent: Agent has a passphrase now"));

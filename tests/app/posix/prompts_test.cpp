@@ -9,8 +9,6 @@
 
 namespace {
 
-const Bytes IS_LOCKED = frame(hex_bytes("97"));
-
 // A scripted pinentry that answers GETPIN with `pin` and CONFIRM with
 // `confirm`, or cancels, and logs what it was sent.
 std::vector<std::string> pinentry_env(const AgentProcess &agent, const std::string &pin, const char *confirm,
@@ -39,13 +37,13 @@ TEST(Prompts, FirstPassphraseNoPassphraseChoiceAndCancel)
     AgentProcess typed;
     typed.set_env(pinentry_env(typed, "typed 50% words", "no"));
     ASSERT_TRUE(typed.start()) << typed.log_text();
-    EXPECT_EQ(AgentClient(typed.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
+    EXPECT_EQ(AgentClient(typed.socket_path()).request(IS_LOCKED), UNLOCKED);
     EXPECT_EQ(typed.stop(), 0);
     // The next run starts locked and the typed passphrase unlocks it.
     typed.set_env({});
     ASSERT_TRUE(typed.start());
     AgentClient client(typed.socket_path());
-    EXPECT_EQ(client.request(IS_LOCKED), hex_bytes("00000001 aa"));
+    EXPECT_EQ(client.request(IS_LOCKED), LOCKED);
     EXPECT_EQ(client.request(string_request(23, "typed 50% words")), hex_bytes("00000001 06"));
 
     // An empty entry, confirmed, is the no-passphrase choice: AttemptEmpty.
@@ -111,9 +109,9 @@ TEST(Prompts, RemoteSignConfirmationAndUnlockFromTheMenu)
         EXPECT_EQ(has(agent.log_text(), "User rejected a request from a remote server to issue a signature"), !c.signs);
 
         send_control(agent, WM_COMMAND_MESSAGE, MENU_LOCK, 0);
-        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 aa"));
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), LOCKED);
         send_control(agent, WM_COMMAND_MESSAGE, MENU_UNLOCK, 0);
-        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), UNLOCKED);
         EXPECT_EQ(has(read_file_text(asked_log), "GETPIN"), c.asks_pin);
     }
 }

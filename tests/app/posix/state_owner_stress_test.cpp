@@ -59,7 +59,8 @@ TEST(StateOwner, ClientsAndControlCommandsInterleave)
 
     // The key store follows the last passphrase: a restart unlocks with it
     // and signs.
-    agent.stop();
+    EXPECT_EQ(run_tagent(agent, {"stop"}).status, 0);
+    EXPECT_EQ(agent.wait_for_exit(), 0);
     agent.set_extra_args({"--passphrase-file", old_file});
     ASSERT_TRUE(agent.start()) << agent.log_text();
     Bytes signature = AgentClient(agent.socket_path()).request(sign_request(blob, "data to sign"));
