@@ -82,7 +82,7 @@ TEST(Prompts, RemoteSignConfirmationAndUnlockFromTheMenu)
                                           : std::vector<std::string>{"--empty-passphrase"});
         agent.set_env(pinentry_env(agent, c.passphrase ? c.passphrase : "", c.answer));
         ASSERT_TRUE(agent.start()) << agent.log_text();
-        std::string key = make_key(agent, "k", "ecdsa");
+        std::string key = make_key(agent, "50%k", "ecdsa");
         ASSERT_EQ(ssh_add(agent, {key}).status, 0);
         Bytes blob = public_line_blob(key + ".pub");
         send_control(agent, WM_SET_CONFIRM_KEY_OP, 0, 1);
@@ -103,9 +103,10 @@ TEST(Prompts, RemoteSignConfirmationAndUnlockFromTheMenu)
             EXPECT_EQ(remote.at(4), 14);
         else
             EXPECT_EQ(remote, hex_bytes("00000001 05"));
-        // The question's line break reaches the pinentry escaped.
+        // The question (with the key's comment, its path) reaches the
+        // pinentry with its percent sign and line break escaped.
         EXPECT_TRUE(has(read_file_text(asked_log), "CONFIRM"));
-        EXPECT_TRUE(has(read_file_text(asked_log), "%0AAllow it?"));
+        EXPECT_TRUE(has(read_file_text(asked_log), "50%25k'.%0AAllow it?")) << read_file_text(asked_log);
         EXPECT_EQ(has(agent.log_text(), "User rejected a request from a remote server to issue a signature"), !c.signs);
 
         send_control(agent, WM_COMMAND_MESSAGE, MENU_LOCK, 0);
