@@ -208,7 +208,6 @@ public:
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
     ~AgentClient() { close(fd_); }
-    bool connected() const { return fd_ >= 0; }
     void send_bytes(const Bytes &bytes) { (void)!::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
     // Reads one framed reply; empty when none arrives.

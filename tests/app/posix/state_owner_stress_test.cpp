@@ -17,8 +17,8 @@ namespace {
 int client_errors(const std::string &socket, const Bytes &blob, int rounds)
 {
     AgentClient client(socket);
-    int errors = client.connected() ? 0 : rounds;
-    for (int i = 0; i < rounds && client.connected(); ++i) {
+    int errors = 0;  // a client that cannot connect gets no answer at all
+    for (int i = 0; i < rounds; ++i) {
         Bytes list = client.request(frame(hex_bytes("0b")));
         errors += !(list.size() >= 9 && list[4] == 12 && (list[8] == 0 || list[8] == 1));
         Bytes signature = client.request(sign_request(blob, "data to sign"));
