@@ -25,10 +25,9 @@ TEST(AgentSocket, FramingSingleInstanceAndControl)
 {
     AgentProcess agent({"--empty-passphrase"});
     ASSERT_TRUE(agent.start()) << agent.log_text();
-    EXPECT_EQ(mode_of(agent.socket_path()), 0600u);
-    EXPECT_EQ(mode_of(agent.control_path()), 0600u);
-    EXPECT_EQ(mode_of((agent.root() / "run").string()), 0700u);
-    EXPECT_EQ(mode_of(agent.data_dir()), 0700u);
+    for (auto [path, mode] : {std::pair{agent.socket_path(), 0600u}, {agent.control_path(), 0600u},
+                              {(agent.root() / "run").string(), 0700u}, {agent.data_dir(), 0700u}})
+        EXPECT_EQ(mode_of(path), mode) << path;
 
     AgentClient client(agent.socket_path());
     // Two requests with an empty one between them in one write: both answered.

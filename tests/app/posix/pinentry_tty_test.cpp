@@ -22,7 +22,8 @@ TEST(PinentryTty, FirstPassphraseTypedAtTheTerminal)
     run_tool(tmux.command + "new-session -d -x 160 -y 40 '" + start + " 2>" + agent.stderr_path() + "; sleep 60'");
 
     // Each prompt is answered once the screen shows it (at most about 10 s).
-    for (auto [shown, typed] : {std::pair{"Passphrase:", "tmux words"}, {"Repeat:", "tmux words"}, {"SSH_AUTH_SOCK=", ""}}) {
+    for (auto [shown, typed] :
+         {std::pair{"Passphrase:", "tmux words"}, {"Repeat:", "tmux words"}, {"SSH_AUTH_SOCK=", ""}}) {
         for (int i = 0; i < 200 && !has(tmux.screen(), shown); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         ASSERT_TRUE(has(tmux.screen(), shown)) << tmux.screen() << agent.log_text();

@@ -83,9 +83,9 @@ TEST(SshEndToEnd, OpenSshAddThenEveryClientSigns)
         {"p384", "+ssh-dss"},        {"p521", "+ssh-dss"},        {"ed", "+ssh-dss"}};
     for (const auto &login : logins) {
         std::string word = std::string(login.key) + "-ok";
-        ProgramRun run = run_program(agent, sshd.ssh_args({"-o", std::string("PubkeyAcceptedAlgorithms=") + login.algorithms,
-                                                           "-o", "IdentitiesOnly=yes", "-o", "IdentityFile=" +
-                                                           path(login.key) + ".pub"}, "echo " + word));
+        std::vector<std::string> options = {"-o", std::string("PubkeyAcceptedAlgorithms=") + login.algorithms, "-o",
+                                            "IdentitiesOnly=yes", "-o", "IdentityFile=" + path(login.key) + ".pub"};
+        ProgramRun run = run_program(agent, sshd.ssh_args(options, "echo " + word));
         EXPECT_EQ(run.status, 0) << login.key << ": " << run.output << sshd.log();
         EXPECT_TRUE(has(run.output, word)) << login.key;
     }
@@ -93,16 +93,18 @@ TEST(SshEndToEnd, OpenSshAddThenEveryClientSigns)
     for (const char *line : {"(as type: rsa-sha2-512,  hash: SHA512)", "(as type: rsa-sha2-256,  hash: SHA256)",
                              "Signing using key id_ED25519_256 (as type: ssh-ed25519,  hash: UNDEF)"})
         EXPECT_TRUE(has(log, line)) << line;
-    ProgramRun far = run_program(agent, sshd.ssh_args({"-A", "-o", "IdentityFile=" + path("p256") + ".pub"}, "ssh-add -l"));
+    ProgramRun far =
+        run_program(agent, sshd.ssh_args({"-A", "-o", "IdentityFile=" + path("p256") + ".pub"}, "ssh-add -l"));
     EXPECT_EQ(far.status, 0) << far.output;
     EXPECT_TRUE(has(far.output, listed.output)) << far.output;
 
     // plink authenticates with the agent's keys; the host key is given.
     if (system("command -v plink > /dev/null") == 0) {
         std::string shown = run_tool("ssh-keygen -l -E sha256 -f " + path("sshd/host_key.pub")).output;
-        ProgramRun plink =
-            run_program(agent, {"/usr/bin/plink", "-batch", "-ssh", "-agent", "-P", std::to_string(sshd.port()), "-hostkey",
-                                "SHA256:" + word_after(shown, "SHA256:"), platform_user_name() + "@127.0.0.1", "echo plink-ok"});
+        ProgramRun plink = run_program(agent, {"/usr/bin/plink", "-batch", "-ssh", "-agent", "-P",
+                                               std::to_string(sshd.port()), "-hostkey",
+                                               "SHA256:" + word_after(shown, "SHA256:"),
+                                               platform_user_name() + "@127.0.0.1", "echo plink-ok"});
         EXPECT_EQ(plink.status, 0) << plink.output;
         EXPECT_TRUE(has(plink.output, "plink-ok"));
     }
