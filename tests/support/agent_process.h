@@ -22,6 +22,10 @@
 // with 102): the cheapest sign of life.
 inline const Bytes QUICK_REQUEST = frame(hex_bytes("d5"));
 inline const Bytes QUICK_REPLY = hex_bytes("00000001 66");
+// "Is the agent locked?" and its two answers.
+inline const Bytes IS_LOCKED = frame(hex_bytes("97"));
+inline const Bytes LOCKED = hex_bytes("00000001 aa");
+inline const Bytes UNLOCKED = hex_bytes("00000001 ab");
 
 // True when `part` occurs in `text`.
 inline bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
@@ -204,7 +208,6 @@ public:
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
     ~AgentClient() { close(fd_); }
-    bool connected() const { return fd_ >= 0; }
     void send_bytes(const Bytes &bytes) { (void)!::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
     // Reads one framed reply; empty when none arrives.

@@ -1,13 +1,11 @@
 // The real agent over a damaged settings file or key store: nothing intact
-// is lost, and a passphrase that the settings file would read back shifted
-// is never stored.
+// is lost.
 #include <gtest/gtest.h>
 
 #include <functional>
 
 #include "support/agent_process.h"
 #include "support/tool_run.h"
-#include "support/unstorable_passphrase.h"
 
 namespace {
 
@@ -88,53 +86,4 @@ TEST(KeyStoreRecovery, DamagedSettingsOrStoreLosesNoIntactKey)
             EXPECT_TRUE(has(read_file_text(agent.data_dir() + "/tAgentKeys"), kept.substr(0, kept.find("-----END"))));
         }
     }
-}
-
-// A passphrase whose digest the settings file would read back shifted is
-// refused at the first start and by tagent passphrase, with the reason;
-// another passphrase is stored and unlocks the next start. Starting over is
-// a deliberate choice: refused while the settings file is intact; with it
-// lost, the old store is set aside, never deleted.
-TEST(KeyStoreRecovery, UnstorablePassphraseAndStartingOver)
-{
-    AgentProcess agent;
-    std::string bad = write_text(agent, "bad.txt", search_passphrase() + "\n");
-    std::string good = write_text(agent, "good.txt", search_passphrase(false) + "\n");
-    agent.set_extra_args({"--passphrase-file", bad});
-    EXPECT_FALSE(agent.start());
-    EXPECT_EQ(agent.exit_status(), 1);
-    EXPECT_TRUE(has(agent.log_text(), "tkeyagent: the passphrase in " + bad + ": this passphrase cannot be stored"))
-        << agent.log_text();
-    EXPECT_FALSE(std::filesystem::exists(agent.data_dir() + "/tAgent"));
-
-    agent.set_extra_args({"--passphrase-file", good});
-    ASSERT_TRUE(agent.start()) << agent.log_text();
-    ProgramRun refused = run_tagent(agent, {"passphrase", "--old-file", good, "--new-file", bad});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_TRUE(has(refused.output, "its SHA-1 digest begins with a white-space byte")) << refused.output;
-    std::string other = write_text(agent, "other.txt", "another passphrase\n");
-    EXPECT_EQ(run_tagent(agent, {"passphrase", "--old-file", good, "--new-file", other}).status, 0);
-    ASSERT_EQ(ssh_add(agent, {make_key(agent, "id", "ecdsa")}).status, 0);
-    agent.stop();
-    agent.set_extra_args({"--passphrase-file", other});
-    ASSERT_TRUE(agent.start()) << agent.log_text();
-    EXPECT_TRUE(has(run_tagent(agent, {"status"}).output, "state: unlocked"));
-    agent.stop();
-    std::string stored = read_file_text(agent.data_dir() + "/tAgentKeys");
-
-    agent.set_extra_args({"--passphrase-file", other, "--start-over"});
-    EXPECT_FALSE(agent.start());
-    EXPECT_EQ(agent.exit_status(), 1);
-    std::filesystem::remove(agent.data_dir() + "/tAgent");
-    ASSERT_TRUE(agent.start()) << agent.log_text();
-    EXPECT_TRUE(has(agent.log_text(), "tAgent is missing: the key store is set aside as"));
-    EXPECT_EQ(ssh_add(agent, {"-l"}).output, "The agent has no identities.\n");
-    agent.stop();
-    int aside = 0;
-    for (const auto &entry : std::filesystem::directory_iterator(agent.data_dir()))
-        if (entry.path().filename().string().rfind("tAgentKeys.set-aside-", 0) == 0) {
-            ++aside;
-            EXPECT_EQ(read_file_text(entry.path()), stored);
-        }
-    EXPECT_EQ(aside, 1);
 }

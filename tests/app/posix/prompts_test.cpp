@@ -9,8 +9,6 @@
 
 namespace {
 
-const Bytes IS_LOCKED = frame(hex_bytes("97"));
-
 // A scripted pinentry that answers GETPIN with `pin` and CONFIRM with
 // `confirm`, or cancels, and logs what it was sent.
 std::vector<std::string> pinentry_env(const AgentProcess &agent, const std::string &pin, const char *confirm,
@@ -39,13 +37,11 @@ TEST(Prompts, FirstPassphraseNoPassphraseChoiceAndCancel)
     AgentProcess typed;
     typed.set_env(pinentry_env(typed, "typed 50% words", "no"));
     ASSERT_TRUE(typed.start()) << typed.log_text();
-    EXPECT_EQ(AgentClient(typed.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
-    EXPECT_EQ(typed.stop(), 0);
-    // The next run starts locked and the typed passphrase unlocks it.
-    typed.set_env({});
-    ASSERT_TRUE(typed.start());
     AgentClient client(typed.socket_path());
-    EXPECT_EQ(client.request(IS_LOCKED), hex_bytes("00000001 aa"));
+    EXPECT_EQ(client.request(IS_LOCKED), UNLOCKED);
+    // Locked, the typed passphrase unlocks it.
+    EXPECT_EQ(client.request(frame(hex_bytes("16 00000000"))), hex_bytes("00000001 06"));
+    EXPECT_EQ(client.request(IS_LOCKED), LOCKED);
     EXPECT_EQ(client.request(string_request(23, "typed 50% words")), hex_bytes("00000001 06"));
 
     // An empty entry, confirmed, is the no-passphrase choice: AttemptEmpty.
@@ -84,7 +80,7 @@ TEST(Prompts, RemoteSignConfirmationAndUnlockFromTheMenu)
                                           : std::vector<std::string>{"--empty-passphrase"});
         agent.set_env(pinentry_env(agent, c.passphrase ? c.passphrase : "", c.answer));
         ASSERT_TRUE(agent.start()) << agent.log_text();
-        std::string key = make_key(agent, "k", "ecdsa");
+        std::string key = make_key(agent, "50%k", "ecdsa");
         ASSERT_EQ(ssh_add(agent, {key}).status, 0);
         Bytes blob = public_line_blob(key + ".pub");
         send_control(agent, WM_SET_CONFIRM_KEY_OP, 0, 1);
@@ -105,15 +101,16 @@ TEST(Prompts, RemoteSignConfirmationAndUnlockFromTheMenu)
             EXPECT_EQ(remote.at(4), 14);
         else
             EXPECT_EQ(remote, hex_bytes("00000001 05"));
-        // The question's line break reaches the pinentry escaped.
+        // The question (with the key's comment, its path) reaches the
+        // pinentry with its percent sign and line break escaped.
         EXPECT_TRUE(has(read_file_text(asked_log), "CONFIRM"));
-        EXPECT_TRUE(has(read_file_text(asked_log), "%0AAllow it?"));
+        EXPECT_TRUE(has(read_file_text(asked_log), "50%25k'.%0AAllow it?")) << read_file_text(asked_log);
         EXPECT_EQ(has(agent.log_text(), "User rejected a request from a remote server to issue a signature"), !c.signs);
 
         send_control(agent, WM_COMMAND_MESSAGE, MENU_LOCK, 0);
-        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 aa"));
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), LOCKED);
         send_control(agent, WM_COMMAND_MESSAGE, MENU_UNLOCK, 0);
-        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), hex_bytes("00000001 ab"));
+        EXPECT_EQ(AgentClient(agent.socket_path()).request(IS_LOCKED), UNLOCKED);
         EXPECT_EQ(has(read_file_text(asked_log), "GETPIN"), c.asks_pin);
     }
 }

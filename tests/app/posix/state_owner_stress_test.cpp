@@ -17,8 +17,8 @@ namespace {
 int client_errors(const std::string &socket, const Bytes &blob, int rounds)
 {
     AgentClient client(socket);
-    int errors = client.connected() ? 0 : rounds;
-    for (int i = 0; i < rounds && client.connected(); ++i) {
+    int errors = 0;  // a client that cannot connect gets no answer at all
+    for (int i = 0; i < rounds; ++i) {
         Bytes list = client.request(frame(hex_bytes("0b")));
         errors += !(list.size() >= 9 && list[4] == 12 && (list[8] == 0 || list[8] == 1));
         Bytes signature = client.request(sign_request(blob, "data to sign"));
@@ -59,7 +59,8 @@ TEST(StateOwner, ClientsAndControlCommandsInterleave)
 
     // The key store follows the last passphrase: a restart unlocks with it
     // and signs.
-    agent.stop();
+    EXPECT_EQ(run_tagent(agent, {"stop"}).status, 0);
+    EXPECT_EQ(agent.wait_for_exit(), 0);
     agent.set_extra_args({"--passphrase-file", old_file});
     ASSERT_TRUE(agent.start()) << agent.log_text();
     Bytes signature = AgentClient(agent.socket_path()).request(sign_request(blob, "data to sign"));

@@ -1,13 +1,23 @@
-// tagent, the client and manager, against the real agent.
+// tagent, the client and manager, against the real agent; tagent watch
+// sees locks, unlocks and changes until a reset destroys the store and
+// stops the agent.
 #include <gtest/gtest.h>
 
 #include "support/agent_process.h"
 #include "support/tool_run.h"
 
-TEST(Tagent, KeysSettingsAndLocking)
+TEST(Tagent, KeysSettingsLockingWatchAndReset)
 {
     AgentProcess agent({"--empty-passphrase"});
     ASSERT_TRUE(agent.start()) << agent.log_text();
+    std::string out = (agent.root() / "watch.txt").string();
+    pid_t watcher = AgentProcess::spawn({TAGENT_PATH, "-a", agent.socket_path(), "watch"}, out, out);
+    // Wait until the subscription is in place: a lock must then be seen.
+    std::string empty = write_text(agent, "empty.txt", "\n");
+    for (int i = 0; i < 100 && !has(read_file_text(out), "locked"); ++i) {
+        run_tagent(agent, {"lock"});
+        run_tagent(agent, {"unlock", "--passphrase-file", empty});
+    }
     std::string key = make_key(agent, "work_key", "ecdsa");
     ProgramRun added = run_tagent(agent, {"add", key, "--name", "work", "--confirm"});
     EXPECT_EQ(added.status, 0) << added.output;
@@ -49,35 +59,10 @@ TEST(Tagent, KeysSettingsAndLocking)
     EXPECT_EQ(run_tagent(agent, {"lock"}).status, 0);
     EXPECT_TRUE(has(run_tagent(agent, {"status"}).output, "state: locked"));
     EXPECT_EQ(run_tagent(agent, {"unlock", "--passphrase-file", write_text(agent, "wrong.txt", "not it\n")}).status, 1);
-    EXPECT_EQ(run_tagent(agent, {"unlock", "--passphrase-file", write_text(agent, "empty.txt", "\n")}).status, 0);
+    EXPECT_EQ(run_tagent(agent, {"unlock", "--passphrase-file", empty}).status, 0);
     EXPECT_EQ(run_tagent(agent, {"remove", "work"}).status, 0);
     EXPECT_EQ(run_tagent(agent, {"remove", "work"}).status, 1);
     EXPECT_EQ(run_tagent(agent, {"add", "/nonexistent"}).status, 1);
-
-    EXPECT_EQ(run_tagent(agent, {"stop"}).status, 0);
-    EXPECT_EQ(agent.wait_for_exit(), 0);
-    ProgramRun gone = run_tagent(agent, {"status"});
-    EXPECT_EQ(gone.status, 2);
-    EXPECT_TRUE(has(gone.output, "no agent is reachable"));
-    EXPECT_EQ(run_tagent(agent, {"frobnicate"}).status, 2);
-}
-
-// tagent watch sees locks, unlocks and changes; reset destroys the store
-// and stops the agent, which ends the watch.
-TEST(Tagent, WatchSeesChangesAndLocksUntilAReset)
-{
-    AgentProcess agent({"--empty-passphrase"});
-    ASSERT_TRUE(agent.start());
-    std::string out = (agent.root() / "watch.txt").string();
-    pid_t watcher = AgentProcess::spawn({TAGENT_PATH, "-a", agent.socket_path(), "watch"}, out, out);
-    // Wait until the subscription is in place: a lock must then be seen.
-    std::string empty = write_text(agent, "empty.txt", "\n");
-    for (int i = 0; i < 100 && !has(read_file_text(out), "locked"); ++i) {
-        run_tagent(agent, {"lock"});
-        run_tagent(agent, {"unlock", "--passphrase-file", empty});
-    }
-    ASSERT_EQ(run_tagent(agent, {"add", make_key(agent, "k", "ecdsa")}).status, 0);
-    ASSERT_TRUE(std::filesystem::exists(agent.root() / "data" / "tAgentKeys"));
 
     EXPECT_EQ(run_tagent(agent, {"reset"}).status, 2);  // needs --yes
     EXPECT_EQ(run_tagent(agent, {"reset", "--yes"}).status, 0);
@@ -89,4 +74,8 @@ TEST(Tagent, WatchSeesChangesAndLocksUntilAReset)
     for (const char *file : {"tAgentKeys", "tAgentKeys.pub", "tAgent"})
         EXPECT_FALSE(std::filesystem::exists(agent.root() / "data" / file)) << file;
     EXPECT_TRUE(has(agent.log_text(), "Resetting key agent data.  All keys destroyed and passphrase reset."));
+    ProgramRun gone = run_tagent(agent, {"status"});
+    EXPECT_EQ(gone.status, 2);
+    EXPECT_TRUE(has(gone.output, "no agent is reachable"));
+    EXPECT_EQ(run_tagent(agent, {"frobnicate"}).status, 2);
 }
