@@ -110,6 +110,9 @@ using LockAndNotices = AgentStateTest;
 
 TEST_F(LockAndNotices, UnlockRegistrationsChangeNoticesAndForwardingNotices)
 {
+    // ssh-add locks and unlocks the real agent, where a lock text never
+    // unlocks and a wrong passphrase is refused; here the version 2 unlock,
+    // the local entry points and what the shell is told.
     LogCapture log;
     set_agent_passphrase("agent pw", 0);
     record_shell_calls();
@@ -140,7 +143,7 @@ TEST_F(LockAndNotices, UnlockRegistrationsChangeNoticesAndForwardingNotices)
     EXPECT_EQ(dispatch_bytes(string_request(159, "")).reply, hex_bytes("00000001 05"));
     EXPECT_TRUE(agent_is_locked());
 
-    // Refresh registrations: the window's first entry goes on unregistering.
+    // Refresh registrations: unregistering a window drops its first entry only.
     record_shell_calls();
     for (const char *registration : {"1122334455667788 00000007", "0000000000000002 00000009",
                                      "0000000000000003 0000000a", "0000000000000002 0000000b"})

@@ -107,6 +107,8 @@ TEST_F(KeyStore, SavesBothFilesLoadsThemBackAndReadsDamagedOrMovedRecords)
     // More private keys than saved comments: the rest have none.
     write_file(KEY_STORE_PUBLIC_FILE, "");
     EXPECT_EQ(restart_and_load()[0], "id_ECDSA_256|<none>|private");
+    // Neither file: nothing loads. (An empty or damaged private file under a
+    // real agent is the key store recovery test.)
     std::filesystem::remove(path(KEY_STORE_PUBLIC_FILE));
     std::filesystem::remove(path(KEY_STORE_PRIVATE_FILE));
     EXPECT_TRUE(restart_and_load().empty());
