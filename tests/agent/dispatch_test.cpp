@@ -8,33 +8,57 @@
 
 using Dispatch = UnlockedAgentTest;
 
-TEST_F(Dispatch, RequestAndReplyLimitsOnBothSides)
+// Framing and reply limits on both sides, unknown messages and what a
+// locked agent serves.
+TEST_F(Dispatch, LimitsUnknownMessagesAndTheLockedTable)
 {
     LogCapture log;
     Bytes largest(4 + 0x40000, 0);  // a list request padded to the 256 KiB limit
     largest[1] = 4, largest[4] = 11;
     Bytes two = request_hex("03"), second = request_hex("d5");
     two.insert(two.end(), second.begin(), second.end());
-    struct Case { Bytes input; const char *reply_hex; const char *line; int type; };
+    struct Case { Bytes input; const char *reply_hex, *line; bool locked = false; int type = AUTH_CONNECTION; };
     const Case cases[] = {
-        {hex_bytes(""), "", "Incomplete client request ignored", AUTH_CONNECTION},
-        {hex_bytes("00000001"), "", "Incomplete client request ignored", AUTH_CONNECTION},  // 4 bytes: under 5
-        {hex_bytes("00000000 ff"), "00000001 05", "Processing client request", AUTH_CONNECTION},  // message 0
-        {hex_bytes("00000002 0b"), "", "Incomplete client request ignored", AUTH_CONNECTION},     // one byte short
-        {hex_bytes("00000002 0b00"), "00000005 0c 00000000", "Processing client request", AUTH_CONNECTION},
-        {largest, "00000005 0c 00000000", "Processing client request", AUTH_CONNECTION},
+        {hex_bytes(""), "", "Incomplete client request ignored"},
+        {hex_bytes("00000001"), "", "Incomplete client request ignored"},  // 4 bytes: under 5
+        {hex_bytes("00000000 ff"), "00000001 05", "Processing client request"},  // message 0
+        {hex_bytes("00000002 0b"), "", "Incomplete client request ignored"},     // one byte short
+        {hex_bytes("00000002 0b00"), "00000005 0c 00000000", "Processing client request"},
+        {largest, "00000005 0c 00000000", "Processing client request"},
         // One byte over closes the connection's context.
-        {hex_bytes("00040001 0b"), "", "keyagent: Client request too large. Ignored", 0},
-        {two, "00000001 05", "SSH_AGENTC_RSA_CHALLENGE (3)", AUTH_CONNECTION},  // only the first is answered
+        {hex_bytes("00040001 0b"), "", "keyagent: Client request too large. Ignored", false, 0},
+        {two, "00000001 05", "SSH_AGENTC_RSA_CHALLENGE (3)"},  // only the first is answered
+        // Unknown numbers answer their family's failure: from 201 on, version 2.
+        {request_hex("c8"), "00000001 05", "Processing client request (generic) (200)"},
+        {request_hex("c9"), "00000001 66", "Processing client request (generic) (201)"},
+        {request_hex("d5"), "00000001 66", "Processing client request SSH_AGENT_RANDOM (213)"},
+        {request_hex("18"), "00000001 05", "Processing client request (generic) (24)"},
+        // What a locked agent still serves.
+        {request_hex("0b"), "00000005 0c 00000000", "keyagent: Received a request for identities", true},
+        {request_hex("9b"), "00000005 0c 00000000", "keyagent: Received a request for identities", true},
+        {request_hex("01"), "00000005 02 00000000", "keyagent: Assuming version 1", true},
+        {request_hex("9a"), "00000005 02 00000000", "keyagent: Received a request for RSA identities", true},
+        {request_hex("a0"), "00000001 aa", "Processing client request SSH2_AGENTC_ZEM_SIGN_REQUEST (160)", true},
+        {request_hex("cc"), "00000005 68 00000000", "keyagent: Processing client request SSH_AGENT_LIST_KEYS", true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.line);
         log.clear();
+        agent_set_locked(c.locked);
         DispatchResult result = dispatch_bytes(c.input);
         EXPECT_EQ(result.reply, hex_bytes(c.reply_hex));
         EXPECT_EQ(result.type, c.type);
         EXPECT_TRUE(log.contains(c.line));
     }
+    // Everything else is refused while locked, before it is processed.
+    for (int number : {7, 8, 9, 17, 18, 19, 22, 24, 25, 152, 153, 202, 203, 205, 207, 208, 212}) {
+        log.clear();
+        EXPECT_EQ(dispatch_bytes(frame({static_cast<uint8_t>(number)})).reply,
+                  hex_bytes(number < 201 ? "00000001 05" : "00000001 66")) << number;
+        EXPECT_TRUE(log.contains("Received a request for unknown message type (" + std::to_string(number) + ")"));
+        EXPECT_FALSE(log.contains("Done processing")) << number;
+    }
+    agent_set_locked(false);
 
     // Replies up to 128 KiB go out; a larger one becomes a failure.
     Identity *identity = add_test_identity(key_generate(KEY_ED25519, 0), "x", "ed");
@@ -46,53 +70,14 @@ TEST_F(Dispatch, RequestAndReplyLimitsOnBothSides)
     identity->comment = std::string(2 + 131072 - base, 'c');
     EXPECT_EQ(dispatch_bytes(request_hex("0b")).reply, hex_bytes("00000001 05"));
     EXPECT_TRUE(log.contains("Reply of 131073 bytes exceeds the 131072-byte limit; answering failure"));
-}
 
-// Unknown numbers answer their family's failure: from 201 on, version 2.
-TEST_F(Dispatch, UnknownMessagesAnswerTheirFamilysFailure)
-{
-    LogCapture log;
+    // What an unknown message logs.
+    log.clear();
     EXPECT_EQ(dispatch_bytes(request_hex("03")).reply, hex_bytes("00000001 05"));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
                                "keyagent: Processing client request SSH_AGENTC_RSA_CHALLENGE (3)",
                                "error: Unknown message 3",
                                "keyagent: Done processing client request SSH_AGENTC_RSA_CHALLENGE (3)"}));
-    for (auto [hex, protocol, name] : {std::tuple{"03", 1, "SSH_AGENTC_RSA_CHALLENGE (3)"}, {"c8", 1, "(generic) (200)"},
-                                       {"c9", 2, "(generic) (201)"}, {"d5", 2, "SSH_AGENT_RANDOM (213)"},
-                                       {"ff", 2, "(generic) (255)"}, {"18", 1, "(generic) (24)"}}) {
-        log.clear();
-        DispatchResult r = dispatch_bytes(request_hex(hex));
-        EXPECT_EQ(r.reply, hex_bytes(protocol == 1 ? "00000001 05" : "00000001 66")) << hex;
-        EXPECT_EQ(r.agent_protocol, protocol) << hex;
-        EXPECT_TRUE(log.contains(std::string("Processing client request ") + name)) << hex;
-    }
-    EXPECT_STREQ(request_name(1), "SSH_AGENT_REQUEST_VERSION/SSH_AGENTC_REQUEST_RSA_IDENTITIES");
-}
-
-TEST_F(Dispatch, LockedAgentServesOnlyItsTable)
-{
-    LogCapture log;
-    agent_set_locked(true);
-    for (int number : {7, 8, 9, 17, 18, 19, 22, 24, 25, 152, 153, 202, 203, 205, 207, 208, 212}) {
-        log.clear();
-        EXPECT_EQ(dispatch_bytes(frame({static_cast<uint8_t>(number)})).reply,
-                  hex_bytes(number < 201 ? "00000001 05" : "00000001 66")) << number;
-        EXPECT_TRUE(log.contains("Received a request for unknown message type (" + std::to_string(number) + ")"));
-        EXPECT_FALSE(log.contains("Done processing")) << number;
-    }
-    struct Served { const char *hex; const char *reply_hex; const char *line; };
-    for (const Served &s : {Served{"0b", "00000005 0c 00000000", "keyagent: Received a request for identities"},
-                            {"9b", "00000005 0c 00000000", "keyagent: Received a request for identities"},
-                            {"01", "00000005 02 00000000", "keyagent: Assuming version 1"},
-                            {"9a", "00000005 02 00000000", "keyagent: Received a request for RSA identities"},
-                            {"97", "00000001 aa", "keyagent: Received a request for islocked"},
-                            {"0d", "00000001 aa", "SSH2_AGENTC_SIGN_REQUEST (13)"},
-                            {"a0", "00000001 aa", "Processing client request SSH2_AGENTC_ZEM_SIGN_REQUEST (160)"},
-                            {"cc", "00000005 68 00000000", "keyagent: Processing client request SSH_AGENT_LIST_KEYS"}}) {
-        log.clear();
-        EXPECT_EQ(dispatch_bytes(request_hex(s.hex)).reply, hex_bytes(s.reply_hex)) << s.hex;
-        EXPECT_TRUE(log.contains(s.line)) << s.hex;
-    }
 }
 
 // Lock, unlock and the notices to the shell.
@@ -123,17 +108,18 @@ using LockAndNotices = AgentStateTest;
 
 }  // namespace
 
-TEST_F(LockAndNotices, OnlyTheAgentPassphraseUnlocksAndAttemptEmptyIsFollowed)
+TEST_F(LockAndNotices, UnlockRegistrationsChangeNoticesAndForwardingNotices)
 {
+    // ssh-add locks and unlocks the real agent, where a lock text never
+    // unlocks and a wrong passphrase is refused; here the version 2 unlock,
+    // the local entry points and what the shell is told.
     LogCapture log;
     set_agent_passphrase("agent pw", 0);
     record_shell_calls();
     struct Step { Bytes request; const char *reply_hex; const char *line; };
     const Step steps[] = {
         {string_request(22, "lock text"), "00000001 06", "keyagent: LOCKED"},
-        {string_request(23, "lock text"), "00000001 05", "keyagent: Unlock failed: wrong passphrase"},
         {string_request(209, "agent pw"), "00000001 65", "keyagent: UNLOCKED"},
-        {request_hex("97"), "00000001 ab", "SSH_AGENT_ZEM_ISLOCKED"},
         {string_request(23, "anything"), "00000001 06", "keyagent: Unlock request - agent is already unlocked"},
     };
     for (const Step &s : steps) {
@@ -148,24 +134,19 @@ TEST_F(LockAndNotices, OnlyTheAgentPassphraseUnlocksAndAttemptEmptyIsFollowed)
     EXPECT_TRUE(agent_is_locked());
     EXPECT_TRUE(agent_local_unlock("agent pw"));
     // Only real changes notify; every lock request redraws the status.
-    EXPECT_EQ(std::pair(calls.manager_notices, calls.redraws), std::pair(4, 8));
+    EXPECT_EQ(std::pair(calls.manager_notices, calls.redraws), std::pair(4, 7));
 
-    // The empty unlock is tried only with AttemptEmpty on.
-    for (auto [attempt_empty, passphrase, reply_hex, locked] :
-         {std::tuple{0u, "", "00000001 66", true}, {1u, "", "00000001 06", false}, {1u, "pw", "00000001 05", true}}) {
-        set_agent_passphrase(passphrase, 1);
-        agent_settings().AttemptEmpty = attempt_empty;
-        agent_set_locked(true);
-        EXPECT_EQ(dispatch_bytes(string_request(159, "")).reply, hex_bytes(reply_hex)) << attempt_empty << passphrase;
-        EXPECT_EQ(agent_is_locked(), locked) << attempt_empty << passphrase;
-    }
-}
+    // With AttemptEmpty on, the empty unlock is tried: it fails with a
+    // passphrase that is not empty.
+    set_agent_passphrase("pw", 1);
+    agent_set_locked(true);
+    EXPECT_EQ(dispatch_bytes(string_request(159, "")).reply, hex_bytes("00000001 05"));
+    EXPECT_TRUE(agent_is_locked());
 
-TEST_F(LockAndNotices, RefreshRegistrationsChangeNoticesAndForwardingNotices)
-{
+    // Refresh registrations: unregistering a window drops its first entry only.
     record_shell_calls();
-    EXPECT_EQ(dispatch_bytes(request_hex("9c 1122334455667788 00000007")).reply, hex_bytes("00000008 1122334455667788"));
-    for (const char *registration : {"0000000000000002 00000009", "0000000000000003 0000000a", "0000000000000002 0000000b"})
+    for (const char *registration : {"1122334455667788 00000007", "0000000000000002 00000009",
+                                     "0000000000000003 0000000a", "0000000000000002 0000000b"})
         dispatch_bytes(request_hex(std::string("9c ") + registration));
     EXPECT_EQ(dispatch_bytes(request_hex("9d 0000000000000002")).reply, hex_bytes("00000008 0000000000000002"));
     ASSERT_EQ(refresh_registrations().size(), 3u);  // only the first entry of window 2 went
@@ -187,7 +168,6 @@ TEST_F(LockAndNotices, RefreshRegistrationsChangeNoticesAndForwardingNotices)
     EXPECT_EQ(refresh_registrations()[0].window, 2u);
 
     // Vendor forwarding notices count the chain and keep the first record.
-    LogCapture log;
     agent_set_locked(false);
     DispatchResult first = dispatch_bytes(vendor_notice("gate", 0x403, 0xabc, 1, 2, 1), 42);
     EXPECT_EQ(std::tuple(first.reply, first.forwarding_chain), std::tuple(hex_bytes("00000001 06"), 1));
@@ -195,20 +175,13 @@ TEST_F(LockAndNotices, RefreshRegistrationsChangeNoticesAndForwardingNotices)
               std::tuple(2, 1, 0x403u, uint64_t{0xabc}));
 
     EXPECT_EQ(dispatch_bytes(vendor_notice("inner", 0x102, 0xdef, 1, 2, 1), 42, 1).forwarding_chain, 2);
-    EXPECT_TRUE(log.contains("keyagent: Agent forwarding notice: gate (10.0.0.7) port 22"));
     auto notice = forwarding_notice_for_connection(42);
     ASSERT_TRUE(notice);  // list mode 9: SunSSH servers
     EXPECT_EQ(std::tuple(notice->client_window, notice->enum_setting, notice->list_mode), std::tuple(0xabcu, 0x403u, 9u));
     EXPECT_EQ(forwarding_notice_count(), 1u);
-
-    // The plain form answers nothing and records nothing.
-    DispatchResult quiet = dispatch_bytes(forwarding_notice("host", "addr", 2222), 43);
-    EXPECT_EQ(std::tuple(quiet.reply, quiet.forwarding_chain), std::tuple(Bytes(), 1));
-    EXPECT_FALSE(forwarding_notice_for_connection(43));
     forwarding_notice_connection_closed(42);
     EXPECT_FALSE(forwarding_notice_for_connection(42));
 
-    for (auto [setting, sent, mode] : {std::tuple{0x100u, 1u, 6u}, {0x200u, 1u, 0u}, {0x300u, 1u, 8u}, {0x500u, 1u, 7u},
-                                       {0x600u, 4u, 4u}})
-        EXPECT_EQ(forwarding_list_mode(setting, sent), mode) << setting;
+    // (The list modes of the other server kinds show in what they are offered.)
+    EXPECT_EQ(forwarding_list_mode(0x600, 4), 4u);
 }

@@ -36,22 +36,59 @@ using Settings = AgentStateTest;
 
 }  // namespace
 
-TEST_F(Settings, WrittenFileHasTheExactLayoutAndReadsBack)
+// The file's exact layout; setters write it only on a change, keeping the
+// auto-lock values that the manager wrote, and it reads back as written.
+// Changing the passphrase through a window or tagent, and unlocking with it,
+// run end to end; here what only shows inside.
+TEST_F(Settings, WrittenFileSettersAndPassphraseChanges)
 {
-    set_agent_passphrase("correct horse", 0);
-    EXPECT_EQ(file_text("tAgent"), "Passphrase " + sha1("correct horse") + "\n" + DEFAULT_LINES);
+    LogCapture log;
+    EXPECT_EQ(set_agent_passphrase("correct horse", 0), 1);
+    EXPECT_TRUE(log.contains("keyagent: Agent passphrase has been set"));
+    const std::string head = "Passphrase " + sha1("correct horse") + "\n";
+    EXPECT_EQ(file_text("tAgent"), head + DEFAULT_LINES);
+    std::filesystem::remove(path("tAgent"));
+    EXPECT_EQ(set_allow_add(1), 0);
+    EXPECT_FALSE(std::filesystem::exists(path("tAgent")));
+    std::string text = head + DEFAULT_LINES;
+    text.replace(text.find("AutoLock no\nAutoLockMinutes 0"), 29, "AutoLock yes\nAutoLockMinutes -12");
+    write_file("tAgent", text);
     // The switches of the Windows agent's OpenSSH pipe and Pageant window
     // follow the other lines, written only when one of them is off.
-    agent_settings().AutoLockMinutes = -12;
-    agent_settings().CreateLog = 1;
     agent_settings().Pageant = 0;
-    write_agent_settings_file(agent_settings());
-    EXPECT_EQ(file_text("tAgent").substr(32), "ConfirmKeyOp no\nAllowAdd yes\nAllowDelete yes\nAutoLock no\n"
-                                              "AutoLockMinutes -12\nAttemptEmpty no\nUseOnlySha1 no\nCreateLog yes\n"
-                                              "OpenSshPipe yes\nPageant no\n");
+    EXPECT_EQ(set_confirm_key_op(1) + set_allow_add(0) + set_allow_delete(0) + set_use_only_sha1(1), 4);
+    EXPECT_EQ(file_text("tAgent"), head + "ConfirmKeyOp yes\nAllowAdd no\nAllowDelete no\nAutoLock yes\n"
+                                          "AutoLockMinutes -12\nAttemptEmpty no\nUseOnlySha1 yes\nCreateLog no\n"
+                                          "OpenSshPipe yes\nPageant no\n");
     AgentSettings before = agent_settings();
     read_agent_settings();
     EXPECT_EQ(memcmp(&before, &agent_settings(), sizeof before), 0);
+
+    // CreateLog switches the agent log file at once.
+    LogFileState saved = agent_log_file();
+    log_file_configure(&agent_log_file(), LOG_COMPONENT_AGENT, folder_.string());
+    EXPECT_EQ(set_create_log(1), 1);
+    EXPECT_TRUE(agent_log_file().enabled);
+    EXPECT_EQ(set_create_log(0), 1);
+    EXPECT_FALSE(agent_log_file().enabled);
+    agent_log_file() = saved;
+
+    // The empty passphrase is a valid one. A new run knows only its digest:
+    // a wrong try holds nothing. A change needs the old passphrase, and a
+    // new one ends AttemptEmpty.
+    ASSERT_EQ(change_agent_passphrase("correct horse", nullptr, 1), 1);
+    forget_agent_passphrase();
+    read_agent_settings();
+    EXPECT_EQ(verify_agent_passphrase("x"), 0);
+    EXPECT_FALSE(agent_passphrase_held());
+    agent_set_locked(true);
+    EXPECT_EQ(change_agent_passphrase("wrong", "new", 0), 0);
+    EXPECT_TRUE(agent_is_locked());
+    EXPECT_EQ(change_agent_passphrase("", "new", 0), 1);
+    EXPECT_TRUE(log.contains("keyagent: Change passphrase succeeded"));
+    EXPECT_FALSE(agent_is_locked());
+    EXPECT_EQ(agent_settings().AttemptEmpty, 0u);
+    EXPECT_EQ(verify_agent_passphrase(""), 0);
 }
 
 // Each line is read at its position, whatever its word; flags and numbers
@@ -91,92 +128,6 @@ TEST_F(Settings, HandEditedFilesAreReadByPosition)
         read_agent_settings();
         EXPECT_EQ(settings_read(), c.read);
         EXPECT_EQ(verify_agent_passphrase("pw"), c.read.substr(0, 20) == pw ? 1 : 0);
-        EXPECT_EQ(verify_agent_passphrase(""), 0);
         forget_agent_passphrase();
     }
-    // A missing file gives the defaults.
-    std::filesystem::remove(path("tAgent"));
-    read_agent_settings();
-    EXPECT_EQ(settings_read(), none + "|0110 0 00011");
-}
-
-TEST_F(Settings, SettersRewriteOnlyOnChange)
-{
-    EXPECT_EQ(set_allow_add(1), 0);
-    EXPECT_FALSE(std::filesystem::exists(path("tAgent")));
-    EXPECT_EQ(set_allow_add(0), 1);
-    EXPECT_NE(file_text("tAgent").find("\nAllowAdd no\n"), std::string::npos);
-    std::filesystem::remove(path("tAgent"));
-    EXPECT_EQ(set_allow_add(0), 0);
-    EXPECT_FALSE(std::filesystem::exists(path("tAgent")));
-
-    EXPECT_EQ(set_confirm_key_op(1) + set_allow_delete(0) + set_use_only_sha1(1), 3);
-    EXPECT_EQ(file_text("tAgent").substr(32),
-              "ConfirmKeyOp yes\nAllowAdd no\nAllowDelete no\nAutoLock no\nAutoLockMinutes 0\n"
-              "AttemptEmpty no\nUseOnlySha1 yes\nCreateLog no\n");
-    // The manager writes the auto-lock values into the file; the agent's
-    // next write keeps them.
-    std::string text = file_text("tAgent");
-    text.replace(text.find("AutoLock no\nAutoLockMinutes 0"), 29, "AutoLock yes\nAutoLockMinutes 15");
-    write_file("tAgent", text);
-    EXPECT_EQ(set_use_only_sha1(0), 1);
-    EXPECT_NE(file_text("tAgent").find("\nAutoLock yes\nAutoLockMinutes 15\n"), std::string::npos);
-
-    // CreateLog switches the agent log file at once.
-    LogFileState saved = agent_log_file();
-    log_file_configure(&agent_log_file(), LOG_COMPONENT_AGENT, folder_.string());
-    EXPECT_EQ(set_create_log(1), 1);
-    EXPECT_TRUE(agent_log_file().enabled);
-    EXPECT_EQ(set_create_log(1), 0);
-    EXPECT_EQ(set_create_log(0), 1);
-    EXPECT_FALSE(agent_log_file().enabled);
-    agent_log_file() = saved;
-}
-
-using Passphrase = AgentStateTest;
-
-TEST_F(Passphrase, HeldPassphraseEmptyPassphraseAndChanges)
-{
-    LogCapture log;
-    EXPECT_EQ(set_agent_passphrase("Secret", 0), 1);
-    EXPECT_TRUE(log.contains("keyagent: Agent passphrase has been set"));
-    EXPECT_FALSE(agent_is_locked());
-
-    // Once held, the stored digest no longer counts.
-    agent_passphrase_digest("other", agent_settings().passphrase_digest);
-    EXPECT_EQ(verify_agent_passphrase("other"), 0);
-    EXPECT_EQ(verify_agent_passphrase("Secret"), 1);
-
-    // A new run knows only the digest: a wrong try holds nothing, the right
-    // one is held from then on.
-    forget_agent_passphrase();
-    read_agent_settings();
-    EXPECT_EQ(verify_agent_passphrase("Secret!"), 0);
-    EXPECT_FALSE(agent_passphrase_held());
-    EXPECT_EQ(verify_agent_passphrase("Secret"), 1);
-    EXPECT_TRUE(agent_passphrase_held());
-
-    // The empty passphrase is a valid one; a change needs the old passphrase.
-    ASSERT_EQ(change_agent_passphrase("Secret", nullptr, 1), 1);
-    log.clear();
-    forget_agent_passphrase();
-    read_agent_settings();
-    EXPECT_TRUE(agent_passphrase_is_set());
-    EXPECT_EQ(agent_settings().AttemptEmpty, 1u);
-    EXPECT_EQ(verify_agent_passphrase("x"), 0);
-    EXPECT_EQ(verify_agent_passphrase(nullptr), 1);
-
-    agent_set_locked(true);
-    EXPECT_EQ(change_agent_passphrase("wrong", "new", 0), 0);
-    EXPECT_TRUE(log.contains("keyagent: Change passphrase failed: wrong passphrase"));
-    EXPECT_TRUE(agent_is_locked());
-    EXPECT_EQ(verify_agent_passphrase(""), 1);
-    EXPECT_EQ(change_agent_passphrase("", "new", 0), 1);
-    EXPECT_TRUE(log.contains("keyagent: Change passphrase succeeded"));
-    EXPECT_FALSE(agent_is_locked());
-    EXPECT_EQ(agent_settings().AttemptEmpty, 0u);
-    EXPECT_EQ(verify_agent_passphrase(""), 0);
-    forget_agent_passphrase();
-    read_agent_settings();
-    EXPECT_EQ(verify_agent_passphrase("new"), 1);
 }
