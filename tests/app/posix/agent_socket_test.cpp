@@ -7,8 +7,9 @@
 #include "support/agent_process.h"
 #include "support/requests.h"
 
-// Framing on the socket, the private folders, a second start, the control
-// socket and -k, and what the agent logs from start to stop.
+// Framing on the socket up to its limits, the private folders, a second
+// start, the control socket and -k, what the agent logs from start to stop,
+// and later runs over the unencrypted store.
 TEST(AgentSocket, FramingSingleInstanceAndControl)
 {
     AgentProcess agent({"--empty-passphrase"});

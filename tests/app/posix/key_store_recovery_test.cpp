@@ -1,5 +1,5 @@
-// The real agent over a damaged settings file or key store: nothing intact
-// is lost.
+// The real agent over a damaged settings file or key store (nothing intact
+// is lost), and over the store the Windows build wrote.
 #include <gtest/gtest.h>
 
 #include <functional>
