@@ -4,11 +4,10 @@
 
 #include <atomic>
 #include <csignal>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#if defined(__linux__)
 #include <sys/prctl.h>
-#endif
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -30,10 +29,17 @@ inline const Bytes UNLOCKED = hex_bytes("00000001 ab");
 // True when `part` occurs in `text`.
 inline bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
+// The permission bits of a file or folder; 0 when it is missing.
+inline unsigned mode_of(const std::string &path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
+}
+
 class AgentProcess {
 public:
-    explicit AgentProcess(std::vector<std::string> extra_args = {})
-        : root_(fresh_temp_folder("agent")), extra_args_(std::move(extra_args))
+    explicit AgentProcess(std::vector<std::string> args = {})
+        : extra_args(std::move(args)), root_(fresh_temp_folder("agent"))
     {
         std::filesystem::permissions(root_, std::filesystem::perms::owner_all);
     }
@@ -43,10 +49,11 @@ public:
         remove_folder(root_);
     }
 
+    // The arguments after base_args(), and the environment assignments
+    // ("NAME=value"), of the next start.
+    std::vector<std::string> extra_args, env;
+
     std::filesystem::path root() const { return root_; }
-    // Environment assignments ("NAME=value") for the agent process.
-    void set_env(std::vector<std::string> env) { env_ = std::move(env); }
-    void set_extra_args(std::vector<std::string> extra_args) { extra_args_ = std::move(extra_args); }
     std::string socket_path() const { return (root_ / "run" / "agent.sock").string(); }
     std::string control_path() const { return (root_ / "run" / "control.sock").string(); }
     std::string data_dir() const { return (root_ / "data").string(); }
@@ -64,12 +71,12 @@ public:
     bool start()
     {
         std::vector<std::string> args = base_args();
-        args.insert(args.end(), extra_args_.begin(), extra_args_.end());
+        args.insert(args.end(), extra_args.begin(), extra_args.end());
         // No test may reach a real pinentry: unless a test chose one, the
         // agent finds none and every prompt counts as cancelled.
-        std::vector<std::string> env = {"TARNWELL_PINENTRY=/nonexistent/pinentry"};
-        env.insert(env.end(), env_.begin(), env_.end());
-        pid_ = spawn(args, (root_ / "stdout.txt").string(), stderr_path(), env);
+        std::vector<std::string> assignments = {"TARNWELL_PINENTRY=/nonexistent/pinentry"};
+        assignments.insert(assignments.end(), env.begin(), env.end());
+        pid_ = spawn(args, (root_ / "stdout.txt").string(), stderr_path(), assignments);
         for (int i = 0; i < 200; ++i) {
             if (std::filesystem::exists(socket_path()))
                 return true;
@@ -96,7 +103,6 @@ public:
         }
         return exit_status_;
     }
-    int wait_for_exit() { return stop(0); }
 
     static int wait_exit(pid_t pid)
     {
@@ -111,14 +117,10 @@ public:
         pid_t parent = getpid();
         pid_t pid = fork();
         if (pid == 0) {
-#if defined(__linux__)
             // A test process that dies (a crash, a kill from the runner's
             // time-out) takes what it started with it.
             if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent)
                 _exit(127);
-#else
-            (void)parent;
-#endif
             (void)!freopen(out.c_str(), "a", stdout);
             (void)!freopen(err.c_str(), "a", stderr);
             for (const auto &assignment : env)
@@ -135,16 +137,11 @@ public:
 
 private:
     std::filesystem::path root_;
-    std::vector<std::string> extra_args_;
-    std::vector<std::string> env_;
     pid_t pid_ = -1;
     int exit_status_ = -1;
 };
 
-struct ProgramRun {
-    int status;
-    std::string output;  // standard output and standard error
-};
+using ProgramRun = ToolResult;
 
 // Runs `args` to its end with `agent`'s socket as SSH_AUTH_SOCK.
 inline ProgramRun run_program(const AgentProcess &agent, const std::vector<std::string> &args,
@@ -209,6 +206,7 @@ public:
     }
     ~AgentClient() { close(fd_); }
     void send_bytes(const Bytes &bytes) { (void)!::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    void finish_sending() { shutdown(fd_, SHUT_WR); }
 
     // Reads one framed reply; empty when none arrives.
     Bytes read_reply()

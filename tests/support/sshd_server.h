@@ -15,8 +15,6 @@
 
 class SshdServer {
 public:
-    static bool available() { return std::filesystem::exists("/usr/sbin/sshd"); }
-
     explicit SshdServer(const std::filesystem::path &dir) : dir_(dir) { std::filesystem::create_directories(dir_); }
     ~SshdServer()
     {
