@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "crypto/crypto_module.h"
 #include "crypto/signature_types.h"

@@ -5,7 +5,6 @@
 #include <openssl/obj_mac.h>
 
 #include "crypto/crypto_module.h"
-#include "crypto/dsa_signature.h"
 #include "crypto/ecdsa_signature.h"
 #include "crypto/rsa_signature.h"
 #include "crypto/signature_check.h"

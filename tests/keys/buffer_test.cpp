@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
 
 #include "keys/buffer.h"
 #include "keys/ossl_ptr.h"

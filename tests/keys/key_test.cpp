@@ -3,14 +3,12 @@
 #include <cstring>
 
 #include <openssl/core_names.h>
-#include <openssl/obj_mac.h>
 
 #include "crypto/signature_types.h"
 #include "keys/key.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
 #include "keys/key_material.h"
-#include "platform/platform.h"
 #include "support/bytes.h"
 // Installs the certificate layer's part of the key code for the whole
 // program, as the agent does at start-up.

@@ -5,7 +5,6 @@
 #include "crypto/crypto_module.h"
 #include "keys/key_blob.h"
 #include "keys/key_fingerprint.h"
-#include "keys/kvl.h"
 #include "pki/x509_key_blob.h"
 #include "support/log_capture.h"
 #include "support/test_pki.h"
