@@ -2,10 +2,8 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "crypto/crypto_module.h"
-#include "crypto/fips_policy.h"
 #include "crypto/signature_types.h"
 #include "keys/key_fingerprint.h"
 #include "support/environment.h"
@@ -13,8 +11,6 @@
 #include "support/log_capture.h"
 
 namespace {
-
-std::vector<std::string> property_calls;
 
 // The texts appear in the log in this order.
 bool in_order(LogCapture &log, std::initializer_list<const char *> texts)
@@ -69,30 +65,17 @@ TEST(CryptoModule, InitialisationWithAndWithoutFips)
     EXPECT_EQ(key_fingerprint(key.get(), SSH_FP_MD5, SSH_FP_HEX).size(), 47u);
 }
 
-// A library table that differs: an unseeded generator is logged, not fatal;
-// the property guard acts only when FIPS is enforced.
-TEST(CryptoModule, UnseededGeneratorAndPropertyGuard)
+// A library whose generator is not seeded: logged, not fatal.
+TEST(CryptoModule, UnseededGeneratorIsLogged)
 {
     CryptoApi api = *crypto_module_get();
     api.prng_status = [] { return 0; };
-    api.set_default_properties = [](const char *query) { return property_calls.push_back(query), 1; };
-    api.fips_enforcement_level = [] { return 2; };
     crypto_module_replace_api(&api);
     LogCapture log;
     EXPECT_EQ(crypto_check_prng(), CRYPTO_PRNG_NOT_SEEDED);
     log.clear();
     EXPECT_EQ(crypto_module_init(0), CRYPTO_PRNG_NOT_SEEDED);
     EXPECT_TRUE(in_order(log, {"PRNG is not sufficiently seeded.", "Crypto module initialization failed"}));
-    property_calls.clear();
-    {
-        FipsPropertyGuard guard;
-        EXPECT_EQ(property_calls, std::vector<std::string>{"?fips=yes"});
-    }
-    EXPECT_EQ(property_calls, (std::vector<std::string>{"?fips=yes", "fips=yes"}));
-    api.fips_enforcement_level = [] { return 1; };
-    property_calls.clear();
-    { FipsPropertyGuard guard; }
-    EXPECT_TRUE(property_calls.empty());
     crypto_module_replace_api(nullptr);
 }
 

@@ -1,5 +1,5 @@
 // Helpers for the signature tests: the blob layout taken apart by hand, and
-// OpenSSL's own signer and verifier as the referee.
+// OpenSSL's own verifier as the referee.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -62,40 +62,8 @@ inline bool openssl_verifies(EVP_PKEY *pkey, const char *md, const Bytes &sig, c
            EVP_DigestVerify(ctx.get(), sig.data(), sig.size(), data.data(), data.size()) == 1;
 }
 
-// OpenSSL's one-shot signer; DER for DSA and ECDSA.
-inline Bytes openssl_sign(EVP_PKEY *pkey, const char *md, const Bytes &data)
-{
-    MdCtxPtr ctx(EVP_MD_CTX_new());
-    size_t len = 0;
-    if (EVP_DigestSignInit_ex(ctx.get(), nullptr, md, nullptr, nullptr, pkey, nullptr) != 1 ||
-        EVP_DigestSign(ctx.get(), nullptr, &len, data.data(), data.size()) != 1)
-        return {};
-    Bytes sig(len);
-    EVP_DigestSign(ctx.get(), sig.data(), &len, data.data(), data.size());
-    sig.resize(len);
-    return sig;
-}
-
-// A signature in SSH form from OpenSSL's own, or the other way round.
-// `form`: "rsa", "ed" and "der" as they are, "raw" (DSA r||s of 40 bytes)
-// or "mpint" (ECDSA: r, s as strings, of `width` bytes each).
-inline Bytes ssh_form(const Bytes &der, const std::string &form, int width)
-{
-    const unsigned char *p = der.data();
-    EcdsaSigPtr sig(form == "raw" || form == "mpint" ? d2i_ECDSA_SIG(nullptr, &p, long(der.size())) : nullptr);
-    if (!sig)
-        return der;
-    Bytes r(form == "raw" ? 20 : width), s(r.size());
-    BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), r.data(), int(r.size()));
-    BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), s.data(), int(s.size()));
-    if (form == "raw")
-        return r.insert(r.end(), s.begin(), s.end()), r;
-    Buffer b;
-    put_bytes(&b, r);
-    put_bytes(&b, s);
-    return buffer_bytes(b);
-}
-
+// The DER signature OpenSSL checks, from a DSA (r||s of 40 bytes: "raw") or
+// ECDSA (r, s as strings: "mpint") one; others as they are.
 inline Bytes der_form(const Bytes &ssh_signature, const std::string &form)
 {
     std::vector<Bytes> rs = form == "mpint" ? strings_of(ssh_signature) : std::vector<Bytes>();

@@ -1,10 +1,9 @@
 // OpenSSH-format private key files as ssh-keygen writes them.
 #include <gtest/gtest.h>
 
-#include <openssl/evp.h>
-
 #include "keys/key_blob.h"
 #include "keys/openssh_private_key.h"
+#include "keys/public_key_format.h"
 #include "support/tool_run.h"
 
 namespace {
@@ -24,10 +23,7 @@ std::string altered(const std::string &file, void (*change)(Bytes *))
             body += c;
     Bytes raw = base64_decode(body);
     change(&raw);
-    std::string b64(4 * ((raw.size() + 2) / 3) + 1, '\0');
-    b64.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(b64.data()), raw.data(),
-                                                   static_cast<int>(raw.size()))));
-    return text.substr(0, begin) + b64 + "\n" + text.substr(end);
+    return text.substr(0, begin) + base64_lines(raw.data(), raw.size()) + text.substr(end);
 }
 
 }  // namespace

@@ -62,18 +62,16 @@ TEST(PublicKeyFormat, LinesAndBlocksMatchOpenSsh)
 
 TEST(PublicKeyFormat, BlockLinesOfSeventy)
 {
-    std::vector<uint8_t> blob(53, 0xA5);  // 72 base64 characters
-    std::string lines = base64_lines(blob.data(), blob.size());
-    EXPECT_EQ(lines.size(), 72u + 2u);
-    EXPECT_EQ(lines[70], '\n');
-    // 105 bytes give exactly 140 characters: two full lines and an empty one.
-    // 51 bytes give 68 characters: one line and its end.
-    std::vector<uint8_t> short_line(51, 1);
-    EXPECT_EQ(base64_lines(short_line.data(), short_line.size()).size(), 69u);
-    std::vector<uint8_t> even(105, 1);
-    std::string two = base64_lines(even.data(), even.size());
-    EXPECT_EQ(two.size(), 143u);
-    EXPECT_EQ(two.substr(141), "\n\n");
+    // A line end after every 70 characters and one at the end; 105 bytes
+    // give exactly 140 characters: two full lines and an empty one.
+    for (auto [bytes, ends] : {std::pair{51u, std::vector<size_t>{68}}, {53u, {70, 73}}, {105u, {70, 141, 142}}}) {
+        Bytes data(bytes, 0xA5);
+        std::string lines = base64_lines(data.data(), data.size());
+        std::vector<size_t> at;
+        for (size_t i = lines.find('\n'); i != std::string::npos; i = lines.find('\n', i + 1))
+            at.push_back(i);
+        EXPECT_EQ(at, ends) << bytes;
+    }
 
     uint8_t out[8];
     EXPECT_EQ(uudecode("  YWJj rest", out, sizeof out), 3);
