@@ -4,6 +4,8 @@
 // driven as a user would.
 
 
+#include <thread>
+
 #include "app/win32/dialogs.h"
 #include "app/win32/help.h"
 #include "win32/agent_channels.h"
@@ -82,6 +84,17 @@ TEST(Dialogs, ResourcesHelpAndTheAgentsFirstStart)
     for (const char *name :
          {"ConfirmKeyOp", "AllowAdd", "AllowDelete", "UseOnlySha1", "CreateLog", "AutoLock", "AutoLockMinutes"})
         EXPECT_NE(page.find(std::string("<code>") + name + "</code>"), std::string::npos) << name;
+
+    // The confirmation names the key and follows the answer.
+    for (int button : {IDYES, IDNO}) {
+        std::thread user([button] {
+            HWND box = wait_for_dialog(resource_text(TEXT_APPLICATION_TITLE));
+            EXPECT_NE(static_texts(box).find(L"'work key'."), std::wstring::npos) << "the key is named";
+            press(box, button);
+        });
+        EXPECT_EQ(confirm_key_operation("work key"), button == IDYES);
+        user.join();
+    }
 
     for (int answer : {IDOK, 221, IDCANCEL}) {
         SCOPED_TRACE(answer);
