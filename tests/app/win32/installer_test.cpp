@@ -89,11 +89,8 @@ protected:
     }
     void TearDown() override
     {
-        if (HWND window = find_agent_window()) {
-            PROCESS_INFORMATION agent = agent_started_elsewhere();
-            PostMessageW(window, WM_CLOSE, 0, 0);
-            wait_exit(&agent);
-        }
+        PostMessageW(find_agent_window(), WM_CLOSE, 0, 0);
+        eventually([] { return find_agent_window() == nullptr; });
         uninstaller_copies_ended(true);
         RegDeleteKeyValueW(HKEY_CURRENT_USER, RUN_KEY, PRODUCT);
         RegDeleteTreeW(HKEY_CURRENT_USER, UNINSTALL_KEY);
@@ -129,7 +126,7 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstalls)
 
     // Log-on: Windows runs the Run entry's command line as it stands.
     PROCESS_INFORMATION agent = start_process(agent_program.wstring(), registry_text(RUN_KEY, PRODUCT));
-    ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
+    ASSERT_NE(agent_when_ready(), nullptr) << log();
     std::string answer = status();
     EXPECT_NE(answer.find("state: locked"), std::string::npos) << answer;
 
@@ -137,7 +134,7 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstalls)
     ASSERT_EQ(run_program(setup, L"/S", scratch / "upgrade.out").status, 0);
     EXPECT_EQ(wait_exit(&agent), 0) << "the upgrade stops the running agent";
     agent = agent_started_elsewhere();
-    ASSERT_NE(WindowsAgent::wait_ready_of(agent), nullptr) << log();
+    ASSERT_NE(agent_when_ready(), nullptr) << log();
     EXPECT_NE(status().find("state: locked"), std::string::npos);
 
     EXPECT_EQ(run_program(programs / "Uninstall.exe", L"/S", scratch / "uninstall.out").status, 0);
