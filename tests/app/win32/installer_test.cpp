@@ -146,29 +146,6 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstalls)
     EXPECT_FALSE(fs::exists(shortcut));
     EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), L"");
     EXPECT_TRUE(fs::exists(data / "tAgent")) << "a silent uninstall keeps the key store";
-
-    // Installed again and uninstalled by hand: the user confirms in the
-    // wizard and answers No to keeping the keys, and the key store goes too.
-    ASSERT_EQ(run_program(setup, L"/S", scratch / "setup.out").status, 0);
-    EXPECT_EQ(run_program(programs / "Uninstall.exe", L"", scratch / "uninstall.out").status, 0);
-    HWND wizard = wait_for_window_where(
-        [](HWND window) { return window_title(window).rfind(L"Tarnwell Key Agent Uninstall", 0) == 0; });
-    ASSERT_NE(wizard, nullptr);
-    press(wizard, IDOK);  // "Uninstall" on the confirmation page
-    HWND question = wait_for_window_where(
-        [](HWND window) { return static_texts(window).find(L"Keep your stored keys") != std::wstring::npos; });
-    ASSERT_NE(question, nullptr);
-    press(question, IDNO);
-    // The last page's button turns into "Close" when the work is done.
-    auto closable = [wizard] {
-        return control_text(wizard, IDOK) == L"&Close" && IsWindowEnabled(GetDlgItem(wizard, IDOK));
-    };
-    ASSERT_TRUE(eventually(closable, 60000));
-    press(wizard, IDOK);
-    ASSERT_TRUE(uninstaller_copies_ended());
-    EXPECT_FALSE(fs::exists(programs));
-    EXPECT_FALSE(fs::exists(data / "tAgent"));
-    EXPECT_FALSE(fs::exists(data));
 }
 
 }  // namespace

@@ -52,8 +52,7 @@ TEST(CommandLineNumber, ReadsTheWholeLineAsOneSignedNumber)
 // list; reads are joined up to a request and cut at 131072 bytes; garbage,
 // a vanishing client and a pipe nobody opens disturb no other. A second
 // start and the menu's exit; a start by a client while another program
-// holds the OpenSSH pipe's name; a start with the OpenSSH pipe and Pageant
-// switched off.
+// holds the OpenSSH pipe's name.
 TEST(Tkeyagent, ServesEveryWayInStartsOnceAndStopsInOrder)
 {
     WindowsAgent agent;
@@ -159,7 +158,7 @@ TEST(Tkeyagent, ServesEveryWayInStartsOnceAndStopsInOrder)
 
     // A client that finds no agent starts it and waits until it is ready. A
     // program that holds the OpenSSH pipe's name first keeps it; the agent
-    // says so and still serves its own pipe and Pageant.
+    // says so and still serves its own pipe.
     WinHandle owner(CreateNamedPipeW(OPENSSH_AGENT_PIPE, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_WAIT,
                                      PIPE_UNLIMITED_INSTANCES, 4096, 4096, 0, nullptr));
     ASSERT_NE(owner.get(), INVALID_HANDLE_VALUE);
@@ -169,29 +168,11 @@ TEST(Tkeyagent, ServesEveryWayInStartsOnceAndStopsInOrder)
     EXPECT_TRUE(agent.logged("keyagent: The OpenSSH agent pipe is in use by another program (another agent?); "
                              "running without it."));
     EXPECT_TRUE(lists(agent_pipe_open(window).get()));
-    Bytes reply;
-    EXPECT_NE(pageant_call(LIST_REQUEST, &reply), 0);
-    EXPECT_EQ(reply_type(reply), IDENTITIES_ANSWER);
-    // The name still leads to the program that owns it.
-    WinHandle client = openssh_pipe_open();
-    ASSERT_TRUE(client);
-    EXPECT_TRUE(ConnectNamedPipe(owner.get(), nullptr) || GetLastError() == ERROR_PIPE_CONNECTED);
-    client = WinHandle(), owner = WinHandle();
+    owner = WinHandle();
     PostMessageW(window, WM_CLOSE, 0, 0);
     EXPECT_TRUE(agent.log_shows("keyagent: Process message thread stopped.", 2));
     EXPECT_TRUE(eventually([] { return find_agent_window() == nullptr; }));
 
-    // Switched off in the settings, the OpenSSH pipe and Pageant are not
-    // there.
-    std::ofstream(agent.path("tAgent"), std::ios::binary | std::ios::app) << "OpenSshPipe no\nPageant no\n";
-    window = agent.start();
-    ASSERT_NE(window, nullptr) << agent.log();
-    EXPECT_TRUE(lists(agent_pipe_open(window).get()));
-    EXPECT_FALSE(openssh_pipe_open());
-    EXPECT_EQ(FindWindowW(PAGEANT_WINDOW_CLASS, PAGEANT_WINDOW_TITLE), nullptr);
-    EXPECT_TRUE(agent.logged("keyagent: The OpenSSH agent pipe is switched off (OpenSshPipe no)."));
-    EXPECT_TRUE(agent.logged("keyagent: The Pageant protocol is switched off (Pageant no)."));
-    EXPECT_EQ(agent.close(), 0);
 }
 
 }  // namespace
