@@ -127,8 +127,7 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstalls)
     // Log-on: Windows runs the Run entry's command line as it stands.
     PROCESS_INFORMATION agent = start_process(agent_program.wstring(), registry_text(RUN_KEY, PRODUCT));
     ASSERT_NE(agent_when_ready(), nullptr) << log();
-    std::string answer = status();
-    EXPECT_NE(answer.find("state: locked"), std::string::npos) << answer;
+    EXPECT_NE(status().find("state: locked"), std::string::npos);
 
     // An upgrade over the running agent stops it and starts it again.
     ASSERT_EQ(run_program(setup, L"/S", scratch / "upgrade.out").status, 0);
@@ -141,7 +140,6 @@ TEST_F(Installer, InstallsForTheUserStartsAtLogOnUpgradesAndUninstalls)
     ASSERT_TRUE(uninstaller_copies_ended());
     EXPECT_FALSE(fs::exists(programs));
     EXPECT_EQ(wait_exit(&agent), 0) << "the uninstaller stops the agent";
-    EXPECT_EQ(find_agent_window(), nullptr);
     EXPECT_EQ(registry_text(RUN_KEY, PRODUCT), L"");
     EXPECT_FALSE(fs::exists(shortcut));
     EXPECT_EQ(registry_text(UNINSTALL_KEY, L"DisplayName"), L"");

@@ -7,12 +7,9 @@
 #include <wincrypt.h>
 
 #include <openssl/pem.h>
-#include <openssl/x509v3.h>
 
-#include "agent/protocol.h"
 #include "app/win32/system_cert_provider.h"
 #include "app/win32/system_cert_store.h"
-#include "crypto/signature_check.h"
 #include "pki/cert_key_layer.h"
 #include "pki/key_signer.h"
 #include "win32/agent_channels.h"
