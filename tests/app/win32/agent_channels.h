@@ -3,7 +3,6 @@
 #pragma once
 
 #include <windows.h>
-#include <aclapi.h>
 #include <sddl.h>
 
 #include <atomic>
@@ -15,6 +14,7 @@
 #include "app/win32/openssh_pipe.h"
 #include "app/win32/pageant_window.h"
 #include "app/win32/user_security.h"
+#include "crypto/signature_check.h"
 #include "support/requests.h"
 #include "win32/windows_agent.h"
 
@@ -75,25 +75,19 @@ inline std::map<std::string, Bytes> identities(HANDLE pipe)
 {
     Bytes answer = call(pipe, LIST_REQUEST);
     EXPECT_EQ(reply_type(answer), IDENTITIES_ANSWER);
-    Buffer in;
-    buffer_append(&in, answer.data(), static_cast<uint32_t>(answer.size()));
+    std::vector<Bytes> fields = strings_of(Bytes(answer.begin() + std::min<size_t>(answer.size(), 5), answer.end()));
     std::map<std::string, Bytes> all;
-    buffer_get_char(&in);
-    for (uint32_t n = answer.empty() ? 0 : buffer_get_int(&in); n > 0; --n) {
-        SecureBytes blob = buffer_get_string(&in);
-        all[buffer_get_string_text(&in)] = Bytes(blob.begin(), blob.end());
-    }
+    for (size_t n = 0; n + 1 < fields.size(); n += 2)
+        all[std::string(fields[n + 1].begin(), fields[n + 1].end())] = fields[n];
     return all;
 }
 
 // The signature blob of a sign reply; empty for any other reply.
 inline SecureBytes signature_of(const Bytes &reply)
 {
-    if (reply_type(reply) != SIGN_RESPONSE)
-        return {};
-    Buffer in;
-    buffer_append(&in, reply.data() + 1, static_cast<uint32_t>(reply.size() - 1));
-    return buffer_get_string(&in);
+    std::vector<Bytes> fields = reply_type(reply) == SIGN_RESPONSE ? strings_of(Bytes(reply.begin() + 1, reply.end()))
+                                                                   : std::vector<Bytes>(1);
+    return SecureBytes(fields[0].begin(), fields[0].end());
 }
 
 // A mapping in the Pageant client's way, owned by `owner` (the user when
@@ -135,67 +129,23 @@ inline bool agent_locked(HWND agent)
     return agent_pipe_request(pipe.get(), body, SSH_AGENT_ZEM_LOCKED, &reply);
 }
 
-// A pipe's access list is generic-all for the user alone. Wine keeps the
-// list without enforcing it.
-inline void expect_user_only(HANDLE pipe)
+// Starts the ssh2 client script under the Windows build of Node.js with
+// its output into `out` (node.exe dies on a Unix pipe).
+inline PROCESS_INFORMATION start_node_client(const std::string &arguments, const std::filesystem::path &out)
 {
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    PACL dacl = nullptr;
-    LPWSTR sddl = nullptr, sid = nullptr;
-    std::vector<BYTE> user = current_user_sid();
-    ConvertSidToStringSidW(user.data(), &sid);
-    ASSERT_EQ(GetSecurityInfo(pipe, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
-                              &descriptor), ERROR_SUCCESS);
-    ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                         &sddl, nullptr);
-    EXPECT_EQ(std::wstring(sddl ? sddl : L""), L"D:(A;;GA;;;" + std::wstring(sid ? sid : L"") + L")");
-    LocalFree(sddl);
-    LocalFree(sid);
-    LocalFree(descriptor);
+    // Wine shows / as drive Z:.
+    std::wstring clients = L"Z:" + std::filesystem::path(TARNWELL_WINDOWS_NODE_CLIENTS).make_preferred().wstring();
+    SetEnvironmentVariableW(L"NODE_PATH", (clients + L"\\node_modules").c_str());
+    std::wstring script =
+        std::filesystem::path(TARNWELL_SOURCE_DIR "/tests/app/win32/ssh2_agent_client.js").make_preferred();
+    std::wstring line = L"node.exe \"Z:" + script + L"\" " + utf8_to_wide(arguments);
+    return start_process(clients + L"\\node\\bin\\node.exe", line, out);
 }
 
-// The ssh2 client script run by the Windows build of Node.js; its output
-// goes to a file (node.exe dies on a Unix pipe).
-class NodeClient {
-public:
-    NodeClient(const std::filesystem::path &folder, const std::string &arguments)
-    {
-        static std::atomic<unsigned> serial{0};
-        output_ = folder / ("node-" + std::to_string(serial++) + ".txt");
-        // Wine shows / as drive Z:.
-        std::wstring clients = L"Z:" + std::filesystem::path(TARNWELL_WINDOWS_NODE_CLIENTS).make_preferred().wstring();
-        std::wstring node = clients + L"\\node\\bin\\node.exe";
-        if (GetFileAttributesW(node.c_str()) == INVALID_FILE_ATTRIBUTES) {
-            ADD_FAILURE() << "no Windows Node.js: run scripts/install-windows-node-clients";
-            return;
-        }
-        SetEnvironmentVariableW(L"NODE_PATH", (clients + L"\\node_modules").c_str());
-        std::wstring script =
-            std::filesystem::path(TARNWELL_SOURCE_DIR "/tests/app/win32/ssh2_agent_client.js").make_preferred();
-        process_ = start_process(node, L"node.exe \"Z:" + script + L"\" " + utf8_to_wide(arguments), output_);
-    }
-    ~NodeClient()
-    {
-        finish();
-        std::error_code ignored;
-        std::filesystem::remove(output_, ignored);
-    }
-    NodeClient(const NodeClient &) = delete;
-    NodeClient &operator=(const NodeClient &) = delete;
-
-    // Waits (bounded) for the script to end; its output, with its exit code
-    // on a last line.
-    std::string finish()
-    {
-        if (process_.hProcess) {
-            long code = wait_exit(&process_, 180000);
-            result_ = read_file_text(output_) + "exit " + std::to_string(code) + "\n";
-        }
-        return result_;
-    }
-
-private:
-    std::filesystem::path output_;
-    PROCESS_INFORMATION process_ = {};
-    std::string result_;
-};
+// Waits (bounded) for a node client to end: its output, with its exit code
+// on a last line.
+inline std::string node_client_output(PROCESS_INFORMATION *node, const std::filesystem::path &out)
+{
+    long code = wait_exit(node, 180000);
+    return read_file_text(out) + "exit " + std::to_string(code) + "\n";
+}

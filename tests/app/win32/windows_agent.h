@@ -19,6 +19,7 @@
 #include "agent/data_folder.h"
 #include "agent/passphrase.h"
 #include "agent/settings.h"
+#include "app/win32/agent_client_access.h"
 #include "app/win32/agent_window.h"
 #include "platform/platform.h"
 #include "platform/win32/text_conversion.h"
@@ -121,6 +122,14 @@ inline EVP_PKEY *write_pem_key(const std::string &path, const char *type, const 
     return key;
 }
 
+// The agent's window once it has one and answers 1035 with 1; null when it
+// has none after 20 s or gives no such answer 30 s later.
+inline HWND agent_when_ready()
+{
+    eventually([] { return find_agent_window() != nullptr; });
+    return agent_window_when_ready(platform_executable_dir(), nullptr, {30000, 50, 100, false});
+}
+
 class WindowsAgent {
 public:
     // With a kvllog.ini that forces the agent log on.
@@ -159,25 +168,11 @@ public:
         return start_process(program_path("tkeyagent.exe"), L"0");
     }
 
-    // Starts the agent and waits until it answers 1035 with 1.
-    HWND start() { return wait_ready_of(process_ = launch()); }
-
-    static HWND wait_ready_of(const PROCESS_INFORMATION &process)
+    // Starts the agent and waits until it is ready.
+    HWND start()
     {
-        HWND window = nullptr;
-        DWORD_PTR answer = 0;
-        bool ready = eventually([&] {
-            window = find_agent_window();
-            return (window && SendMessageTimeoutW(window, 1035, 0, 0, SMTO_ABORTIFHUNG, 5000, &answer) &&
-                    answer == 1) ||
-                   WaitForSingleObject(process.hProcess, 0) == WAIT_OBJECT_0;
-        });
-        DWORD code = STILL_ACTIVE;
-        GetExitCodeProcess(process.hProcess, &code);
-        if (ready && code == STILL_ACTIVE)
-            return window;
-        ADD_FAILURE() << "the agent did not become ready (exit code " << code << ")";
-        return nullptr;
+        process_ = launch();
+        return agent_when_ready();
     }
 
     long close()
