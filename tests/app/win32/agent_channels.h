@@ -3,6 +3,7 @@
 #pragma once
 
 #include <windows.h>
+#include <aclapi.h>
 #include <sddl.h>
 
 #include <atomic>
@@ -127,6 +128,25 @@ inline bool agent_locked(HWND agent)
     Buffer body, reply;
     buffer_put_char(&body, SSH_AGENT_ZEM_ISLOCKED);
     return agent_pipe_request(pipe.get(), body, SSH_AGENT_ZEM_LOCKED, &reply);
+}
+
+// A pipe's access list is generic-all for the user alone. Wine keeps the
+// list without enforcing it.
+inline void expect_user_only(HANDLE pipe)
+{
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PACL dacl = nullptr;
+    LPWSTR sddl = nullptr, sid = nullptr;
+    std::vector<BYTE> user = current_user_sid();
+    ConvertSidToStringSidW(user.data(), &sid);
+    ASSERT_EQ(GetSecurityInfo(pipe, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                              &descriptor), ERROR_SUCCESS);
+    ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                         &sddl, nullptr);
+    EXPECT_EQ(std::wstring(sddl ? sddl : L""), L"D:(A;;GA;;;" + std::wstring(sid ? sid : L"") + L")");
+    LocalFree(sddl);
+    LocalFree(sid);
+    LocalFree(descriptor);
 }
 
 // Starts the ssh2 client script under the Windows build of Node.js with

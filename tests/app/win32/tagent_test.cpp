@@ -6,8 +6,8 @@ namespace {
 
 // Usage errors start no agent. The key store is written under a
 // passphrase: when TARNWELL_STORE_EXPORT names a folder, the Linux build's
-// test reads it back from there. After the restart the key signs, and stop
-// ends the agent.
+// test reads it back from there. After the restart the key signs, watch
+// prints each change and lock state, and stop ends the agent.
 TEST(TagentExe, AddsListsSignsAndRemovesAKeyThatSurvivesARestart)
 {
     WindowsAgent agent;
@@ -47,7 +47,21 @@ TEST(TagentExe, AddsListsSignsAndRemovesAKeyThatSurvivesARestart)
     expect_verifies(signature_of(call(pipe.get(), sign_request(listed.begin()->second, data, 2))), key.get(),
                     "rsa-sha2-256", "SHA256", "rsa", text_bytes(data));
 
+    // watch prints each change notice and each change of the lock state,
+    // and ends with the agent.
+    std::string out = agent.path("watch.out");
+    EXPECT_EQ(agent.tagent("lock").status, 0);
+    PROCESS_INFORMATION watcher = start_process(program_path("tagent.exe"), L"tagent.exe watch", out);
+    EXPECT_TRUE(agent.log_shows("register refresh"));
+    std::string expected;
+    for (const std::string &command : {unlock, std::string("lock"), unlock, std::string("remove --all")}) {
+        EXPECT_EQ(agent.tagent(command).status, 0) << command;
+        const char *state = command == "lock" ? "locked\r\n" : command == unlock ? "unlocked\r\n" : "";
+        expected += std::string("changed\r\n") + state;
+        EXPECT_TRUE(eventually([&] { return read_file_text(out) == expected; })) << read_file_text(out);
+    }
     EXPECT_EQ(agent.tagent("stop").status, 0);
+    EXPECT_EQ(wait_exit(&watcher), 0);
     EXPECT_EQ(agent.close(), 0);
 }
 

@@ -46,7 +46,7 @@ TEST(CommandLineNumber, ReadsTheWholeLineAsOneSignedNumber)
 // ssh2 on the OpenSSH pipe and Pageant (each line comes from a callback: a
 // Pageant helper that cannot start prints none) and clients that
 // misbehave. Two clients of the agent's own pipe get two names and
-// independent connections; reads are joined up to a request and cut at
+// independent connections with the user-only access list; reads are joined up to a request and cut at
 // 131072 bytes; garbage, a vanishing client and a pipe nobody opens disturb
 // no other. A second start and the menu's exit; a start by a client while
 // another program holds the OpenSSH pipe's name.
@@ -67,6 +67,7 @@ TEST(Tkeyagent, ServesEveryWayInStartsOnceAndStopsInOrder)
 
     WinHandle steady = openssh_pipe_open();
     ASSERT_TRUE(steady && lists(steady.get()));
+    expect_user_only(steady.get());
     // A sign request whose key blob claims four gigabytes ends its
     // connection at once, and no other.
     {
@@ -112,6 +113,7 @@ TEST(Tkeyagent, ServesEveryWayInStartsOnceAndStopsInOrder)
     ASSERT_TRUE(first && second);
     EXPECT_NE(first_id, second_id);
     EXPECT_TRUE(lists(second.get()) && lists(first.get()) && lists(second.get()));
+    expect_user_only(first.get());
 
     // One byte, then four more: the agent's first read takes the one alone.
     ASSERT_TRUE(write_bytes(first.get(), {LIST_REQUEST[0]}));
