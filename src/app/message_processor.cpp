@@ -13,6 +13,7 @@
 #include "app/thread_services.h"
 #include "log/agent_log.h"
 #include "log/log.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -32,6 +33,7 @@ struct HandOver {
     std::mutex request_mutex;  // admits one submitter at a time
     std::atomic<int> busy{0};
     std::atomic<std::thread::id> thread_id{};
+    std::atomic<int> shared_core{-1};  // the core the thread is to keep to; -1: any
     // The slot: a client request, or a piece of the shell's work on the
     // agent's state. The mutex and the events order every access.
     RequestContext *pending = nullptr;
@@ -65,7 +67,11 @@ void thread_loop(HandOver *state)
     processor_pki_create();
     state->events.set(DONE_EVENT);
 
+    int bound_core = -1;
     while (state->events.wait_any({STOP_EVENT, REQUEST_EVENT}) == REQUEST_EVENT) {
+        int core = state->shared_core.load(std::memory_order_relaxed);
+        if (core != bound_core && platform_bind_current_thread(core))
+            bound_core = core;
         if (RequestContext *ctx = state->pending) {
             state->pending = nullptr;
             dispatch_request(ctx);
@@ -126,6 +132,19 @@ bool hand_over_task(HandOver *state, const std::function<void()> &task)
 }
 
 }  // namespace
+
+void message_processor_share_core(bool share)
+{
+    HandOver *state = hand_over().get();
+    if (state == nullptr)
+        return;
+    int core = share ? platform_current_core() : -1;
+    if (share && (core < 0 || !platform_bind_current_thread(core)))
+        return;
+    if (!share)
+        platform_bind_current_thread(-1);
+    state->shared_core = core;
+}
 
 void log_hand_over_busy() { agent_log("Already processing a message.  Wait for mutex to continue."); }
 

@@ -19,6 +19,14 @@ bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, 
                            uint32_t *reply_length, int32_t *agent_protocol, int32_t *forwarding_chain,
                            uint64_t connection);
 
+// Whether the calling thread and the message-processing thread keep to one
+// processor core: the calling thread at once, the message thread from its
+// next request on. A transport that submits many short requests back to back
+// from one thread asks for it while clients queue up: each hand-over then
+// passes the core to the other thread instead of waiting for the other
+// thread's core, which the clients are using. Off again, both run anywhere.
+void message_processor_share_core(bool share);
+
 // The line of a submitter that finds another request in the hand-over; for
 // transports that queue their clients' requests themselves and submit them
 // one after another.

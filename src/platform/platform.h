@@ -65,6 +65,13 @@ uint64_t platform_tick_count();
 // The calling thread's identifier, as the log lines show it.
 uint32_t platform_thread_id();
 
+// Keeps the calling thread on processor core `core`, or with -1 lets it run
+// again on every core the process started with. False when the system
+// refuses.
+bool platform_bind_current_thread(int core);
+// The core the calling thread runs on now; -1 when the system cannot tell.
+int platform_current_core();
+
 // `name` in `folder` (just `name` when the folder is empty).
 std::string platform_join_path(const std::string &folder, const std::string &name);
 

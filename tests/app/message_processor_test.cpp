@@ -4,8 +4,21 @@
 
 #include "agent/handlers.h"
 #include "app/message_processor.h"
+#include "platform/platform.h"
 #include "support/bytes.h"
 #include "support/log_capture.h"
+
+#if !defined(_WIN32)
+#include <sched.h>
+
+namespace {
+int allowed_cores()
+{
+    cpu_set_t cores;
+    return sched_getaffinity(0, sizeof cores, &cores) == 0 ? CPU_COUNT(&cores) : -1;
+}
+}  // namespace
+#endif
 
 // The message thread starts after the crypto module and the PKI layer and
 // stops before them; a request submitted from another thread gets its whole
@@ -29,6 +42,17 @@ TEST(MessageProcessor, SubmittedRequestsAndAnOrderlyStop)
         EXPECT_EQ(Bytes(reply, reply + length), expected);
         EXPECT_TRUE(expected.empty() || protocol == 2);
     }
+
+    // Sharing a core binds the caller at once and the message thread from
+    // its next piece of work on; ending it frees both.
+    message_processor_share_core(true);
+    int core = platform_current_core();
+    EXPECT_EQ(on_message_thread<int>([] { return platform_current_core(); }), core);
+    message_processor_share_core(false);
+#if !defined(_WIN32)
+    EXPECT_EQ(on_message_thread<int>(allowed_cores), allowed_cores());
+    EXPECT_GE(allowed_cores(), 1);
+#endif
 
     message_processor_stop();
     int pki = log.index_of("keyagent: PKI delete");

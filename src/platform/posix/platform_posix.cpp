@@ -12,7 +12,9 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
+#include <optional>
 #include <pwd.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -232,6 +234,26 @@ uint64_t platform_tick_count()
 }
 
 uint32_t platform_thread_id() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+
+bool platform_bind_current_thread(int core)
+{
+    // The cores the process started with, read before any thread is bound.
+    static const std::optional<cpu_set_t> process_cores = [] {
+        cpu_set_t cores;
+        return sched_getaffinity(0, sizeof cores, &cores) == 0 ? std::optional<cpu_set_t>(cores) : std::nullopt;
+    }();
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    if (core < 0 && process_cores)
+        cores = *process_cores;
+    else if (core >= 0 && core < CPU_SETSIZE)
+        CPU_SET(core, &cores);
+    else
+        return false;
+    return sched_setaffinity(0, sizeof cores, &cores) == 0;
+}
+
+int platform_current_core() { return sched_getcpu(); }
 
 std::string platform_join_path(const std::string &folder, const std::string &name)
 {

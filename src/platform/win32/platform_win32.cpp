@@ -227,6 +227,22 @@ uint64_t platform_tick_count() { return GetTickCount64(); }
 
 uint32_t platform_thread_id() { return GetCurrentThreadId(); }
 
+bool platform_bind_current_thread(int core)
+{
+    DWORD_PTR process = 0, system = 0;
+    if (!GetProcessAffinityMask(GetCurrentProcess(), &process, &system))
+        return false;
+    DWORD_PTR mask = process;
+    if (core >= 0) {
+        if (core >= static_cast<int>(sizeof(DWORD_PTR) * 8))
+            return false;
+        mask = static_cast<DWORD_PTR>(1) << core;
+    }
+    return SetThreadAffinityMask(GetCurrentThread(), mask) != 0;
+}
+
+int platform_current_core() { return static_cast<int>(GetCurrentProcessorNumber()); }
+
 std::string platform_join_path(const std::string &folder, const std::string &name)
 {
     if (folder.empty())
