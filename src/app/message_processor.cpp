@@ -101,21 +101,42 @@ void thread_body(HandOver *state)
     }
 }
 
-void hand_over_request(HandOver *state, RequestContext *ctx)
+}  // namespace
+
+// A request in the hand-over: the submitter holds the mutex until the reply
+// is taken.
+struct PendingRequest {
+    RequestContext ctx;
+    HandOver *state = nullptr;
+    std::unique_lock<std::mutex> lock;
+};
+
+namespace {
+
+void hand_over_begin(PendingRequest *request)
 {
+    HandOver *state = request->state;
     if (state == nullptr) {
         error("submit_client_request: the message-processing thread is not running");
         return;
     }
     if (state->busy.load())
         log_hand_over_busy();
-    std::lock_guard<std::mutex> guard(state->request_mutex);
+    request->lock = std::unique_lock<std::mutex>(state->request_mutex);
     state->busy = 1;
-    state->pending = ctx;
+    state->pending = &request->ctx;
     state->events.set(REQUEST_EVENT);
+}
+
+void hand_over_end(PendingRequest *request)
+{
+    HandOver *state = request->state;
+    if (!request->lock.owns_lock())
+        return;
     state->events.wait(DONE_EVENT);
     state->pending = nullptr;
     state->busy = 0;
+    request->lock.unlock();
 }
 
 // The shell's work goes through the same slot, so it never overlaps a
@@ -176,21 +197,33 @@ void message_processor_stop()
     state.reset();
 }
 
-bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, uint32_t reply_capacity,
-                           uint32_t *reply_length, int32_t *agent_protocol, int32_t *forwarding_chain,
-                           uint64_t connection)
+PendingRequest *begin_client_request(const uint8_t *data, uint32_t count, int32_t agent_protocol,
+                                     int32_t forwarding_chain, uint64_t connection)
 {
-    *reply_length = 0;
+    auto request = std::make_unique<PendingRequest>();
+    request->state = hand_over().get();
     try {
-        RequestContext ctx;
-        ctx.agent_protocol = agent_protocol ? *agent_protocol : 0;
-        ctx.forwarding_chain = forwarding_chain ? *forwarding_chain : 0;
+        RequestContext &ctx = request->ctx;
+        ctx.agent_protocol = agent_protocol;
+        ctx.forwarding_chain = forwarding_chain;
         ctx.connection = connection;
         buffer_append(&ctx.input, data, count);
         agent_log("Received client request");
+        hand_over_begin(request.get());
+    } catch (const FatalError &) {
+        run_fatal_shutdown();
+    }
+    return request.release();
+}
 
-        hand_over_request(hand_over().get(), &ctx);
-
+bool finish_client_request(PendingRequest *pending, uint8_t *reply, uint32_t reply_capacity, uint32_t *reply_length,
+                           int32_t *agent_protocol, int32_t *forwarding_chain)
+{
+    std::unique_ptr<PendingRequest> request(pending);
+    *reply_length = 0;
+    try {
+        hand_over_end(request.get());
+        RequestContext &ctx = request->ctx;
         uint32_t length = buffer_len(&ctx.output);
         if (length > reply_capacity) {
             error("submit_client_request: reply of %u bytes does not fit %u bytes; dropped", length,
@@ -209,6 +242,15 @@ bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, 
         run_fatal_shutdown();
     }
     return true;
+}
+
+bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, uint32_t reply_capacity,
+                           uint32_t *reply_length, int32_t *agent_protocol, int32_t *forwarding_chain,
+                           uint64_t connection)
+{
+    PendingRequest *request = begin_client_request(data, count, agent_protocol ? *agent_protocol : 0,
+                                                   forwarding_chain ? *forwarding_chain : 0, connection);
+    return finish_client_request(request, reply, reply_capacity, reply_length, agent_protocol, forwarding_chain);
 }
 
 void run_on_message_thread(const std::function<void()> &task)

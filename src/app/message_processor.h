@@ -27,6 +27,17 @@ bool submit_client_request(const uint8_t *data, uint32_t count, uint8_t *reply, 
 // thread's core, which the clients are using. Off again, both run anywhere.
 void message_processor_share_core(bool share);
 
+// The two halves of submit_client_request, for a transport that serves many
+// clients from one thread: between them the message thread works on the
+// request while the submitter reads and writes other clients. The submitter
+// holds the hand-over until it finishes, so it finishes each request it
+// began, before beginning the next; finishing frees the request.
+struct PendingRequest;
+PendingRequest *begin_client_request(const uint8_t *data, uint32_t count, int32_t agent_protocol,
+                                     int32_t forwarding_chain, uint64_t connection);
+bool finish_client_request(PendingRequest *request, uint8_t *reply, uint32_t reply_capacity, uint32_t *reply_length,
+                           int32_t *agent_protocol, int32_t *forwarding_chain);
+
 // The line of a submitter that finds another request in the hand-over; for
 // transports that queue their clients' requests themselves and submit them
 // one after another.

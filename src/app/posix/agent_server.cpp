@@ -79,8 +79,8 @@ private:
 };
 
 // One client: its requests, cut out of its bytes as on a thread of its own,
-// and the reply bytes the socket has not taken yet. While a reply waits,
-// nothing more of that client is read or processed.
+// and the reply bytes the socket has not taken yet. While a request or a
+// reply waits, nothing more of that client is read or processed.
 struct Connection {
     explicit Connection(int fd) : stream(std::make_unique<SocketStream>(fd)), reader(stream.get()) {}
     std::unique_ptr<SocketStream> stream;
@@ -90,7 +90,9 @@ struct Connection {
     uint32_t skip = 0;   // body bytes of an over-long request still to drop
     SecureBytes output;  // reply bytes not sent yet, from `sent`
     size_t sent = 0;
-    bool writing = false;  // waiting for the socket to take output
+    bool writing = false;    // waiting for the socket to take output
+    bool in_flight = false;  // its request is with the message thread
+    bool ended = false;      // to be closed: its bytes were rejected or it is gone
 };
 
 class EventLoop {
@@ -180,6 +182,9 @@ private:
 
     void close_connection(uint64_t id)
     {
+        // The shutdown's clean-up goes through the hand-over, which the
+        // request out holds.
+        settle();
         auto found = connections_.find(id);
         if (found == connections_.end())
             return;
@@ -222,11 +227,70 @@ private:
         return true;
     }
 
-    // Answers every whole request that has arrived, in order, as long as
-    // the socket takes the replies; false when the connection is to end.
+    // Waits for the reply of the request with the message thread and keeps
+    // it for its connection; returns that connection (null when no request
+    // was out) and in `*keep` whether it stays open.
+    Connection *finish_in_flight(bool *keep)
+    {
+        Connection *c = in_flight_.connection;
+        if (c == nullptr)
+            return nullptr;
+        uint32_t reply_length = 0;
+        bool stays = finish_client_request(in_flight_.request, reply_.get(), AGENT_MAX_REPLY, &reply_length,
+                                           &c->agent_protocol, &c->forwarding_chain);
+        quick_requests_ = std::chrono::steady_clock::now() - in_flight_.start < QUICK_REQUEST;
+        c->in_flight = false;
+        c->skip = in_flight_.skip;
+        in_flight_ = {};
+        c->output.assign(reply_.get(), reply_.get() + reply_length);
+        wipe_memory(reply_.get(), reply_length);
+        *keep = stays;
+        return c;
+    }
+
+    // Sends the reply of a finished request. The connection goes on the
+    // ready list: it may hold more requests, or (rejected or gone) it is to
+    // be closed, which happens there, never under a caller that uses it.
+    void deliver(Connection *c, bool keep)
+    {
+        if (!keep || (!c->skip && !flush(c)))
+            c->ended = true;
+        ready_.push_back(c->id);
+    }
+
+    // Answers the request out, if any.
+    void settle()
+    {
+        bool keep = true;
+        if (Connection *c = finish_in_flight(&keep))
+            deliver(c, keep);
+    }
+
+    // Hands `c`'s request over. Working on cores of their own, the loop
+    // takes the reply of the request before it only now, and sends it while
+    // the message thread works on this one. Sharing a core, the message
+    // thread runs only while the loop waits, so the loop waits at once.
+    void hand_over(Connection *c, const uint8_t *request, uint32_t size, uint32_t skip)
+    {
+        bool keep = true;
+        Connection *previous = finish_in_flight(&keep);
+        in_flight_.request = begin_client_request(request, size, c->agent_protocol, c->forwarding_chain, c->id);
+        in_flight_.connection = c;
+        in_flight_.skip = skip;
+        in_flight_.start = std::chrono::steady_clock::now();
+        c->in_flight = true;
+        handed_over_ = true;
+        if (previous)
+            deliver(previous, keep);
+        if (sharing_core_)
+            settle();
+    }
+
+    // Hands over the next whole request that has arrived, if the client
+    // waits for nothing; false when the connection is to end.
     bool answer(Connection *c, uint64_t *submitted)
     {
-        while (!c->writing) {
+        while (!c->writing && !c->in_flight && !c->ended) {
             if (c->skip) {
                 if (!c->reader.discard(&c->skip))
                     return c->stream->would_block();
@@ -244,25 +308,16 @@ private:
             if (*submitted && *submitted != c->id)
                 log_hand_over_busy();
             *submitted = c->id;
-            uint32_t reply_length = 0;
-            auto start = std::chrono::steady_clock::now();
-            bool keep = submit_client_request(request, size, reply_.get(), AGENT_MAX_REPLY, &reply_length,
-                                              &c->agent_protocol, &c->forwarding_chain, c->id);
-            quick_requests_ = std::chrono::steady_clock::now() - start < QUICK_REQUEST;
+            hand_over(c, request, size, skip);
             c->reader.release();
-            if (!keep)
-                return false;
-            c->skip = skip;
-            c->output.assign(reply_.get(), reply_.get() + reply_length);
-            wipe_memory(reply_.get(), reply_length);
-            if (!c->skip && !flush(c))
-                return false;
         }
-        return true;
+        return !c->ended;
     }
 
     bool serve(Connection *c, uint32_t events, uint64_t *submitted)
     {
+        if (c->ended)
+            return false;
         if (events & (EPOLLIN | EPOLLHUP | EPOLLERR))
             c->stream->readable();
         if (c->writing) {
@@ -291,18 +346,18 @@ private:
     // clients take both. With one client, or with requests that keep the
     // message thread busy (signatures), they run apart: the loop's work
     // overlaps the clients' on the other core.
-    int wait_for_events(epoll_event *events, int capacity)
+    int wait_for_events(epoll_event *events, int capacity, bool may_sleep)
     {
-        if (sharing_core_) {
-            int n = epoll_wait(epoll_fd_, events, capacity, 0);
-            if (n > 0 && quick_requests_)
-                return n;
+        int n = 0;
+        if (!may_sleep || sharing_core_)
+            n = epoll_wait(epoll_fd_, events, capacity, 0);
+        if (n == 0 && may_sleep) {
             share_core(false);
-            if (n != 0)
-                return n;
+            n = epoll_wait(epoll_fd_, events, capacity, -1);
         }
-        int n = epoll_wait(epoll_fd_, events, capacity, -1);
-        if (n > 1 && quick_requests_)
+        if (!quick_requests_)
+            share_core(false);
+        else if (n > 1)
             share_core(true);
         return n;
     }
@@ -311,14 +366,17 @@ private:
     {
         epoll_event events[64];
         while (take_arrivals()) {
-            int n = wait_for_events(events, 64);
+            // With a request out, or clients that may hold more, look without sleeping.
+            int n = wait_for_events(events, 64, in_flight_.connection == nullptr && ready_.empty());
             if (n < 0 && errno != EINTR) {
                 agent_log("epoll_wait failed: %s", strerror(errno));
+                settle();
                 std::lock_guard<std::mutex> guard(lock_);
                 running_ = false;
                 return;
             }
-            uint64_t submitted = 0;  // the connection of the batch's last request
+            handed_over_ = false;
+            uint64_t submitted = 0;  // the connection of this turn's last request
             for (int i = 0; i < n; ++i) {
                 uint64_t id = events[i].data.u64;
                 if (id == 0) {
@@ -332,6 +390,16 @@ private:
                 if (found != connections_.end() && !serve(found->second.get(), events[i].events, &submitted))
                     close_connection(id);
             }
+            std::vector<uint64_t> ready;
+            ready.swap(ready_);
+            for (uint64_t id : ready) {
+                auto found = connections_.find(id);
+                if (found != connections_.end() && !answer(found->second.get(), &submitted))
+                    close_connection(id);
+            }
+            // Nothing new to hand over: the request out is answered now.
+            if (!handed_over_)
+                settle();
         }
     }
 
@@ -343,6 +411,15 @@ private:
     std::map<uint64_t, std::unique_ptr<Connection>> connections_;
     bool sharing_core_ = false;   // with the message thread
     bool quick_requests_ = true;  // the last request took less than QUICK_REQUEST
+    // The request with the message thread: at most one.
+    struct {
+        Connection *connection = nullptr;
+        PendingRequest *request = nullptr;
+        uint32_t skip = 0;  // body bytes of an over-long request to drop after it
+        std::chrono::steady_clock::time_point start;
+    } in_flight_;
+    bool handed_over_ = false;     // in this turn of the loop
+    std::vector<uint64_t> ready_;  // answered clients that may hold more requests
     std::unique_ptr<uint8_t[]> reply_{new uint8_t[AGENT_MAX_REPLY]};
 };
 
