@@ -390,9 +390,9 @@ private:
                 if (found != connections_.end() && !serve(found->second.get(), events[i].events, &submitted))
                     close_connection(id);
             }
-            std::vector<uint64_t> ready;
-            ready.swap(ready_);
-            for (uint64_t id : ready) {
+            answering_.swap(ready_);
+            ready_.clear();
+            for (uint64_t id : answering_) {
                 auto found = connections_.find(id);
                 if (found != connections_.end() && !answer(found->second.get(), &submitted))
                     close_connection(id);
@@ -418,8 +418,9 @@ private:
         uint32_t skip = 0;  // body bytes of an over-long request to drop after it
         std::chrono::steady_clock::time_point start;
     } in_flight_;
-    bool handed_over_ = false;     // in this turn of the loop
-    std::vector<uint64_t> ready_;  // answered clients that may hold more requests
+    bool handed_over_ = false;         // in this turn of the loop
+    std::vector<uint64_t> ready_;      // answered clients that may hold more requests
+    std::vector<uint64_t> answering_;  // those of the last turn, being served
     std::unique_ptr<uint8_t[]> reply_{new uint8_t[AGENT_MAX_REPLY]};
 };
 
