@@ -90,9 +90,8 @@ struct Connection {
     uint32_t skip = 0;   // body bytes of an over-long request still to drop
     SecureBytes output;  // reply bytes not sent yet, from `sent`
     size_t sent = 0;
-    bool writing = false;    // waiting for the socket to take output
-    bool in_flight = false;  // its request is with the message thread
-    bool ended = false;      // to be closed: its bytes were rejected or it is gone
+    bool writing = false;  // waiting for the socket to take output
+    bool ended = false;    // to be closed: its bytes were rejected or it is gone
 };
 
 class EventLoop {
@@ -239,7 +238,6 @@ private:
         bool stays = finish_client_request(in_flight_.request, reply_.get(), AGENT_MAX_REPLY, &reply_length,
                                            &c->agent_protocol, &c->forwarding_chain);
         quick_requests_ = std::chrono::steady_clock::now() - in_flight_.start < QUICK_REQUEST;
-        c->in_flight = false;
         c->skip = in_flight_.skip;
         in_flight_ = {};
         c->output.assign(reply_.get(), reply_.get() + reply_length);
@@ -278,7 +276,6 @@ private:
         in_flight_.connection = c;
         in_flight_.skip = skip;
         in_flight_.start = std::chrono::steady_clock::now();
-        c->in_flight = true;
         handed_over_ = true;
         if (previous)
             deliver(previous, keep);
@@ -290,7 +287,7 @@ private:
     // waits for nothing; false when the connection is to end.
     bool answer(Connection *c, uint64_t *submitted)
     {
-        while (!c->writing && !c->in_flight && !c->ended) {
+        while (!c->writing && in_flight_.connection != c && !c->ended) {
             if (c->skip) {
                 if (!c->reader.discard(&c->skip))
                     return c->stream->would_block();
