@@ -227,31 +227,31 @@ private:
     }
 
     // Waits for the reply of the request with the message thread and keeps
-    // it for its connection; returns that connection (null when no request
-    // was out) and in `*keep` whether it stays open.
-    Connection *finish_in_flight(bool *keep)
+    // it for its connection (marked ended when its bytes were rejected);
+    // returns that connection, null when no request was out.
+    Connection *finish_in_flight()
     {
         Connection *c = in_flight_.connection;
         if (c == nullptr)
             return nullptr;
         uint32_t reply_length = 0;
-        bool stays = finish_client_request(in_flight_.request, reply_.get(), AGENT_MAX_REPLY, &reply_length,
-                                           &c->agent_protocol, &c->forwarding_chain);
+        if (!finish_client_request(in_flight_.request, reply_.get(), AGENT_MAX_REPLY, &reply_length,
+                                   &c->agent_protocol, &c->forwarding_chain))
+            c->ended = true;
         quick_requests_ = std::chrono::steady_clock::now() - in_flight_.start < QUICK_REQUEST;
         c->skip = in_flight_.skip;
         in_flight_ = {};
         c->output.assign(reply_.get(), reply_.get() + reply_length);
         wipe_memory(reply_.get(), reply_length);
-        *keep = stays;
         return c;
     }
 
     // Sends the reply of a finished request. The connection goes on the
     // ready list: it may hold more requests, or (rejected or gone) it is to
     // be closed, which happens there, never under a caller that uses it.
-    void deliver(Connection *c, bool keep)
+    void deliver(Connection *c)
     {
-        if (!keep || (!c->skip && !flush(c)))
+        if (!c->ended && !c->skip && !flush(c))
             c->ended = true;
         ready_.push_back(c->id);
     }
@@ -259,9 +259,8 @@ private:
     // Answers the request out, if any.
     void settle()
     {
-        bool keep = true;
-        if (Connection *c = finish_in_flight(&keep))
-            deliver(c, keep);
+        if (Connection *c = finish_in_flight())
+            deliver(c);
     }
 
     // Hands `c`'s request over. Working on cores of their own, the loop
@@ -270,15 +269,14 @@ private:
     // thread runs only while the loop waits, so the loop waits at once.
     void hand_over(Connection *c, const uint8_t *request, uint32_t size, uint32_t skip)
     {
-        bool keep = true;
-        Connection *previous = finish_in_flight(&keep);
+        Connection *previous = finish_in_flight();
         in_flight_.request = begin_client_request(request, size, c->agent_protocol, c->forwarding_chain, c->id);
         in_flight_.connection = c;
         in_flight_.skip = skip;
         in_flight_.start = std::chrono::steady_clock::now();
         handed_over_ = true;
         if (previous)
-            deliver(previous, keep);
+            deliver(previous);
         if (sharing_core_)
             settle();
     }
